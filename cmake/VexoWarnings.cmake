@@ -1,0 +1,15 @@
+# Per-target warning and sanitizer settings: nothing here touches global flags.
+
+function(vexo_target_warnings target)
+    target_compile_options(${target} PRIVATE
+        -Wall -Wextra -Werror -Wshadow -Wformat=2 -Wcast-align -Wnull-dereference
+        $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Wold-style-cast -Woverloaded-virtual>)
+endfunction()
+
+function(vexo_target_sanitize target)
+    if(VEXO_SANITIZE)
+        target_compile_options(${target} PRIVATE -fsanitize=${VEXO_SANITIZE} -fno-omit-frame-pointer
+            -fno-sanitize-recover=all)
+        target_link_options(${target} PUBLIC -fsanitize=${VEXO_SANITIZE})
+    endif()
+endfunction()
