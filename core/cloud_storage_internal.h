@@ -136,6 +136,10 @@ struct cloud_storage_ctl_t {
     cloud_storage_event events[CS_EVENT_SLOTS];
     vexo_hw_aes_t aes_handle;
     cs_word<int32_t> audio_enable;
+    /// Bumped by init each time it starts an upload thread. A thread whose generation is no
+    /// longer current (init ran again before it had left) ends without touching anything the
+    /// current thread owns.
+    cs_word<uint32_t> thread_generation;
 };
 
 /// Frame handed from the upload thread to frame intake.
@@ -155,6 +159,9 @@ struct media_entry_header_t {
     uint64_t pts;
 };
 constexpr uint32_t MEDIA_ENTRY_HEADER_SIZE = 24;
+static_assert(sizeof(media_entry_header_t) == MEDIA_ENTRY_HEADER_SIZE, "entry header layout");
+static_assert(offsetof(media_entry_header_t, timestamp) == 8, "entry header layout");
+static_assert(offsetof(media_entry_header_t, pts) == 16, "entry header layout");
 constexpr uint32_t MEDIA_ENTRY_SLACK = MEDIA_ENTRY_HEADER_SIZE + 16; // header + one cipher block
 
 // ---- state ---------------------------------------------------------------------------------
@@ -166,6 +173,9 @@ extern const uint8_t s_aes_iv[16];
 /// Puts every static of the module back to its program-start value (tests only: a process
 /// normally starts once).
 void cloud_storage_reset_statics();
+void cloud_storage_reset_event_statics();  // next event id
+void cloud_storage_reset_config_statics(); // daily refresh day and latch
+void cloud_storage_reset_intake_statics(); // first-key-frame flag and midnight latch
 
 // ---- core: key and slice-duration store ----------------------------------------------------
 
@@ -244,6 +254,7 @@ struct upload_thread_state {
     int32_t pause_handled;
     uint8_t *mute_buffer;
     uint32_t mute_buffer_size;
+    uint32_t generation; // thread_generation when this thread started
 };
 /// Opens the readers, waits for the configuration and repairs the event table. false when
 /// the video reader cannot be opened (the thread then ends).
