@@ -70,6 +70,11 @@ constexpr uint32_t CS_MAX_SLICE_DURATION = 60;
 constexpr uint32_t CS_GROUP_SECONDS = 1799;
 constexpr uint32_t CS_AUDIO_CHANNEL = 9;
 
+/// Plain event notification text, built when an event stops and by the event-notify call.
+/// An array, not a pointer, so that printf-format checking still sees it.
+constexpr char CS_EVENT_NOTIFY_FORMAT[] =
+    "{\"v\":2,\"startTime\":%d,\"endTime\":%d,\"eventType\":%d}";
+
 constexpr const char *KV_KEY_RECORD = "md5_encrypt_key";
 constexpr const char *KV_SLICE_RECORD = "storage_restriction";
 

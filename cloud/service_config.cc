@@ -1,0 +1,203 @@
+/// Service configuration: the store mode, the day's event quota and the silence interval,
+/// fetched from the kit's cloud configuration service, refreshed once a day just after local
+/// midnight, and the admission tests that the event calls and the upload thread ask.
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "core/cloud_storage_internal.h"
+#include "core/cs_log.h"
+
+// ---- constants ---------------------------------------------------------------------------
+
+namespace {
+
+constexpr auto kRelaxed = std::memory_order_relaxed;
+
+constexpr char kModeAlltime[] = "alltime";
+constexpr char kModeEvent[] = "event";
+constexpr char kModeNone[] = "max";
+constexpr char kCloudTypeAzure[] = "azure";
+
+constexpr int32_t kConfigFlag = 1;
+constexpr size_t kAddressSize = 256;
+/// The daily refresh runs in the first hour after local midnight, from minute 3 on.
+constexpr int kRefreshHour = 0;
+constexpr int kRefreshLastQuietMinute = 2;
+
+// ---- file-level state --------------------------------------------------------------------
+
+/// Day of the month of the last daily-refresh check (-1: none yet) and whether that day's
+/// refresh has succeeded. Callers on several threads read and write them without a lock,
+/// one whole word at a time.
+cs_word<int32_t> update_day{-1};
+cs_word<int32_t> new_day_update{0};
+
+// ---- helpers -----------------------------------------------------------------------------
+
+cloud_storage_ctl_t *ctl() {
+    return &cloud_storage_ctl;
+}
+
+void mark_store_mode_text_none(vexo_storage_config_t *cfg) {
+    snprintf(cfg->store_mode, sizeof(cfg->store_mode), "%s", kModeNone);
+}
+
+/// Appends src to the text in dst (capacity cap), cut short as a bounded print would be.
+void append_text(char *dst, size_t cap, const char *src) {
+    size_t len = strlen(dst);
+    while (*src != '\0' && len + 1 < cap) {
+        dst[len++] = *src++;
+    }
+    dst[len] = '\0';
+}
+
+/// Composes the storage address from the configuration, as the upload path's addressing
+/// does: for "azure" the azure address and the suffix joined directly, otherwise the prefix
+/// and the suffix joined with a dot. Nothing here uses the address; it is kept for parity
+/// with that path and is harmless.
+void compose_storage_address(const vexo_storage_config_t *cfg) {
+    char address[kAddressSize] = {};
+    if (strcmp(cfg->cloud_type, kCloudTypeAzure) == 0) {
+        append_text(address, sizeof(address), cfg->azure_address);
+    } else {
+        append_text(address, sizeof(address), cfg->address_prefix);
+        append_text(address, sizeof(address), ".");
+    }
+    append_text(address, sizeof(address), cfg->address_suffix);
+}
+
+int32_t get_ready() {
+    if (__check_silence_time(uni_time_get_posix()) != 0) {
+        return 0;
+    }
+    if (__check_event_count() == 0) {
+        return 1;
+    }
+    __update_cloud_storage_config_new_day();
+    return __check_event_count() == 0 ? 1 : 0;
+}
+
+} // namespace
+
+void cloud_storage_reset_config_statics() {
+    update_day.store(-1, kRelaxed);
+    new_day_update.store(0, kRelaxed);
+}
+
+// ---- fetch and apply ---------------------------------------------------------------------
+
+int32_t __update_cloud_storage_config() {
+    cloud_storage_ctl_t *c = ctl();
+    vexo_storage_config_t *cfg = &c->storage_config;
+    const uint32_t now = uni_time_get_posix();
+    cs_seq::time(70, now);
+
+    const int32_t ret = cloud_get_storage_config(cfg, kConfigFlag);
+    if (ret == CS_ORDER_INVALID || ret == CS_SERVICE_FAILED) {
+        CS_DBG("order expire or remote server error");
+        c->store_mode.store(STORE_MODE_NONE, kRelaxed);
+        c->have_config.store(1, kRelaxed);
+        mark_store_mode_text_none(cfg);
+        c->order_invalid_time.store(uni_time_get_posix(), kRelaxed);
+        cs_seq::report_code(71, ret);
+        return CS_ORDER_EXPIRED;
+    }
+    if (ret != 0) {
+        CS_ERR("fail to get cloud config ret %d", static_cast<int>(ret));
+        c->order_invalid_time.store(now, kRelaxed);
+        return ret;
+    }
+
+    CS_DBG("store mode update to %s", cfg->store_mode);
+    cs_seq::text(72, cfg->store_mode);
+    c->have_config.store(1, kRelaxed);
+
+    if (strcmp(cfg->store_mode, kModeAlltime) == 0) {
+        c->store_mode.store(STORE_MODE_ALLTIME, kRelaxed);
+        c->config_time.store(now, kRelaxed);
+    } else if (strcmp(cfg->store_mode, kModeEvent) == 0) {
+        c->store_mode.store(STORE_MODE_EVENT, kRelaxed);
+        c->config_time.store(now, kRelaxed);
+    } else {
+        c->store_mode.store(STORE_MODE_NONE, kRelaxed);
+        c->order_invalid_time.store(now, kRelaxed);
+        return CS_ORDER_EXPIRED;
+    }
+
+    c->count_left.store(cfg->count_left, kRelaxed);
+    c->silence_interval.store(static_cast<uint32_t>(cfg->silence_interval), kRelaxed);
+    CS_DBG("count_left: %d, silence_interval: %d", static_cast<int>(c->count_left.load(kRelaxed)),
+           static_cast<int>(c->silence_interval.load(kRelaxed)));
+    cs_seq::text(73, cfg->cloud_type);
+
+    compose_storage_address(cfg);
+    cs_seq::report_none(74);
+    return CS_OK;
+}
+
+// ---- admission tests ---------------------------------------------------------------------
+
+int32_t __check_silence_time(uint32_t now) {
+    cloud_storage_ctl_t *c = ctl();
+    const int32_t mode = c->store_mode.load(kRelaxed);
+    if (mode == STORE_MODE_EVENT) {
+        if (c->silence_interval.load(kRelaxed) != 0 && c->silence_end_time.load(kRelaxed) > now) {
+            CS_TRACE("cloud storage in silence time");
+            return CS_NOT_ALLOWED;
+        }
+        CS_TRACE("cloud storage out silence time");
+        return CS_OK;
+    }
+    if (mode == STORE_MODE_ALLTIME) {
+        return CS_OK;
+    }
+    return CS_FAIL;
+}
+
+int32_t __check_event_count() {
+    cloud_storage_ctl_t *c = ctl();
+    const int32_t count_left = c->count_left.load(kRelaxed);
+    CS_TRACE("cloud storage event count left: %d", static_cast<int>(count_left));
+    const int32_t mode = c->store_mode.load(kRelaxed);
+    if (mode == STORE_MODE_EVENT) {
+        return count_left == 0 ? CS_NOT_ALLOWED : CS_OK;
+    }
+    if (mode == STORE_MODE_ALLTIME) {
+        return CS_OK;
+    }
+    return CS_FAIL;
+}
+
+// ---- daily refresh -----------------------------------------------------------------------
+
+void __update_cloud_storage_config_new_day() {
+    const uint32_t now = uni_time_get_posix();
+    struct tm local = {};
+    (void)uni_local_time_get_custom(now, &local);
+
+    if (local.tm_mday != update_day.load(kRelaxed)) {
+        update_day.store(local.tm_mday, kRelaxed);
+        new_day_update.store(0, kRelaxed);
+    } else if (new_day_update.load(kRelaxed) == 1) {
+        return;
+    }
+    if (local.tm_min <= kRefreshLastQuietMinute) {
+        return;
+    }
+    if (local.tm_hour != kRefreshHour) {
+        return;
+    }
+    if (__update_cloud_storage_config() == CS_OK) {
+        new_day_update.store(1, kRelaxed);
+    } else {
+        CS_ERR("fail to update cloud storage config");
+    }
+}
+
+// ---- exported calls ----------------------------------------------------------------------
+
+extern "C" int32_t vexo_ipc_cloud_storage_get_ready(void) {
+    return get_ready();
+}
