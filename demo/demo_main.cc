@@ -1,0 +1,191 @@
+// A short demonstration of the module on the test kit: a simulated camera stream (25 fps,
+// key frame every 2 s, G.711 audio), a cloud in event mode that hands out a new key, one
+// motion event. It prints what the module told the cloud and uploaded, checks that every
+// uploaded media file is well formed and that every encrypted entry decrypts to the frame
+// that went in, and writes the files to an output directory.
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/cloud_storage_internal.h"
+#include "test_kit.h"
+
+namespace {
+
+constexpr char kStartApi[] = "vexo.device.ipc.media.storage.notify.upload.start";
+constexpr char kStopApi[] = "vexo.device.ipc.media.storage.notify.upload.stop";
+constexpr char kKey[] = "demoKey0123456789";
+const uint8_t kIv[16] = {0x5c, 0x1e, 0xa7, 0x33, 0x90, 0xd2, 0x4b, 0x68,
+                         0xf1, 0x0a, 0x87, 0xc5, 0x26, 0xe9, 0x7d, 0xb4};
+
+struct Entry {
+    uint32_t type;
+    uint32_t length;
+    uint64_t timestamp;
+    uint64_t pts;
+    std::vector<uint8_t> payload;
+};
+
+uint64_t le(const uint8_t *p, int bytes) {
+    uint64_t v = 0;
+    for (int i = bytes - 1; i >= 0; --i) {
+        v = (v << 8) | p[i];
+    }
+    return v;
+}
+
+/// Splits a media file into its entries; false with a message when it is malformed.
+bool parse_media(const std::vector<uint8_t> &file, std::vector<Entry> *entries,
+                 std::string *error) {
+    size_t at = 0;
+    while (at < file.size()) {
+        if (file.size() - at < 24) {
+            *error = "truncated header at offset " + std::to_string(at);
+            return false;
+        }
+        Entry e;
+        e.type = static_cast<uint32_t>(le(&file[at], 4));
+        e.length = static_cast<uint32_t>(le(&file[at + 4], 4));
+        e.timestamp = le(&file[at + 8], 8);
+        e.pts = le(&file[at + 16], 8);
+        if (file.size() - at - 24 < e.length) {
+            *error = "payload runs past the end at offset " + std::to_string(at);
+            return false;
+        }
+        e.payload.assign(file.begin() + static_cast<long>(at + 24),
+                         file.begin() + static_cast<long>(at + 24 + e.length));
+        entries->push_back(std::move(e));
+        at += 24 + e.length;
+    }
+    return true;
+}
+
+bool wait_for(const std::function<bool()> &done, int real_ms) {
+    for (int waited = 0; waited < real_ms; waited += 5) {
+        if (done()) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return done();
+}
+
+vexo_ipc_media_info_t camera_parameters() {
+    vexo_ipc_media_info_t media = {};
+    media.channel_enable[9] = 1;
+    media.video_fps[0] = 25;
+    media.video_gop[0] = 50;
+    media.video_bitrate[0] = 1024;
+    media.video_width[0] = 1920;
+    media.video_height[0] = 1080;
+    media.video_codec[0] = VEXO_CODEC_H264;
+    media.audio_codec[9] = VEXO_CODEC_G711A;
+    media.audio_sample[9] = 8000;
+    media.audio_databits[9] = 16;
+    media.audio_channel[9] = 1;
+    return media;
+}
+
+/// Checks one uploaded file; returns the number of entries that did not match their source.
+int verify_file(const tk::Upload &upload, int *frames) {
+    std::vector<Entry> entries;
+    std::string error;
+    if (!parse_media(upload.bytes, &entries, &error)) {
+        std::printf("  %-24s MALFORMED: %s\n", upload.file_name.c_str(), error.c_str());
+        return 1;
+    }
+    int bad = 0;
+    if (entries.empty() ||
+        (entries[0].type != VEXO_FRAME_I && entries[0].type != VEXO_FRAME_AUDIO)) {
+        std::printf("  %-24s does not start with a key frame or audio\n", upload.file_name.c_str());
+        ++bad;
+    }
+    int keys = 0;
+    int audio = 0;
+    for (const Entry &e : entries) {
+        const int32_t stream = e.type == VEXO_FRAME_AUDIO ? VEXO_STREAM_AUDIO : VEXO_STREAM_MAIN;
+        auto source = tk::frame_at(stream, e.timestamp);
+        if (!source) {
+            ++bad;
+            continue;
+        }
+        std::vector<uint8_t> plain = e.payload;
+        if (e.type == VEXO_FRAME_I || e.type == VEXO_FRAME_AUDIO) {
+            auto decrypted =
+                tk::aes_cbc_decrypt(reinterpret_cast<const uint8_t *>(kKey), kIv, e.payload);
+            plain = decrypted ? *decrypted : std::vector<uint8_t>();
+            (e.type == VEXO_FRAME_I ? keys : audio) += 1;
+        }
+        if (plain != tk::frame_bytes(*source)) {
+            ++bad;
+        }
+    }
+    *frames += static_cast<int>(entries.size());
+    std::printf("  %-24s %7zu bytes  %3zu entries (%d key, %d audio)  %s\n",
+                upload.file_name.c_str(), upload.bytes.size(), entries.size(), keys, audio,
+                bad == 0 ? "ok" : "MISMATCH");
+    return bad;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    const std::string out_dir = argc > 1 ? argv[1] : "demo-output";
+
+    tk::reset();
+    tk::set_time(1763800000); // a November afternoon, UTC
+    tk::set_default_restriction(0, 12, 4);
+    tk::set_default_storage_config(0, tk::make_storage_config("event", 12, 4, 30, 20));
+    // No key is stored yet: the cloud hands one out on the first start notification.
+    tk::queue_post_answer(kStartApi, 0,
+                          std::string("{\"needUpdate\":true,\"encryptKey\":\"") + kKey + "\"}");
+    tk::start_stream();
+
+    const vexo_ipc_media_info_t media = camera_parameters();
+    const vexo_ipc_cloud_storage_hooks_t hooks = {};
+    std::printf("init: %d\n", vexo_ipc_cloud_storage_init(&media, &hooks));
+    if (!wait_for([] { return vexo_ipc_cloud_storage_get_if_have_config() == 1; }, 5000)) {
+        std::printf("the module did not obtain its configuration\n");
+        return 1;
+    }
+    std::printf("store mode: %d (1 = event), ready: %d\n", vexo_ipc_cloud_storage_get_store_mode(),
+                vexo_ipc_cloud_storage_get_ready());
+
+    tk::advance(3000); // let the ring buffer fill beyond the pre-record time
+    std::printf("motion event start: %d\n", vexo_ipc_cloud_storage_event_start());
+    const bool finished = wait_for([] { return !tk::posts_of(kStopApi).empty(); }, 20000);
+    vexo_ipc_cloud_storage_uninit();
+    tk::wait_threads_exited(10000);
+    if (!finished) {
+        std::printf("the recording did not finish\n");
+        return 1;
+    }
+
+    std::printf("\ncloud notifications:\n");
+    for (const tk::Post &post : tk::posts()) {
+        std::printf("  %s\n    %s\n", post.api.c_str(), post.body.c_str());
+    }
+
+    std::printf("\nuploaded media files:\n");
+    std::filesystem::create_directories(out_dir);
+    int bad = 0;
+    int frames = 0;
+    const std::vector<tk::Upload> uploads = tk::uploads();
+    for (const tk::Upload &upload : uploads) {
+        bad += verify_file(upload, &frames);
+        std::ofstream(out_dir + "/" + upload.file_name, std::ios::binary)
+            .write(reinterpret_cast<const char *>(upload.bytes.data()),
+                   static_cast<std::streamsize>(upload.bytes.size()));
+    }
+    std::printf("\n%zu files, %d frame entries written to %s/: %s\n", uploads.size(), frames,
+                out_dir.c_str(),
+                bad == 0 && !uploads.empty() ? "every entry matches its source frame"
+                                             : "MISMATCHES FOUND");
+    return bad == 0 && !uploads.empty() ? 0 : 1;
+}
