@@ -1,5 +1,7 @@
 # Third-party libraries from the system (Debian packages, or an armhf sysroot when cross
-# compiling): cJSON for the module, OpenSSL's libcrypto for the kits.
+# compiling): cJSON for the module, OpenSSL's libcrypto for the kits, GoogleTest built from
+# the sources in /usr/src/googletest for the tests, Google Benchmark for the benchmarks.
+# scripts/install-deps.sh installs all of them.
 
 find_path(VEXO_CJSON_INCLUDE_DIR cjson/cJSON.h REQUIRED)
 find_library(VEXO_CJSON_LIBRARY cjson REQUIRED)
@@ -7,3 +9,47 @@ add_library(vexo::cjson UNKNOWN IMPORTED)
 set_target_properties(vexo::cjson PROPERTIES
     IMPORTED_LOCATION ${VEXO_CJSON_LIBRARY}
     INTERFACE_INCLUDE_DIRECTORIES ${VEXO_CJSON_INCLUDE_DIR})
+
+# ---- threads ----
+set(THREADS_PREFER_PTHREAD_FLAG ON)
+find_package(Threads REQUIRED)
+
+# ---- OpenSSL's libcrypto (OpenSSL::Crypto), for the kits ----
+find_package(OpenSSL REQUIRED COMPONENTS Crypto)
+# Debian keeps the architecture-specific OpenSSL headers (openssl/configuration.h) in the
+# multiarch include directory. The host compiler searches it on its own; a cross compiler
+# does not search the sysroot's, so add it to the imported target.
+if(CMAKE_CROSSCOMPILING AND CMAKE_LIBRARY_ARCHITECTURE)
+    # find_path looks in <prefix>/include/<architecture> before <prefix>/include.
+    find_path(VEXO_OPENSSL_ARCH_INCLUDE_DIR openssl/configuration.h)
+    if(VEXO_OPENSSL_ARCH_INCLUDE_DIR AND NOT VEXO_OPENSSL_ARCH_INCLUDE_DIR STREQUAL OPENSSL_INCLUDE_DIR)
+        set_property(TARGET OpenSSL::Crypto APPEND PROPERTY
+            INTERFACE_INCLUDE_DIRECTORIES ${VEXO_OPENSSL_ARCH_INCLUDE_DIR})
+    endif()
+endif()
+
+# ---- GoogleTest and GoogleMock, from source ----
+# Built inside this project so that they use the same compiler (native or cross) and the same
+# sanitizer flags as the tests. Only built when a test links them (EXCLUDE_FROM_ALL).
+if(VEXO_BUILD_TESTS)
+    set(VEXO_GOOGLETEST_SOURCE_DIR /usr/src/googletest CACHE PATH "GoogleTest sources (Debian package googletest)")
+    if(NOT EXISTS ${VEXO_GOOGLETEST_SOURCE_DIR}/CMakeLists.txt)
+        message(FATAL_ERROR "GoogleTest sources not found in ${VEXO_GOOGLETEST_SOURCE_DIR}; run scripts/install-deps.sh")
+    endif()
+    set(BUILD_GMOCK ON CACHE BOOL "" FORCE)
+    set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
+    set(gtest_build_tests OFF CACHE BOOL "" FORCE)
+    set(gmock_build_tests OFF CACHE BOOL "" FORCE)
+    add_subdirectory(${VEXO_GOOGLETEST_SOURCE_DIR} ${CMAKE_BINARY_DIR}/third_party/googletest EXCLUDE_FROM_ALL)
+    foreach(gtest_target IN ITEMS gtest gtest_main gmock gmock_main)
+        vexo_target_sanitize(${gtest_target})
+    endforeach()
+    add_library(vexo::gtest ALIAS gtest)
+    add_library(vexo::gtest_main ALIAS gtest_main)
+    add_library(vexo::gmock ALIAS gmock)
+endif()
+
+# ---- Google Benchmark, for the benchmarks (native builds only) ----
+if(VEXO_BUILD_BENCH AND NOT CMAKE_CROSSCOMPILING)
+    find_package(benchmark REQUIRED)
+endif()

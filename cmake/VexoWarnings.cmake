@@ -13,3 +13,12 @@ function(vexo_target_sanitize target)
         target_link_options(${target} PUBLIC -fsanitize=${VEXO_SANITIZE})
     endif()
 endfunction()
+
+# Line coverage with gcc's --coverage, for targets whose coverage is measured (the module).
+# The link option is public so that every executable linking the target gets libgcov.
+function(vexo_target_coverage target)
+    if(VEXO_COVERAGE)
+        target_compile_options(${target} PRIVATE --coverage -O0)
+        target_link_options(${target} PUBLIC --coverage)
+    endif()
+endfunction()

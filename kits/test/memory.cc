@@ -85,8 +85,8 @@ void release(tk::Pool pool, void *ptr, const char *what) {
             // Released anyway so that the wrong call does not also show as a leak.
             other.bytes -= oit->second.first;
             other.blocks.erase(oit);
-            std::free(ptr);
             msg << what << " of a block from the other allocator " << ptr;
+            std::free(ptr);
         } else {
             msg << what << " of a pointer not allocated or already freed " << ptr;
         }

@@ -6,11 +6,11 @@
 
 #include "vexo_ipc_cloud_storage.h"
 
-#define EXPECT_EQ_C(failures, expr, want)                                                      \
-    do {                                                                                       \
-        if ((expr) != (want)) {                                                                \
-            ++(failures);                                                                      \
-        }                                                                                      \
+#define EXPECT_EQ_C(failures, expr, want)                                                          \
+    do {                                                                                           \
+        if ((expr) != (want)) {                                                                    \
+            ++(failures);                                                                          \
+        }                                                                                          \
     } while (0)
 
 int c_abi_exercise_uninitialised(void) {

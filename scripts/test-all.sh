@@ -1,0 +1,230 @@
+#!/usr/bin/env bash
+# Builds the project in every configuration and runs every test. Stops at the first stage
+# that fails and exits non-zero; prints a summary of the stages at the end.
+#
+#   scripts/test-all.sh [stage...] [cmake option...]
+#
+# Stages (default: all, in this order):
+#   native    gcc Debug build (benchmarks compiled too) + ctest
+#   asan      AddressSanitizer + UndefinedBehaviorSanitizer build + ctest
+#   tsan      ThreadSanitizer build + ctest
+#   armhf     arm-linux-gnueabihf cross build + ctest under qemu-arm; size of the module
+#   format    clang-format --dry-run -Werror over the tracked C/C++ sources
+#   coverage  --coverage build + ctest; prints "module line coverage: NN%"
+# cmake options (arguments starting with -D, e.g. -DVEXO_BUILD_DEMO=OFF) are passed to every
+# configure step, after the stage's own options.
+#
+# Environment:
+#   VEXO_SKIP_INSTALL=1    do not run scripts/install-deps.sh first
+#   VEXO_SKIP_COVERAGE=1   skip the coverage stage
+#   VEXO_CLEAN=1           delete a stage's build directory before configuring
+#   VEXO_JOBS=N            parallel build and test jobs (default 2)
+#   VEXO_BUILD_ROOT=dir    where the build/<config> directories go (default <repo>/build)
+set -euo pipefail
+
+ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+BUILD_ROOT="${VEXO_BUILD_ROOT:-${ROOT}/build}"
+JOBS="${VEXO_JOBS:-2}"
+ALL_STAGES=(native asan tsan armhf format coverage)
+ARMHF_TRIPLET=arm-linux-gnueabihf
+MODULE_LIB=libvexo_ipc_cloud_storage.a
+# Directories whose sources make up the module (the coverage figure is over these).
+MODULE_DIRS=(core events cloud upload)
+
+usage() { sed -n '2,/^set -euo pipefail/p' "${BASH_SOURCE[0]}" | sed '$d; s/^# \{0,1\}//'; }
+
+stages=()
+cmake_args=()
+for arg in "$@"; do
+    case "${arg}" in
+    -h | --help)
+        usage
+        exit 0
+        ;;
+    -*) cmake_args+=("${arg}") ;;
+    *)
+        if [[ " ${ALL_STAGES[*]} " != *" ${arg} "* ]]; then
+            echo "test-all: unknown stage '${arg}' (stages: ${ALL_STAGES[*]})" >&2
+            exit 2
+        fi
+        stages+=("${arg}")
+        ;;
+    esac
+done
+((${#stages[@]})) || stages=("${ALL_STAGES[@]}")
+
+mkdir -p "${BUILD_ROOT}"
+NOTES_FILE="${BUILD_ROOT}/test-all-notes.txt"
+: >"${NOTES_FILE}"
+
+say() { printf '\n==> %s\n' "$*"; }
+note() { printf '%s\n' "$*" | tee -a "${NOTES_FILE}"; }
+
+# ---- helpers used by the stages (each stage runs in a subshell with errexit on) ----
+
+configure_and_build() { # <config> <cmake args...>
+    local config="$1"
+    shift
+    local dir="${BUILD_ROOT}/${config}"
+    if [[ "${VEXO_CLEAN:-0}" == 1 ]]; then
+        rm -rf "${dir}"
+    fi
+    say "${config}: configure"
+    cmake -S "${ROOT}" -B "${dir}" "$@" "${cmake_args[@]}"
+    say "${config}: build (-j${JOBS})"
+    cmake --build "${dir}" --parallel "${JOBS}"
+}
+
+run_ctest() { # <config> [prefix command...]
+    local config="$1"
+    shift
+    say "${config}: ctest (-j${JOBS})"
+    # --no-tests=error: a configuration without any test is a failure, not a pass.
+    "$@" ctest --test-dir "${BUILD_ROOT}/${config}" --output-on-failure --no-tests=error \
+        --parallel "${JOBS}"
+}
+
+stage_native() {
+    configure_and_build native -DCMAKE_BUILD_TYPE=Debug -DVEXO_BUILD_BENCH=ON
+    run_ctest native
+}
+
+stage_asan() {
+    export ASAN_OPTIONS="detect_leaks=1 abort_on_error=1${ASAN_OPTIONS:+ ${ASAN_OPTIONS}}"
+    export UBSAN_OPTIONS="print_stacktrace=1 halt_on_error=1${UBSAN_OPTIONS:+ ${UBSAN_OPTIONS}}"
+    configure_and_build asan -DCMAKE_BUILD_TYPE=Debug -DVEXO_SANITIZE=address,undefined
+    run_ctest asan
+}
+
+stage_tsan() {
+    export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1${TSAN_OPTIONS:+ ${TSAN_OPTIONS}}"
+    configure_and_build tsan -DCMAKE_BUILD_TYPE=Debug -DVEXO_SANITIZE=thread
+    # gcc 12's ThreadSanitizer cannot map its shadow memory when the kernel randomises
+    # mmap addresses with more than 28 bits; run the tests without address randomisation then.
+    local runner=()
+    local rnd_bits
+    rnd_bits="$(cat /proc/sys/vm/mmap_rnd_bits 2>/dev/null || echo 0)"
+    if ((rnd_bits > 28)); then
+        echo "tsan: vm.mmap_rnd_bits=${rnd_bits}: running the tests under setarch -R"
+        runner=(setarch "$(uname -m)" -R)
+    fi
+    run_ctest tsan "${runner[@]}"
+}
+
+stage_armhf() {
+    configure_and_build armhf -DCMAKE_BUILD_TYPE=MinSizeRel \
+        -DCMAKE_TOOLCHAIN_FILE="${ROOT}/cmake/toolchain-armhf.cmake"
+    run_ctest armhf
+    local lib="${BUILD_ROOT}/armhf/${MODULE_LIB}"
+    [[ -f "${lib}" ]] || {
+        echo "armhf: ${lib} was not built" >&2
+        return 1
+    }
+    say "armhf: ${ARMHF_TRIPLET}-size ${MODULE_LIB} (MinSizeRel)"
+    local table totals
+    table="$("${ARMHF_TRIPLET}-size" -t "${lib}")"
+    printf '%s\n' "${table}"
+    totals="$(printf '%s\n' "${table}" | awk '/\(TOTALS\)/ {print "text=" $1 " data=" $2 " bss=" $3 " total=" $4 " bytes"}')"
+    [[ -n "${totals}" ]] || {
+        echo "armhf: no totals line in the size output" >&2
+        return 1
+    }
+    note "armhf ${MODULE_LIB} (MinSizeRel): ${totals}"
+}
+
+stage_format() {
+    say "format: clang-format --dry-run -Werror ($(clang-format --version))"
+    local files=()
+    mapfile -d '' files < <(git -C "${ROOT}" -c safe.directory="${ROOT}" ls-files -z -- \
+        '*.c' '*.cc' '*.cpp' '*.cxx' '*.h' '*.hh' '*.hpp')
+    if ((${#files[@]} == 0)); then
+        echo "format: git ls-files found no C/C++ sources in ${ROOT}" >&2
+        return 1
+    fi
+    (cd "${ROOT}" && clang-format --dry-run -Werror "${files[@]}")
+    note "format: ${#files[@]} tracked C/C++ files clean"
+}
+
+stage_coverage() {
+    configure_and_build coverage -DCMAKE_BUILD_TYPE=Debug -DVEXO_COVERAGE=ON \
+        -DVEXO_BUILD_DEMO=OFF -DVEXO_BUILD_BENCH=OFF
+    # Counts from an earlier run would add up with this one.
+    find "${BUILD_ROOT}/coverage" -name '*.gcda' -delete
+    run_ctest coverage
+    say "coverage: gcovr over ${MODULE_DIRS[*]}"
+    local root_re dirs_re report summary percent
+    root_re="$(printf '%s' "${ROOT}" | sed 's/[][\.*^$+?(){}|]/\\&/g')"
+    dirs_re="$(
+        IFS='|'
+        printf '%s' "${MODULE_DIRS[*]}"
+    )"
+    report="${BUILD_ROOT}/coverage/module-coverage.txt"
+    summary="$(gcovr --root "${ROOT}" --object-directory "${BUILD_ROOT}/coverage" \
+        --filter "${root_re}/(${dirs_re})/" --output "${report}" --print-summary)"
+    printf '%s\n' "${summary}"
+    echo "(per-file report: ${report})"
+    percent="$(printf '%s\n' "${summary}" | awk '/^lines:/ {sub(/%$/, "", $2); print $2; exit}')"
+    [[ -n "${percent}" ]] || {
+        echo "coverage: gcovr printed no line summary" >&2
+        return 1
+    }
+    note "module line coverage: ${percent}%"
+}
+
+# ---- run ----
+
+summary_names=()
+summary_results=()
+summary_secs=()
+
+print_summary() {
+    local i
+    printf '\n==> summary\n'
+    for i in "${!summary_names[@]}"; do
+        printf '  %-9s %-7s %5ss\n' "${summary_names[$i]}" "${summary_results[$i]}" "${summary_secs[$i]}"
+    done
+    if [[ -s "${NOTES_FILE}" ]]; then
+        sed 's/^/  /' "${NOTES_FILE}"
+    fi
+}
+
+run_stage() { # <name> <function>; returns the stage's exit status
+    local name="$1" fn="$2" start rc
+    start=${SECONDS}
+    set +e
+    (
+        set -euo pipefail
+        "${fn}"
+    )
+    rc=$?
+    set -e
+    summary_names+=("${name}")
+    summary_secs+=($((SECONDS - start)))
+    if ((rc == 0)); then
+        summary_results+=(ok)
+    else
+        summary_results+=(FAILED)
+        print_summary
+        printf '\ntest-all: stage "%s" FAILED (exit %d); later stages were not run\n' "${name}" "${rc}" >&2
+        exit 1
+    fi
+}
+
+stage_deps() { bash "${ROOT}/scripts/install-deps.sh"; }
+
+if [[ "${VEXO_SKIP_INSTALL:-0}" != 1 ]]; then
+    run_stage deps stage_deps
+fi
+
+for stage in "${stages[@]}"; do
+    if [[ "${stage}" == coverage && "${VEXO_SKIP_COVERAGE:-0}" == 1 ]]; then
+        summary_names+=(coverage)
+        summary_results+=(skipped)
+        summary_secs+=(0)
+        continue
+    fi
+    run_stage "${stage}" "stage_${stage}"
+done
+
+print_summary
+printf '\ntest-all: all selected stages passed\n'
