@@ -209,6 +209,9 @@ int32_t __event_is_ongoing(cloud_storage_ctl_t *ctl, int32_t type);
 int32_t __event_list_is_empty(cloud_storage_ctl_t *ctl);
 int32_t __pre_record_av_needed(cloud_storage_ctl_t *ctl);
 int32_t cloud_storage_event_notify(const char *text);
+/// End time given to an event stopped now: the newest frame's time in the ring buffer, or
+/// the wall clock while the ring buffer holds no frame.
+uint32_t cloud_storage_stop_time_now();
 /// Frees a slot (status 0, type 18, notify cleared); clears fast_stop when asked.
 void cloud_storage_free_slot(cloud_storage_event *slot, bool clear_fast_stop);
 

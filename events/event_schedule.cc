@@ -88,12 +88,7 @@ void __mark_event_to_stop(cloud_storage_ctl_t *ctl, int32_t type) {
     if (slot == nullptr) {
         return;
     }
-    const uint64_t latest_ms = vexo_ipc_ring_buffer_get_lastest_timestamp(0, 0, 0);
-    if (latest_ms != 0) {
-        slot->end_time = static_cast<uint32_t>(latest_ms / 1000u);
-    } else {
-        slot->end_time = uni_time_get_posix();
-    }
+    slot->end_time = cloud_storage_stop_time_now();
 }
 
 void __mark_event_to_fast_stop(cloud_storage_ctl_t *ctl, int32_t type) {

@@ -46,6 +46,14 @@ void cloud_storage_reset_event_statics() {
     s_event_id = 1;
 }
 
+uint32_t cloud_storage_stop_time_now() {
+    const uint64_t latest_ms = vexo_ipc_ring_buffer_get_lastest_timestamp(0, 0, 0);
+    if (latest_ms != 0) {
+        return static_cast<uint32_t>(latest_ms / 1000u);
+    }
+    return uni_time_get_posix();
+}
+
 // ---- table primitives --------------------------------------------------------------------
 
 void cloud_storage_free_slot(cloud_storage_event *slot, bool clear_fast_stop) {
@@ -122,12 +130,7 @@ void __delete_event_from_list(cloud_storage_ctl_t *ctl, uint32_t id) {
     if (slot == nullptr) {
         return;
     }
-    const uint64_t latest_ms = vexo_ipc_ring_buffer_get_lastest_timestamp(0, 0, 0);
-    if (latest_ms != 0) {
-        slot->end_time = static_cast<uint32_t>(latest_ms / 1000u);
-    } else {
-        slot->end_time = uni_time_get_posix();
-    }
+    slot->end_time = cloud_storage_stop_time_now();
 }
 
 cloud_storage_event *__get_event(cloud_storage_ctl_t *ctl, uint32_t id) {
