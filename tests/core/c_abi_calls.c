@@ -3,6 +3,7 @@
  * fixed; the function returns how many answers were wrong. */
 
 #include <stddef.h>
+#include <string.h>
 
 #include "vexo_ipc_cloud_storage.h"
 
@@ -15,9 +16,10 @@
 
 int c_abi_exercise_uninitialised(void) {
     int failures = 0;
-    vexo_ipc_media_info_t media = {{0}};
+    vexo_ipc_media_info_t media;
     vexo_ipc_cloud_storage_hooks_t hooks = {NULL, 0, 0, 0};
 
+    memset(&media, 0, sizeof media);
     EXPECT_EQ_C(failures, vexo_ipc_cloud_storage_init(NULL, &hooks), -2);
     media.video_bitrate[0] = 4096;
     EXPECT_EQ_C(failures, vexo_ipc_cloud_storage_init(&media, &hooks), -2);
