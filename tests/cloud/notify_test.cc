@@ -1,0 +1,141 @@
+// Start and stop notifications and their common sender.
+#include <cstring>
+#include <optional>
+#include <string>
+
+#include "cloud_fixture.h"
+
+namespace {
+
+const std::string kStartApi = "vexo.device.ipc.media.storage.notify.upload.start";
+const std::string kStopApi = "vexo.device.ipc.media.storage.notify.upload.stop";
+const std::string kReportApi = "vexo.device.ipc.media.storage.report.event";
+const char kMd5[] = "0123456789abcdef0123456789abcdef";
+
+class CloudNotify : public CloudTest {
+  protected:
+    static vexo_ipc_media_info_t media(bool audio) {
+        vexo_ipc_media_info_t m = default_media_info();
+        m.video_codec[0] = 4;
+        m.audio_codec[CS_AUDIO_CHANNEL] = 9;
+        m.channel_enable[CS_AUDIO_CHANNEL] = audio ? 1 : 0;
+        return m;
+    }
+};
+
+TEST_F(CloudNotify, StartBodiesAreExactAndPostedWithDeviceIdAndSpareRoom) {
+    tk::set_gw_id("cam-42");
+    const std::string with_audio =
+        R"({"startTime":1705305600,"payloadInfo":"{\"v\":1,\"vType\":\"4\",\"vFps\":25,)"
+        R"(\"vWide\":1920,\"vHigh\":1080,\"aType\":\"9\",\"aSampling\":8000,\"aBitwide\":16,)"
+        R"(\"aChannels\":1}","mtu":10,"enKeyMd5":"0123456789abcdef0123456789abcdef"})";
+    const std::string video_only =
+        R"({"startTime":1705305600,"payloadInfo":"{\"v\":1,\"vType\":\"4\",\"vFps\":25,)"
+        R"(\"vWide\":1920,\"vHigh\":1080}","mtu":10,"enKeyMd5":"0000"})";
+    const std::string long_md5(300, 'f'); // cut short by the bounded print, not refused
+    tk::set_default_post_answer(kStartApi, 0, R"({"needUpdate":false})");
+    uint8_t key[16] = {};
+    const vexo_ipc_media_info_t audio = media(true), silent = media(false);
+    EXPECT_EQ(cloud_storage_start_notify(1705305600, &audio, 10, kMd5, key), 0);
+    EXPECT_EQ(cloud_storage_start_notify(1705305600, &silent, 10, "0000", key), 0);
+    EXPECT_EQ(cloud_storage_start_notify(1705305600, &silent, 10, long_md5.c_str(), key), 0);
+
+    const auto posts = tk::posts();
+    ASSERT_EQ(posts.size(), 3u);
+    EXPECT_EQ(posts[0].body, with_audio);
+    EXPECT_EQ(posts[1].body, video_only);
+    EXPECT_EQ(posts[2].body,
+              (video_only.substr(0, video_only.size() - 6) + long_md5).substr(0, 255));
+    for (const tk::Post &p : posts) {
+        EXPECT_EQ(p.api + " " + p.version + " " + p.dev_id, kStartApi + " 1.0 cam-42");
+        EXPECT_TRUE(p.uuid_null && p.extra_header_null);
+        EXPECT_EQ(p.post_len, p.body.size() + 30);
+    }
+    // payloadInfo is JSON text carried as a string; the codec codes are quoted numbers.
+    cJSON *outer = cJSON_Parse(posts[0].body.c_str());
+    cJSON *inner = cJSON_Parse(cJSON_GetStringValue(cJSON_GetObjectItem(outer, "payloadInfo")));
+    ASSERT_NE(inner, nullptr);
+    EXPECT_STREQ(cJSON_GetStringValue(cJSON_GetObjectItem(inner, "vType")), "4");
+    EXPECT_STREQ(cJSON_GetStringValue(cJSON_GetObjectItem(inner, "aType")), "9");
+    EXPECT_EQ(cJSON_GetNumberValue(cJSON_GetObjectItem(inner, "v")), 1);
+    cJSON_Delete(inner);
+    cJSON_Delete(outer);
+}
+
+TEST_F(CloudNotify, StartAnswerDecidesResultNewKeyAndReport) {
+    const std::string untouched(16, '\xAA'),
+        failed = "httpc_ipc_cloud_storage_event_notify fail!\n";
+    const std::string key64 = "0123456789ABCDEF" + std::string(48, 'x');
+    const std::string padded = "abc" + std::string(13, '\0'); // a short key is zero-padded
+    const struct {
+        int32_t rc;
+        std::optional<std::string> json;
+        int32_t result;
+        std::string key; // the 16 bytes of the new-key buffer afterwards
+        std::string report;
+        std::string err; // the one error line, or empty
+    } cases[] = {
+        // clang-format off
+        {0, R"({"needUpdate":false,"encryptKey":"0123456789ABCDEF"})", 0, untouched, "r36", ""},
+        {0, R"({"needUpdate":0,"encryptKey":"0123456789ABCDEF"})", 0, untouched, "r36", ""},
+        {0, R"({"needUpdate":true,"encryptKey":")" + key64 + "\"}", -2001, key64.substr(0, 16), "r35", ""},
+        {0, R"({"needUpdate":1,"encryptKey":"abc"})", -2001, padded, "r35", ""},
+        {0, R"({"needUpdate":true,"encryptKey":")" + key64 + "y\"}", -9, untouched, "r34:65",
+         "invalid key value for key encryptKey"},
+        {0, R"({"encryptKey":"abc"})", -9, untouched, "r32:0", "fail to get value for key needUpdate"},
+        {0, R"({"needUpdate":true})", -9, untouched, "r33:0", "fail to get value for key encryptKey"},
+        {-7, R"({"needUpdate":false})", -9, untouched, "r31:-7", failed},
+        {0, std::nullopt, -9, untouched, "r31:0", failed},
+        // clang-format on
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.json.value_or("(no answer)"));
+        reset_kit();
+        tk::queue_post_answer(kStartApi, c.rc, c.json);
+        uint8_t key[16];
+        memset(key, 0xAA, sizeof(key));
+        const vexo_ipc_media_info_t m = media(true);
+        EXPECT_EQ(cloud_storage_start_notify(1705305605, &m, 10, kMd5, key), c.result);
+        EXPECT_EQ(std::string(reinterpret_cast<char *>(key), 16), c.key);
+        EXPECT_EQ(trail(), (Texts{"30@1705305605", c.report}));
+        EXPECT_EQ(errors(), c.err.empty() ? Texts{} : Texts{c.err});
+    }
+}
+
+TEST_F(CloudNotify, StopReturnsSenderResultAndAlwaysLogsBothTimes) {
+    tk::queue_post_answer(kStopApi, 0, R"({"ok":1})");
+    tk::queue_post_answer(kStopApi, 0);
+    tk::queue_post_answer(kStopApi, -5, R"({"ok":0})");
+    EXPECT_EQ(cloud_storage_stop_notify(1000, 1037), 0);
+    EXPECT_EQ(cloud_storage_stop_notify(2000, 2037), 0);
+    EXPECT_EQ(cloud_storage_stop_notify(3000, 3037), -5);
+    EXPECT_EQ(trail(),
+              (Texts{"37@1000", "r38@1037", "37@2000", "r38@2037", "37@3000", "r38@3037"}));
+    ASSERT_EQ(tk::posts_of(kStopApi).size(), 3u);
+    EXPECT_EQ(tk::posts_of(kStopApi)[2].body, R"({"startTime":3000,"endTime":3037})");
+    EXPECT_TRUE(errors().empty());
+}
+
+TEST_F(CloudNotify, SenderRejectsBadTypeNullArgumentsAndAllocationFailure) {
+    cJSON *answer = nullptr;
+    EXPECT_EQ(httpc_ipc_cloud_storage_event_notify_v10("gw", 3, "{}", &answer), -2);
+    EXPECT_TRUE(tk::logs().empty());
+    EXPECT_EQ(httpc_ipc_cloud_storage_event_notify_v10(nullptr, 0, nullptr, nullptr), -2);
+    EXPECT_EQ(httpc_ipc_cloud_storage_event_notify_v10("gw", 0, nullptr, nullptr), -2);
+    EXPECT_EQ(httpc_ipc_cloud_storage_event_notify_v10("gw", 0, "{}", nullptr), -2);
+    tk::fail_alloc_call(tk::Pool::malloc, 1);
+    EXPECT_EQ(httpc_ipc_cloud_storage_event_notify_v10("gw", 0, "{}", &answer), -3);
+    EXPECT_EQ(tk::logs().size(), 4u);
+    EXPECT_EQ(errors(),
+              (Texts{"gw_id is null", "cloud_msg is null", "result is null", "Malloc Fail."}));
+    EXPECT_TRUE(tk::posts().empty());
+    // Type 2 goes out under its own name; the client's result comes back unchanged.
+    tk::queue_post_answer(kReportApi, 12, R"({"x":1})");
+    EXPECT_EQ(httpc_ipc_cloud_storage_event_notify_v10("gw", 2, R"({"a":1})", &answer), 12);
+    ASSERT_NE(answer, nullptr);
+    cJSON_Delete(answer);
+    ASSERT_EQ(tk::posts_of(kReportApi).size(), 1u);
+    EXPECT_EQ(tk::posts_of(kReportApi)[0].post_len, 37u);
+}
+
+} // namespace
