@@ -112,7 +112,6 @@ int32_t __update_cloud_storage_config() {
 
     CS_DBG("store mode update to %s", cfg->store_mode);
     cs_seq::text(72, cfg->store_mode);
-    c->have_config.store(1, kRelaxed);
 
     if (strcmp(cfg->store_mode, kModeAlltime) == 0) {
         c->store_mode.store(STORE_MODE_ALLTIME, kRelaxed);
@@ -123,6 +122,7 @@ int32_t __update_cloud_storage_config() {
     } else {
         c->store_mode.store(STORE_MODE_NONE, kRelaxed);
         c->order_invalid_time.store(now, kRelaxed);
+        c->have_config.store(1, std::memory_order_release);
         return CS_ORDER_EXPIRED;
     }
 
@@ -130,6 +130,9 @@ int32_t __update_cloud_storage_config() {
     c->silence_interval.store(static_cast<uint32_t>(cfg->silence_interval), kRelaxed);
     CS_DBG("count_left: %d, silence_interval: %d", static_cast<int>(c->count_left.load(kRelaxed)),
            static_cast<int>(c->silence_interval.load(kRelaxed)));
+    // Raised only now, and with release order, so that a caller who sees a configuration
+    // also sees its store mode and the day's counts.
+    c->have_config.store(1, std::memory_order_release);
     cs_seq::text(73, cfg->cloud_type);
 
     compose_storage_address(cfg);

@@ -178,8 +178,9 @@ extern "C" int32_t vexo_ipc_cloud_storage_init(const vexo_ipc_media_info_t *medi
     mqtt_attach(MQTT_ORDER_CHANGE, __cloud_storage_order_change_callback);
     mqtt_attach(MQTT_REMOTE_TRIGGER, __cloud_storage_iot_event_trigger_callback);
 
+    // upload_status is not cleared again here: it was cleared before the thread started,
+    // and by now an all-time thread may already have opened its recording.
     ctl.enable = 1;
-    ctl.upload_status = UPLOAD_STATUS_NONE;
 
     uint8_t skill_param[SKILL_PARAM_SIZE] = {};
     const uint32_t first_word = SKILL_PARAM_FIRST_WORD;

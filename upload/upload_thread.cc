@@ -362,6 +362,11 @@ bool cloud_storage_thread_pass(upload_thread_state *st) {
              static_cast<int>(ctl.store_mode));
 
     if (ctl.enable == 0) {
+        // Uninit clears enable right after inited: a pass that saw inited set must not take
+        // that for a pause and close the recording.
+        if (ctl.inited == 0) {
+            return false;
+        }
         if (st->pause_handled == 0) {
             cs_seq::report_time(20, now);
             __force_all_event_stop(&ctl, now);
