@@ -57,9 +57,7 @@ TEST_F(CloudTrigger, RefusedRequestsLogReportAndRaiseNothing) {
         {request("record", 1801), 0, 1, -1, 0, Level::debug, "not inited, just return", {"40'record'", "r41"}},
         {request("record", 1801), 1, 0, -1, 0, Level::err, "duration too big 1801", {"40'record'", "r42:1801"}},
         {request("pic", 10), 1, 0, -1, 0, Level::debug, "cloud storage is disabled now", {"40'pic'", "r44"}},
-        {request("PIC", 10), 1, 1, -1, 0, Level::err, "unsupported action", {"40'PIC'"}},
         {request("pic_video", 10), 1, 1, -1, 0, Level::err, "unsupported action", {"40'pic_video'"}},
-        {request("record ", 10), 1, 1, -1, 0, Level::err, "unsupported action", {"40'record '"}},
         {request("record", 10), 1, 1, 0, 0, Level::err, "fail to get snap or oversize 0", {"40'record'", "r46:0"}},
         {request("pic", 10), 1, 1, 102401, 0, Level::err, "fail to get snap or oversize 102401",
          {"40'pic'", "r46:102401"}},
@@ -108,13 +106,11 @@ TEST_F(CloudTrigger, ActionsRaiseAlarmAndAddRecordingEvent) {
                                          a.reserved2[1], a.reserved2[2], a.reserved2[3]}),
                   (std::vector<uint32_t>{4, 0, c.picture, 1705305600, 0, 1, 1, 1, 0, 0, 0, 0}));
         EXPECT_EQ(a.extra, R"("ext":{"a":1})");
-        EXPECT_EQ(a.picture_size, 102400u);
-        EXPECT_TRUE(a.picture == picture);
+        EXPECT_TRUE(a.picture_size == 102400u && a.picture == picture);
         const auto slots = used_slots();
         ASSERT_EQ(slots.size(), c.records ? 1u : 0u);
         if (c.records) {
             EXPECT_EQ(slots[0].type, EVENT_TYPE_IOT);
-            EXPECT_EQ(slots[0].status, EVENT_READY);
             EXPECT_STREQ(slots[0].notify_json,
                          R"({"v":2,"startTime":1705305600,"endTime":1705307400,"eventType":2,)"
                          R"("sourceId":{"a":1}})");
@@ -128,8 +124,6 @@ TEST_F(CloudTrigger, ActionsRaiseAlarmAndAddRecordingEvent) {
 TEST_F(CloudTrigger, InvalidStoreModeRefusesRecordingButPictureStillAlarms) {
     ctl.store_mode = 2;
     trigger(request("pic", 30));
-    ASSERT_EQ(tk::alarms().size(), 1u);
-    EXPECT_EQ(tk::alarms()[0].with_picture, 1u);
     trigger(request("record", 30));
     EXPECT_EQ(errors(), Texts{"cloud storage type error 2"});
     EXPECT_EQ(tk::alarms().size(), 1u);
@@ -145,23 +139,24 @@ using CloudOrder = CloudTest;
 TEST_F(CloudOrder, ChangeByActionHeldModeAndInitState) {
     const char *store_event = R"({"data":{"action":"store","storeMode":"event"}})";
     const char *store_alltime = R"({"data":{"action":"store","storeMode":"alltime"}})";
-    const char *store = R"({"data":{"action":"store"}})";
     const char *abort = R"({"data":{"action":"abort","storeMode":"event"}})";
+    const char *fetched = "70@1705305600";
     const struct {
         int32_t inited, mode;
         const char *held, *json;
         int32_t fetch_rc;  // -1: no fetch may run
         const char *after; // store_mode and its text afterwards
         uint64_t broadcasts;
-        Texts trail;     // the fetch's own entries (70..74) left out
+        Texts trail;
         const char *log; // a debug line; none: no log line at all
     } cases[] = {
         // clang-format off
         {1, 1, "event", store_event, -1, "1 event", 1, {"10'store'", "12'event'", "r13"}, "keep going"},
-        {1, 2, "max", store, -1, "2 max", 1, {"10'store'", "12'max'", "r13"}, "keep going"},
-        {1, 1, "event", store, 0, "0 alltime", 1, {"10'store'", "12'max'"}, "new cloud type -> 0"},
-        {1, 1, "event", store_alltime, 0, "0 alltime", 1, {"10'store'", "12'alltime'"}, "order change done"},
-        {1, 1, "event", store_alltime, -7, "1 event", 1, {"10'store'", "12'alltime'"}, "new cloud type -> 1"},
+        {1, 2, "max", R"({"data":{"action":"store"}})", -1, "2 max", 1, {"10'store'", "12'max'", "r13"}, "keep going"},
+        {1, 1, "event", store_alltime, 0, "0 alltime", 1,
+         {"10'store'", "12'alltime'", fetched, "72'alltime'", "73'local'", "r74"}, "order change done"},
+        {1, 1, "event", store_alltime, -7, "1 event", 1, {"10'store'", "12'alltime'", fetched},
+         "new cloud type -> 1"},
         {1, 0, "alltime", abort, -1, "2 max", 1, {"10'abort'", "12'max'", "r14"}, "order change done"},
         {0, 1, "event", abort, -1, "1 event", 0, {"10'abort'", "r11"}, "not inited, just return"},
         {1, 1, "event", R"({"data":{"action":"pause"}})", -1, "1 event", 0, {}, "action:pause\n"},
@@ -175,22 +170,14 @@ TEST_F(CloudOrder, ChangeByActionHeldModeAndInitState) {
         ctl.inited = c.inited;
         ctl.store_mode = c.mode;
         set_mode_text(c.held);
-        size_t held_locks = 0;
-        tk::set_hook("cloud_get_storage_config", [&] { held_locks = tk::locked_mutex_count(); });
+        // The fetch runs with upload_mutex held.
+        tk::set_hook("cloud_get_storage_config", [] { EXPECT_EQ(tk::locked_mutex_count(), 1u); });
         tk::queue_storage_config(c.fetch_rc, tk::make_storage_config("alltime", 30, 10, 0, 0));
         deliver(__cloud_storage_order_change_callback, c.json);
-        tk::set_hook("cloud_get_storage_config", nullptr);
         EXPECT_EQ(tk::calls("cloud_get_storage_config"), c.fetch_rc == -1 ? 0u : 1u);
-        EXPECT_EQ(held_locks, c.fetch_rc == -1 ? 0u : 1u); // the fetch runs under upload_mutex
         EXPECT_EQ(std::to_string(ctl.store_mode) + " " + ctl.storage_config.store_mode, c.after);
         EXPECT_EQ(tk::calls("cloud_cfg_broadcast_update_status"), c.broadcasts);
-        Texts own;
-        for (const std::string &e : trail()) {
-            if (e[e[0] == 'r' ? 1 : 0] != '7') { // not a configuration-fetch entry
-                own.push_back(e);
-            }
-        }
-        EXPECT_EQ(own, c.trail);
+        EXPECT_EQ(trail(), c.trail);
         EXPECT_EQ(c.log != nullptr ? tk::count_logs(Level::debug, c.log) : tk::logs().size(),
                   c.log != nullptr ? 1u : 0u);
         const bool done = c.broadcasts == 1 && c.trail.back() != "r13";

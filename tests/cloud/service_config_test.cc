@@ -8,8 +8,8 @@ namespace {
 using CloudConfig = CloudTest;
 cloud_storage_ctl_t &ctl = cloud_storage_ctl;
 
-constexpr uint32_t kNow = 1705305600;
-constexpr int32_t kZone = 3600; // local time is UTC + 1 h
+constexpr uint32_t kNow = 1705305600; // the kit's clock: 08:00 UTC
+constexpr int32_t kZone = 3600;       // local time is UTC + 1 h
 /// Local day 2024-01-15 + day at h:m, as POSIX seconds.
 uint32_t local_time(int day, int h, int m) {
     return 1705276800u - kZone + static_cast<uint32_t>(day * 86400 + h * 3600 + m * 60);
@@ -68,19 +68,19 @@ TEST_F(CloudConfig, FetchAppliesAnswerOrMarksOrderInvalid) {
     }
 }
 
-TEST_F(CloudConfig, SilenceAndQuotaTestsByMode) {
+TEST_F(CloudConfig, SilenceQuotaAndReadinessByMode) {
     tk::record_trace(true);
     const char *in = "cloud storage in silence time", *out = "cloud storage out silence time";
     const struct {
         int32_t mode;
         uint32_t interval, end;
-        int32_t count, silence, quota;
+        int32_t count, silence, quota, ready;
         const char *trace; // the silence test's one line, or none
     } cases[] = {
         // clang-format off
-        {1, 0, kNow + 100, 1, 0, 0, out},    {1, 60, kNow + 1, 1, -2000, 0, in},
-        {1, 60, kNow, 0, 0, -2000, out},     {0, 60, kNow + 100, 0, 0, 0, nullptr},
-        {2, 0, 0, 5, -1, -1, nullptr},
+        {1, 0, kNow + 100, 1, 0, 0, 1, out},   {1, 60, kNow + 1, 1, -2000, 0, 0, in},
+        {1, 60, kNow, 0, 0, -2000, 0, out},    {0, 60, kNow + 100, 0, 0, 0, 1, nullptr},
+        {2, 0, 0, 5, -1, -1, 0, nullptr},
         // clang-format on
     };
     for (const auto &c : cases) {
@@ -96,58 +96,38 @@ TEST_F(CloudConfig, SilenceAndQuotaTestsByMode) {
         EXPECT_EQ(__check_event_count(), c.quota);
         EXPECT_EQ(tk::logs().back().text,
                   "cloud storage event count left: " + std::to_string(c.count));
+        EXPECT_EQ(vexo_ipc_cloud_storage_get_ready(), c.ready);
     }
+    EXPECT_EQ(fetches(), 0u); // 08:00 is outside the daily refresh hour
 }
 
-TEST_F(CloudConfig, DailyRefreshRunsOnceInFirstLocalHourFromMinuteThree) {
+TEST_F(CloudConfig, ReadinessRefreshesSpentQuotaOnceInFirstLocalHourFromMinuteThree) {
     tk::set_zone_offset(kZone);
+    ctl.store_mode = 1;
     const struct {
         uint32_t at;
         int32_t rc;       // answer of a fetch, should one run
         uint64_t fetches; // so far
         size_t failures;  // "fail to update cloud storage config" lines so far
+        int32_t ready;
     } steps[] = {
         // clang-format off
-        {local_time(0, 0, 2) + 59, 0, 0, 0}, {local_time(0, 0, 3), -7, 1, 1},
-        {local_time(0, 0, 4), 0, 2, 1},      {local_time(0, 0, 30), 0, 2, 1},
-        {local_time(1, 1, 0), 0, 2, 1},      {local_time(2, 0, 2), 0, 2, 1},
-        {local_time(2, 0, 10), 0, 3, 1},     {local_time(2, 0, 11), 0, 3, 1},
-        {local_time(3, 1, 10), 0, 3, 1}, // 00:10 UTC is not local midnight
+        {local_time(0, 0, 2) + 59, 0, 0, 0, 0}, {local_time(0, 0, 3), -7, 1, 1, 0},
+        {local_time(0, 0, 4), 0, 2, 1, 1},      {local_time(0, 0, 30), 0, 2, 1, 0},
+        {local_time(2, 0, 10), 0, 3, 1, 1},
+        {local_time(3, 1, 10), 0, 3, 1, 0}, // 00:10 UTC is not local midnight
         // clang-format on
     };
     for (const auto &s : steps) {
         SCOPED_TRACE(s.at);
         tk::set_time(s.at);
         tk::set_default_storage_config(s.rc, tk::make_storage_config("event", 30, 10, 0, 4));
-        __update_cloud_storage_config_new_day();
+        ctl.count_left = 0; // the day's events are spent: readiness asks for the refresh
+        EXPECT_EQ(vexo_ipc_cloud_storage_get_ready(), s.ready);
         EXPECT_EQ(fetches(), s.fetches);
         EXPECT_EQ(tk::count_logs(tk::Level::err, "fail to update cloud storage config"),
                   s.failures);
     }
-}
-
-TEST_F(CloudConfig, ReadinessFollowsSilenceQuotaAndDailyRefresh) {
-    tk::set_zone_offset(kZone);
-    ctl.store_mode = 0;
-    ctl.silence_interval = 60;
-    ctl.silence_end_time = kNow + 100;
-    EXPECT_EQ(vexo_ipc_cloud_storage_get_ready(), 1);
-    ctl.store_mode = 2;
-    EXPECT_EQ(vexo_ipc_cloud_storage_get_ready(), 0);
-    ctl.store_mode = 1;
-    EXPECT_EQ(vexo_ipc_cloud_storage_get_ready(), 0); // silence running
-    ctl.silence_end_time = kNow;
-    ctl.count_left = 2;
-    EXPECT_EQ(vexo_ipc_cloud_storage_get_ready(), 1);
-    ctl.count_left = 0;
-    tk::set_time(local_time(0, 12, 0));
-    EXPECT_EQ(vexo_ipc_cloud_storage_get_ready(), 0);
-    EXPECT_EQ(fetches(), 0u);
-    tk::set_time(local_time(1, 0, 10));
-    tk::queue_storage_config(0, tk::make_storage_config("event", 30, 10, 60, 4));
-    EXPECT_EQ(vexo_ipc_cloud_storage_get_ready(), 1);
-    EXPECT_EQ(fetches(), 1u);
-    EXPECT_EQ(ctl.count_left.load(), 4);
 }
 
 } // namespace
