@@ -6,11 +6,10 @@
 
 #include <cstdio>
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "core/cloud_storage_internal.h"
 #include "kit_fixture.h"
+#include "media_file.h"
 
 constexpr char kStartApi[] = "vexo.device.ipc.media.storage.notify.upload.start";
 constexpr char kStopApi[] = "vexo.device.ipc.media.storage.notify.upload.stop";
@@ -19,43 +18,13 @@ constexpr uint64_t kT0Ms = uint64_t{kT0} * 1000;
 constexpr uint32_t kBufferSize = 4096;
 const uint8_t kKey[16] = {'0', '1', '2', '3', '4', '5', '6', '7',
                           '8', '9', 'a', 'b', 'c', 'd', 'e', 'f'};
-// 5c1ea73390d24b68f10a87c526e97db4
-const uint8_t kIv[16] = {0x5c, 0x1e, 0xa7, 0x33, 0x90, 0xd2, 0x4b, 0x68,
-                         0xf1, 0x0a, 0x87, 0xc5, 0x26, 0xe9, 0x7d, 0xb4};
+using media_file::Entry;
 
-struct Entry {
-    uint32_t type;
-    uint32_t length;
-    uint64_t timestamp;
-    uint64_t pts;
-    std::vector<uint8_t> payload;
-};
-
-inline uint64_t read_le(const uint8_t *p, int bytes) {
-    uint64_t v = 0;
-    for (int i = bytes - 1; i >= 0; --i) {
-        v = (v << 8) | p[i];
-    }
-    return v;
-}
-
-/// Splits media bytes into entries; a malformed entry fails the test.
+/// Splits media bytes into entries; a malformed file fails the test.
 inline std::vector<Entry> parse_media(const uint8_t *p, size_t n) {
     std::vector<Entry> out;
-    for (size_t at = 0; at < n;) {
-        if (n - at < 24 || read_le(p + at + 4, 4) > n - at - 24) {
-            ADD_FAILURE() << "malformed entry at " << at;
-            break;
-        }
-        Entry e{static_cast<uint32_t>(read_le(p + at, 4)),
-                static_cast<uint32_t>(read_le(p + at + 4, 4)),
-                read_le(p + at + 8, 8),
-                read_le(p + at + 16, 8),
-                {}};
-        e.payload.assign(p + at + 24, p + at + 24 + e.length);
-        at += 24 + e.length;
-        out.push_back(std::move(e));
-    }
+    std::string error;
+    EXPECT_TRUE(media_file::parse(std::vector<uint8_t>(p, p + n), &out, &error)) << error;
     return out;
 }
 
@@ -64,7 +33,8 @@ inline std::vector<uint8_t> plain(const Entry &e) {
     if (e.type != VEXO_FRAME_I && e.type != VEXO_FRAME_AUDIO) {
         return e.payload;
     }
-    return tk::aes_cbc_decrypt(kKey, kIv, e.payload).value_or(std::vector<uint8_t>{0xEE});
+    return tk::aes_cbc_decrypt(kKey, media_file::kIv, e.payload)
+        .value_or(std::vector<uint8_t>{0xEE});
 }
 
 inline std::vector<uint8_t> pattern(size_t n, uint8_t seed) {
