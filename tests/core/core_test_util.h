@@ -15,9 +15,6 @@ inline size_t err(const std::string &text) {
 inline size_t dbg(const std::string &text) {
     return tk::count_logs(tk::Level::debug, text);
 }
-template <typename Row> std::string row_name(const ::testing::TestParamInfo<Row> &p) {
-    return p.param.name;
-}
 /// The module's sequence entries with those numbers, in order, as "seq:R|L:kind:value ".
 inline std::string seqs(std::initializer_list<uint32_t> wanted) {
     std::string out;
