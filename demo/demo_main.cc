@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "core/cloud_storage_internal.h"
+#include "media_file.h"
 #include "test_kit.h"
 
 namespace {
@@ -21,50 +22,6 @@ namespace {
 constexpr char kStartApi[] = "vexo.device.ipc.media.storage.notify.upload.start";
 constexpr char kStopApi[] = "vexo.device.ipc.media.storage.notify.upload.stop";
 constexpr char kKey[] = "demoKey0123456789";
-const uint8_t kIv[16] = {0x5c, 0x1e, 0xa7, 0x33, 0x90, 0xd2, 0x4b, 0x68,
-                         0xf1, 0x0a, 0x87, 0xc5, 0x26, 0xe9, 0x7d, 0xb4};
-
-struct Entry {
-    uint32_t type;
-    uint32_t length;
-    uint64_t timestamp;
-    uint64_t pts;
-    std::vector<uint8_t> payload;
-};
-
-uint64_t le(const uint8_t *p, int bytes) {
-    uint64_t v = 0;
-    for (int i = bytes - 1; i >= 0; --i) {
-        v = (v << 8) | p[i];
-    }
-    return v;
-}
-
-/// Splits a media file into its entries; false with a message when it is malformed.
-bool parse_media(const std::vector<uint8_t> &file, std::vector<Entry> *entries,
-                 std::string *error) {
-    size_t at = 0;
-    while (at < file.size()) {
-        if (file.size() - at < 24) {
-            *error = "truncated header at offset " + std::to_string(at);
-            return false;
-        }
-        Entry e;
-        e.type = static_cast<uint32_t>(le(&file[at], 4));
-        e.length = static_cast<uint32_t>(le(&file[at + 4], 4));
-        e.timestamp = le(&file[at + 8], 8);
-        e.pts = le(&file[at + 16], 8);
-        if (file.size() - at - 24 < e.length) {
-            *error = "payload runs past the end at offset " + std::to_string(at);
-            return false;
-        }
-        e.payload.assign(file.begin() + static_cast<long>(at + 24),
-                         file.begin() + static_cast<long>(at + 24 + e.length));
-        entries->push_back(std::move(e));
-        at += 24 + e.length;
-    }
-    return true;
-}
 
 bool wait_for(const std::function<bool()> &done, int real_ms) {
     for (int waited = 0; waited < real_ms; waited += 5) {
@@ -92,45 +49,22 @@ vexo_ipc_media_info_t camera_parameters() {
     return media;
 }
 
-/// Checks one uploaded file; returns the number of entries that did not match their source.
+/// Checks one uploaded file against the frames that went in; returns 1 when it fails.
 int verify_file(const tk::Upload &upload, int *frames) {
-    std::vector<Entry> entries;
-    std::string error;
-    if (!parse_media(upload.bytes, &entries, &error)) {
-        std::printf("  %-24s MALFORMED: %s\n", upload.file_name.c_str(), error.c_str());
-        return 1;
-    }
-    int bad = 0;
-    if (entries.empty() ||
-        (entries[0].type != VEXO_FRAME_I && entries[0].type != VEXO_FRAME_AUDIO)) {
-        std::printf("  %-24s does not start with a key frame or audio\n", upload.file_name.c_str());
-        ++bad;
-    }
+    std::vector<media_file::Entry> entries;
+    const std::string fault =
+        media_file::verify(upload, reinterpret_cast<const uint8_t *>(kKey), &entries);
     int keys = 0;
     int audio = 0;
-    for (const Entry &e : entries) {
-        const int32_t stream = e.type == VEXO_FRAME_AUDIO ? VEXO_STREAM_AUDIO : VEXO_STREAM_MAIN;
-        auto source = tk::frame_at(stream, e.timestamp);
-        if (!source) {
-            ++bad;
-            continue;
-        }
-        std::vector<uint8_t> plain = e.payload;
-        if (e.type == VEXO_FRAME_I || e.type == VEXO_FRAME_AUDIO) {
-            auto decrypted =
-                tk::aes_cbc_decrypt(reinterpret_cast<const uint8_t *>(kKey), kIv, e.payload);
-            plain = decrypted ? *decrypted : std::vector<uint8_t>();
-            (e.type == VEXO_FRAME_I ? keys : audio) += 1;
-        }
-        if (plain != tk::frame_bytes(*source)) {
-            ++bad;
-        }
+    for (const media_file::Entry &e : entries) {
+        keys += e.type == VEXO_FRAME_I ? 1 : 0;
+        audio += e.type == VEXO_FRAME_AUDIO ? 1 : 0;
     }
     *frames += static_cast<int>(entries.size());
     std::printf("  %-24s %7zu bytes  %3zu entries (%d key, %d audio)  %s\n",
                 upload.file_name.c_str(), upload.bytes.size(), entries.size(), keys, audio,
-                bad == 0 ? "ok" : "MISMATCH");
-    return bad;
+                fault.empty() ? "ok" : fault.c_str());
+    return fault.empty() ? 0 : 1;
 }
 
 } // namespace

@@ -24,6 +24,16 @@ cloud_storage_ctl_t *ctl() {
     return &cloud_storage_ctl;
 }
 
+/// Every event call except the status-by-id query refuses an uninitialised module the same
+/// way.
+bool inited_or_log(const cloud_storage_ctl_t *c) {
+    if (c->inited.load(kRelaxed) == 0) {
+        CS_ERR("cloud storage not inited");
+        return false;
+    }
+    return true;
+}
+
 bool type_out_of_range(int32_t type) {
     return static_cast<uint32_t>(type) > static_cast<uint32_t>(EVENT_TYPE_MAX_VALID);
 }
@@ -50,8 +60,7 @@ int32_t admit_event(uint32_t now) {
 
 int32_t event_start() {
     cloud_storage_ctl_t *c = ctl();
-    if (c->inited.load(kRelaxed) == 0) {
-        CS_ERR("cloud storage not inited");
+    if (!inited_or_log(c)) {
         return CS_FAIL;
     }
     if (c->enable.load(kRelaxed) == 0) {
@@ -90,8 +99,7 @@ int32_t event_add_record_only(int32_t type, int32_t duration) {
         return CS_FAIL;
     }
     cloud_storage_ctl_t *c = ctl();
-    if (c->inited.load(kRelaxed) == 0) {
-        CS_ERR("cloud storage not inited");
+    if (!inited_or_log(c)) {
         return CS_FAIL;
     }
     if (c->enable.load(kRelaxed) == 0) {
@@ -122,8 +130,7 @@ int32_t event_add_record_only(int32_t type, int32_t duration) {
 int32_t event_stop() {
     CS_DBG("stop event MD");
     cloud_storage_ctl_t *c = ctl();
-    if (c->inited.load(kRelaxed) == 0) {
-        CS_ERR("cloud storage not inited");
+    if (!inited_or_log(c)) {
         return CS_FAIL;
     }
     __mark_event_to_stop(c, EVENT_TYPE_MD);
@@ -142,8 +149,7 @@ int32_t event_stop() {
 int32_t event_stop_async() {
     CS_DBG("stop event MD");
     cloud_storage_ctl_t *c = ctl();
-    if (c->inited.load(kRelaxed) == 0) {
-        CS_ERR("cloud storage not inited");
+    if (!inited_or_log(c)) {
         return CS_FAIL;
     }
     __mark_event_to_stop(c, EVENT_TYPE_MD);
@@ -153,8 +159,7 @@ int32_t event_stop_async() {
 int32_t event_stop_immediately() {
     CS_DBG("stop event MD immediately");
     cloud_storage_ctl_t *c = ctl();
-    if (c->inited.load(kRelaxed) == 0) {
-        CS_ERR("cloud storage not inited");
+    if (!inited_or_log(c)) {
         return CS_FAIL;
     }
     __mark_event_to_fast_stop(c, EVENT_TYPE_MD);
@@ -164,8 +169,7 @@ int32_t event_stop_immediately() {
 int32_t event_delete(int32_t id) {
     CS_DBG("delete event %d", static_cast<int>(id));
     cloud_storage_ctl_t *c = ctl();
-    if (c->inited.load(kRelaxed) == 0) {
-        CS_ERR("cloud storage not inited");
+    if (!inited_or_log(c)) {
         return CS_FAIL;
     }
     cs_seq::code(54, id);
@@ -176,8 +180,7 @@ int32_t event_delete(int32_t id) {
 
 /// The state checks shared by set-type and event-notify: 0 when the call may go on.
 int32_t check_retype_allowed(cloud_storage_ctl_t *c) {
-    if (c->inited.load(kRelaxed) == 0) {
-        CS_ERR("cloud storage not inited");
+    if (!inited_or_log(c)) {
         return CS_FAIL;
     }
     if (c->enable.load(kRelaxed) == 0) {
@@ -210,8 +213,7 @@ int32_t set_event_type(int32_t id, int32_t type) {
 
 int32_t get_event_status(int32_t type) {
     cloud_storage_ctl_t *c = ctl();
-    if (c->inited.load(kRelaxed) == 0) {
-        CS_ERR("cloud storage not inited");
+    if (!inited_or_log(c)) {
         return EVENT_INVALID;
     }
     return __get_event_status(c, type);

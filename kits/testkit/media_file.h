@@ -1,7 +1,7 @@
 /// Uploaded media files: a parser of their frame entries and a check of every entry against
 /// the frame the test kit produced.
-#ifndef VEXO_TEST_MEDIA_FILE_H
-#define VEXO_TEST_MEDIA_FILE_H
+#ifndef VEXO_KIT_MEDIA_FILE_H
+#define VEXO_KIT_MEDIA_FILE_H
 
 #include <cstdint>
 #include <string>
