@@ -321,6 +321,18 @@ TEST_F(SystemRun, FailedUploadFinishesRecordingAndEventRestartsWithPreRecord) {
     expect_all_frames(entries, starts[1], last);
 }
 
+TEST_F(SystemRun, AllTimeRecordingOpenedWhileInitFinishesIsAnnouncedOnce) {
+    script_cloud("alltime", 0, 0);
+    tk::start_stream(kSmallStream);
+    // Init's last steps run only after the thread has opened its first recording.
+    tk::set_hook("mqtt_attach",
+                 [] { EXPECT_TRUE(wait_until([] { return !tk::posts_of(kStartApi).empty(); })); });
+    EXPECT_EQ(init_default(), 0);
+    tk::set_hook("mqtt_attach", {});
+    ASSERT_TRUE(wait_until([] { return tk::uploads().size() >= 2; }));
+    EXPECT_EQ(tk::posts_of(kStartApi).size(), 1u);
+}
+
 TEST_F(SystemRun, AllTimeRecordingRestartsAfterThirtyMinuteGroup) {
     const uint32_t start = tk::now_ms() / 1000;
     tk::keep_upload_bytes(false);

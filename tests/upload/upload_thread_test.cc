@@ -46,6 +46,22 @@ TEST_F(UploadThread, PauseStopsEventsAndFinishesTheRecording) {
     EXPECT_EQ(last_sleep(), 300u);
 }
 
+TEST_F(UploadThread, UninitDuringAPassEndsTheLoopWithoutActingAsPaused) {
+    start_loop("event");
+    put_event(0, EVENT_ONGOING, kT0, kT0 + 30);
+    // Uninit lands after the pass has found the module initialised: it clears inited, then
+    // enable.
+    tk::set_hook("uni_time_get_posix", [] {
+        cloud_storage_ctl.inited = 0;
+        cloud_storage_ctl.enable = 0;
+    });
+    EXPECT_FALSE(pass());
+    tk::set_hook("uni_time_get_posix", {});
+    EXPECT_TRUE(tk::posts_of(kStopApi).empty());
+    EXPECT_TRUE(tk::seq_entries(20).empty());
+    EXPECT_EQ(cloud_storage_ctl.events[0].status, EVENT_ONGOING);
+}
+
 TEST_F(UploadThread, NoValidOrderAsksForConfigAnHourLaterAtARandomMomentThenStartsAlltime) {
     start_loop("event");
     cloud_storage_ctl.store_mode = STORE_MODE_NONE;
