@@ -33,22 +33,6 @@ bool wait_for(const std::function<bool()> &done, int real_ms) {
     return done();
 }
 
-vexo_ipc_media_info_t camera_parameters() {
-    vexo_ipc_media_info_t media = {};
-    media.channel_enable[9] = 1;
-    media.video_fps[0] = 25;
-    media.video_gop[0] = 50;
-    media.video_bitrate[0] = 1024;
-    media.video_width[0] = 1920;
-    media.video_height[0] = 1080;
-    media.video_codec[0] = VEXO_CODEC_H264;
-    media.audio_codec[9] = VEXO_CODEC_G711A;
-    media.audio_sample[9] = 8000;
-    media.audio_databits[9] = 16;
-    media.audio_channel[9] = 1;
-    return media;
-}
-
 /// Checks one uploaded file against the frames that went in; returns 1 when it fails.
 int verify_file(const tk::Upload &upload, int *frames) {
     std::vector<media_file::Entry> entries;
@@ -81,7 +65,7 @@ int main(int argc, char **argv) {
                           std::string("{\"needUpdate\":true,\"encryptKey\":\"") + kKey + "\"}");
     tk::start_stream();
 
-    const vexo_ipc_media_info_t media = camera_parameters();
+    const vexo_ipc_media_info_t media = tk::sample_media_info();
     const vexo_ipc_cloud_storage_hooks_t hooks = {};
     std::printf("init: %d\n", vexo_ipc_cloud_storage_init(&media, &hooks));
     if (!wait_for([] { return vexo_ipc_cloud_storage_get_if_have_config() == 1; }, 5000)) {

@@ -16,7 +16,6 @@ constexpr auto kRelaxed = std::memory_order_relaxed;
 constexpr uint32_t kMaxRecordOnlyDuration = 300;
 constexpr int kStopPolls = 301;
 constexpr uint32_t kStopPollMs = 100;
-constexpr size_t kNotifyTextSize = 512;
 
 // ---- helpers -----------------------------------------------------------------------------
 
@@ -237,7 +236,7 @@ int32_t event_notify(int32_t id, int32_t type) {
         return CS_OK;
     }
     const uint32_t end = uni_time_get_posix();
-    char text[kNotifyTextSize] = {};
+    char text[CS_NOTIFY_JSON_SIZE] = {};
     snprintf(text, sizeof(text), CS_EVENT_NOTIFY_FORMAT, static_cast<int>(slot->start_time),
              static_cast<int>(end), static_cast<int>(type));
     if (cloud_storage_event_notify(text) != 0) {

@@ -283,10 +283,8 @@ void pass_pre_record_start(cloud_storage_ctl_t &ctl, upload_thread_state &st, ui
         return;
     }
     if (vexo_ipc_ring_buffer_if_delay(st.video_handle) != 0) {
-        st.restart_pending = 1;
-        cs_seq::report_code(21, static_cast<int32_t>(uni_time_get_posix() - now));
-        CS_DBG("ring buffer delay too much");
-        __cloud_storage_upload_finish(ctl.uploaded_end_time);
+        handle_delay(ctl, st, now);
+        st.restart_pending = 1; // whatever the store mode became meanwhile
         __stop_event_if_needed(&ctl, uni_time_get_posix(), ctl.uploaded_end_time);
         vexo_hal_system_sleep(SLEEP_IDLE_MS);
         return;

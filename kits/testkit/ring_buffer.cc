@@ -330,6 +330,23 @@ void reset_ring_buffer() {
 
 namespace tk {
 
+vexo_ipc_media_info_t sample_media_info() {
+    vexo_ipc_media_info_t m{};
+    m.channel_enable[0] = 1;
+    m.video_fps[0] = 25;
+    m.video_gop[0] = 50;
+    m.video_bitrate[0] = 1024;
+    m.video_width[0] = 1920;
+    m.video_height[0] = 1080;
+    m.video_codec[0] = VEXO_CODEC_H264;
+    m.channel_enable[VEXO_STREAM_AUDIO] = 1;
+    m.audio_codec[VEXO_STREAM_AUDIO] = VEXO_CODEC_G711A;
+    m.audio_sample[VEXO_STREAM_AUDIO] = 8000;
+    m.audio_databits[VEXO_STREAM_AUDIO] = 16;
+    m.audio_channel[VEXO_STREAM_AUDIO] = 1;
+    return m;
+}
+
 void start_stream(const StreamConfig &config) {
     if (config.fps == 0 || (config.audio && config.audio_period_ms == 0)) {
         throw std::invalid_argument("start_stream: fps and audio_period_ms must be above 0");

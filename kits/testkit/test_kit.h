@@ -178,6 +178,10 @@ struct StreamConfig {
     uint32_t audio_frame_bytes = 320;
     uint32_t capacity_secs = 10;
 };
+/// Media parameters of the camera the default StreamConfig simulates: main stream 25 fps,
+/// GOP 50, 1024 kbit/s, 1920x1080, H.264; audio channel 9 on, G.711 A-law, 8000 Hz, 16 bits,
+/// mono.
+vexo_ipc_media_info_t sample_media_info();
 /// Starts the generator at the current time; frames appear as the clock reaches them.
 void start_stream(const StreamConfig &config = StreamConfig());
 /// Stops the generator after producing what is due now.

@@ -55,21 +55,7 @@ void KitTest::TearDown() {
 }
 
 vexo_ipc_media_info_t KitTest::default_media_info() {
-    vexo_ipc_media_info_t m;
-    std::memset(&m, 0, sizeof(m));
-    m.channel_enable[0] = 1;
-    m.video_fps[0] = 25;
-    m.video_gop[0] = 50;
-    m.video_bitrate[0] = 1024;
-    m.video_width[0] = 1920;
-    m.video_height[0] = 1080;
-    m.video_codec[0] = VEXO_CODEC_H264;
-    m.channel_enable[CS_AUDIO_CHANNEL] = 1;
-    m.audio_codec[CS_AUDIO_CHANNEL] = VEXO_CODEC_G711A;
-    m.audio_sample[CS_AUDIO_CHANNEL] = 8000;
-    m.audio_databits[CS_AUDIO_CHANNEL] = 16;
-    m.audio_channel[CS_AUDIO_CHANNEL] = 1;
-    return m;
+    return tk::sample_media_info();
 }
 
 vexo_ipc_cloud_storage_hooks_t KitTest::default_hooks() {
