@@ -53,3 +53,12 @@ endif()
 if(VEXO_BUILD_BENCH AND NOT CMAKE_CROSSCOMPILING)
     find_package(benchmark REQUIRED)
 endif()
+
+# ---- for the host kit, the cloud service and the host tools (native builds only) ----
+if(VEXO_BUILD_HOST)
+    find_package(nlohmann_json 3 REQUIRED)
+    find_package(PkgConfig REQUIRED)
+    pkg_check_modules(VEXO_LIBAV REQUIRED IMPORTED_TARGET
+        libavformat libavcodec libavutil libswscale libswresample)
+    add_library(vexo::libav ALIAS PkgConfig::VEXO_LIBAV)
+endif()

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs what the build and the tests need on Debian 12 (bookworm), idempotently:
 #   - host packages from apt (compilers, CMake, cJSON, OpenSSL, GoogleTest, Google Benchmark,
-#     the arm-linux-gnueabihf cross compiler, qemu-user, clang-format, gcovr);
+#     the arm-linux-gnueabihf cross compiler, qemu-user, clang-format, gcovr; for the host
+#     kit and tools: FFmpeg's libraries and command-line tools, nlohmann-json, pkg-config);
 #   - an armhf sysroot with cJSON and OpenSSL's libcrypto, built from the armhf .debs with
 #     `dpkg-deb -x` (no multiarch install: amd64 and armhf versions of Multi-Arch: same
 #     packages can be out of step on the mirrors, which makes apt refuse the install).
@@ -25,6 +26,8 @@ HOST_PACKAGES=(
     clang-format
     g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user
     gcovr
+    pkg-config nlohmann-json3-dev openssl
+    ffmpeg libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev
 )
 # armhf packages unpacked into the sysroot; each -dev package is paired with its runtime
 # package at the same version.
@@ -102,7 +105,8 @@ else
     log "host packages: all present (${HOST_PACKAGES[*]})"
 fi
 
-for tool in g++ cmake ctest clang-format gcovr "${ARMHF_TRIPLET}-g++" "${ARMHF_TRIPLET}-size" qemu-arm; do
+for tool in g++ cmake ctest clang-format gcovr "${ARMHF_TRIPLET}-g++" "${ARMHF_TRIPLET}-size" qemu-arm \
+    pkg-config ffmpeg ffprobe openssl; do
     command -v "${tool}" >/dev/null 2>&1 || die "${tool} not found on PATH after the install"
 done
 [[ -f /usr/src/googletest/CMakeLists.txt ]] || die "/usr/src/googletest (GoogleTest sources) missing"

@@ -11,7 +11,7 @@
 #   armhf     arm-linux-gnueabihf cross build + ctest under qemu-arm; size of the module
 #   format    clang-format --dry-run -Werror over the tracked C/C++ sources
 #   coverage  --coverage build + ctest; prints "module line coverage: NN%"
-# cmake options (arguments starting with -D, e.g. -DVEXO_BUILD_DEMO=OFF) are passed to every
+# cmake options (arguments starting with -D, e.g. -DVEXO_BUILD_HOST=OFF) are passed to every
 # configure step, after the stage's own options.
 #
 # Environment:
@@ -146,8 +146,8 @@ stage_format() {
 }
 
 stage_coverage() {
-    configure_and_build coverage -DCMAKE_BUILD_TYPE=Debug -DVEXO_COVERAGE=ON \
-        -DVEXO_BUILD_DEMO=OFF -DVEXO_BUILD_BENCH=OFF
+    configure_and_build coverage -DCMAKE_BUILD_TYPE=Debug -DVEXO_COVERAGE=ON -DVEXO_BUILD_HOST=OFF \
+        -DVEXO_BUILD_BENCH=OFF
     # Counts from an earlier run would add up with this one.
     find "${BUILD_ROOT}/coverage" -name '*.gcda' -delete
     run_ctest coverage

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <openssl/evp.h>
 
+#include "common/aes_cbc.h"
+#include "common/md5_state.h"
 #include "kit_internal.h"
 #include "test_kit.h"
 
@@ -18,47 +20,13 @@ std::atomic<uint64_t> g_hw_calls{0};
 std::atomic<uint64_t> g_sw_calls{0};
 
 static_assert(sizeof(vexo_hw_aes_t::priv) >= 16, "the engine key is kept in priv");
-static_assert(sizeof(uni_md5_ctx_t) >= sizeof(EVP_MD_CTX *), "md5 state pointer fits");
 
 uint32_t cipher_len(uint32_t in_len) {
-    return (in_len / 16 + 1) * 16;
-}
-
-/// Encrypts with PKCS#7 padding into out, which has room for cipher_len(in_len) bytes. The
-/// caller's IV is only read.
-bool cbc(bool encrypt, const uint8_t *key, const uint8_t *iv, const uint8_t *in, uint32_t in_len,
-         uint8_t *out, uint32_t *out_len) {
-    EVP_CIPHER_CTX *ctx = EVP_CIPHER_CTX_new();
-    if (ctx == nullptr) {
-        return false;
-    }
-    uint8_t iv_copy[16];
-    std::memcpy(iv_copy, iv, 16);
-    int n1 = 0;
-    int n2 = 0;
-    bool ok =
-        EVP_CipherInit_ex(ctx, EVP_aes_128_cbc(), nullptr, key, iv_copy, encrypt ? 1 : 0) == 1 &&
-        EVP_CipherUpdate(ctx, out, &n1, in, static_cast<int>(in_len)) == 1 &&
-        EVP_CipherFinal_ex(ctx, out + n1, &n2) == 1;
-    EVP_CIPHER_CTX_free(ctx);
-    if (ok) {
-        *out_len = static_cast<uint32_t>(n1 + n2);
-    }
-    return ok;
+    return static_cast<uint32_t>(kitcommon::aes_cbc_padded_len(in_len));
 }
 
 bool is_engine(const vexo_hw_aes_t *ctx) {
     return ctx->engine == kEngineMarker;
-}
-
-EVP_MD_CTX *md5_state(const uni_md5_ctx_t *ctx) {
-    EVP_MD_CTX *state = nullptr;
-    std::memcpy(&state, ctx->bytes, sizeof(state));
-    return state;
-}
-
-void set_md5_state(uni_md5_ctx_t *ctx, EVP_MD_CTX *state) {
-    std::memcpy(ctx->bytes, &state, sizeof(state));
 }
 
 } // namespace
@@ -92,8 +60,8 @@ std::optional<std::vector<uint8_t>> aes_cbc_decrypt(const uint8_t key[16], const
     }
     std::vector<uint8_t> plain(cipher.size() + 16);
     uint32_t n = 0;
-    if (!cbc(false, key, iv, cipher.data(), static_cast<uint32_t>(cipher.size()), plain.data(),
-             &n)) {
+    if (!kitcommon::aes128_cbc_decrypt(key, iv, cipher.data(), static_cast<uint32_t>(cipher.size()),
+                                       plain.data(), &n)) {
         return std::nullopt;
     }
     plain.resize(n);
@@ -104,7 +72,8 @@ std::vector<uint8_t> aes_cbc_encrypt(const uint8_t key[16], const uint8_t iv[16]
                                      const std::vector<uint8_t> &plain) {
     std::vector<uint8_t> out(cipher_len(static_cast<uint32_t>(plain.size())));
     uint32_t n = 0;
-    if (!cbc(true, key, iv, plain.data(), static_cast<uint32_t>(plain.size()), out.data(), &n)) {
+    if (!kitcommon::aes128_cbc_encrypt(key, iv, plain.data(), static_cast<uint32_t>(plain.size()),
+                                       out.data(), &n)) {
         return {};
     }
     out.resize(n);
@@ -183,7 +152,7 @@ int32_t vexo_hw_aes_encrypt_cbc(vexo_hw_aes_t *ctx, uint8_t iv[16], uint32_t key
     uint8_t key[16];
     std::memcpy(key, ctx->priv, 16);
     g_hw_calls.fetch_add(1);
-    return cbc(true, key, iv, in, in_len, out, out_len) ? 0 : -1;
+    return kitcommon::aes128_cbc_encrypt(key, iv, in, in_len, out, out_len) ? 0 : -1;
 }
 
 int32_t vexo_hw_aes_crypt_uninit(vexo_hw_aes_t *ctx) {
@@ -207,7 +176,7 @@ int32_t OpensslAES_CBC128_encrypt(const uint8_t *in, uint32_t in_len, uint8_t *o
         return -1;
     }
     g_sw_calls.fetch_add(1);
-    return cbc(true, key, iv, in, in_len, out, out_len) ? 0 : -1;
+    return kitcommon::aes128_cbc_encrypt(key, iv, in, in_len, out, out_len) ? 0 : -1;
 }
 
 void uni_md5_init(uni_md5_ctx_t *ctx) {
@@ -215,13 +184,7 @@ void uni_md5_init(uni_md5_ctx_t *ctx) {
     if (ctx == nullptr) {
         return;
     }
-    EVP_MD_CTX *state = EVP_MD_CTX_new();
-    if (state != nullptr && EVP_DigestInit_ex(state, EVP_md5(), nullptr) != 1) {
-        EVP_MD_CTX_free(state);
-        state = nullptr;
-    }
-    std::memset(ctx->bytes, 0, sizeof(ctx->bytes));
-    set_md5_state(ctx, state);
+    kitcommon::md5_start(ctx);
 }
 
 void uni_md5_update(uni_md5_ctx_t *ctx, const uint8_t *data, uint32_t len) {
@@ -229,12 +192,9 @@ void uni_md5_update(uni_md5_ctx_t *ctx, const uint8_t *data, uint32_t len) {
     if (ctx == nullptr || (data == nullptr && len > 0)) {
         return;
     }
-    EVP_MD_CTX *state = md5_state(ctx);
-    if (state == nullptr) {
+    if (!kitcommon::md5_add(ctx, data, len)) {
         tk::detail::record_misuse("crypto", "uni_md5_update without uni_md5_init");
-        return;
     }
-    EVP_DigestUpdate(state, data, len);
 }
 
 void uni_md5_final(uni_md5_ctx_t *ctx, uint8_t digest[16]) {
@@ -242,15 +202,9 @@ void uni_md5_final(uni_md5_ctx_t *ctx, uint8_t digest[16]) {
     if (ctx == nullptr || digest == nullptr) {
         return;
     }
-    EVP_MD_CTX *state = md5_state(ctx);
-    if (state == nullptr) {
+    if (!kitcommon::md5_finish(ctx, digest)) {
         tk::detail::record_misuse("crypto", "uni_md5_final without uni_md5_init");
-        return;
     }
-    unsigned int n = 0;
-    EVP_DigestFinal_ex(state, digest, &n);
-    EVP_MD_CTX_free(state);
-    set_md5_state(ctx, nullptr);
 }
 
 } // extern "C"
