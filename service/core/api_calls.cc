@@ -1,0 +1,214 @@
+/// The device's API calls: the start and stop notifications of a cloud recording, and event
+/// reports. The start notification is where a device gets its key and where the daily
+/// allowance is counted.
+#include <algorithm>
+#include <optional>
+#include <string>
+#include <unistd.h>
+
+#include "answers.h"
+#include "durable_file.h"
+#include "order_rules.h"
+#include "service_core.h"
+
+namespace vexo_cloud {
+
+// ---- constants -----------------------------------------------------------------------------
+
+namespace {
+
+constexpr char kApiStart[] = "vexo.device.ipc.media.storage.notify.upload.start";
+constexpr char kApiStop[] = "vexo.device.ipc.media.storage.notify.upload.stop";
+constexpr char kApiReportEvent[] = "vexo.device.ipc.media.storage.report.event";
+constexpr char kApiVersion[] = "1.0";
+
+constexpr int32_t kBadRequest = 400;
+/// The longest enKeyMd5 text kept; an md5 text has 32 characters.
+constexpr size_t kMaxAnnouncedMd5 = 64;
+
+// ---- helpers -------------------------------------------------------------------------------
+
+struct StartNotice {
+    uint32_t start_time = 0;
+    std::string payload_info;
+    Json payload;
+    int32_t mtu = 0;
+    std::string announced_md5;
+};
+
+/// The value of name in a query "a=1&b=2"; empty when absent.
+std::string query_value(const std::string &query, const std::string &name) {
+    size_t pos = 0;
+    while (pos <= query.size()) {
+        const size_t end = std::min(query.find('&', pos), query.size());
+        const std::string pair = query.substr(pos, end - pos);
+        const size_t equals = pair.find('=');
+        if (equals != std::string::npos && pair.compare(0, equals, name) == 0 &&
+            equals == name.size()) {
+            return pair.substr(equals + 1);
+        }
+        pos = end + 1;
+    }
+    return "";
+}
+
+std::optional<StartNotice> parse_start(const std::string &body, std::string *error) {
+    const std::optional<Json> json = parse_object(body);
+    StartNotice notice;
+    if (!json) {
+        *error = "the body is not a JSON object";
+        return std::nullopt;
+    }
+    if (!get_u32(*json, "startTime", &notice.start_time) || notice.start_time == 0) {
+        *error = "startTime must be a time in seconds";
+        return std::nullopt;
+    }
+    if (!get_text(*json, "payloadInfo", &notice.payload_info)) {
+        *error = "payloadInfo must be a text";
+        return std::nullopt;
+    }
+    const std::optional<Json> payload = parse_object(notice.payload_info);
+    if (!payload) {
+        *error = "payloadInfo must hold a JSON object";
+        return std::nullopt;
+    }
+    notice.payload = *payload;
+    if (!get_i32(*json, "mtu", &notice.mtu)) {
+        *error = "mtu must be an integer";
+        return std::nullopt;
+    }
+    if (!get_text(*json, "enKeyMd5", &notice.announced_md5) ||
+        notice.announced_md5.size() > kMaxAnnouncedMd5) {
+        *error = "enKeyMd5 must be a text of at most 64 characters";
+        return std::nullopt;
+    }
+    return notice;
+}
+
+/// Writes the device state (when it changed) and the recording, then takes them into the
+/// index. On failure the device state on disk is put back and nothing is taken.
+void commit_start(ServiceCore &core, const std::string &device, DeviceEntry *entry,
+                  const DeviceState &next, bool device_changed, const RecordingState &recording) {
+    const std::string device_dir = core.device_dir(device);
+    const std::string recording_dir = device_dir + "/" + std::to_string(recording.start_time);
+    if (device_changed) {
+        save_device_state(device_dir, next);
+    }
+    bool created = false;
+    try {
+        created = make_directory(recording_dir);
+        save_recording(recording_dir, recording);
+    } catch (...) {
+        if (created) {
+            ::rmdir(recording_dir.c_str()); // only when still empty
+        }
+        if (device_changed) {
+            try {
+                save_device_state(device_dir, entry->state);
+            } catch (...) {
+                // The first failure is the one reported.
+            }
+        }
+        throw;
+    }
+    entry->state = next;
+    entry->recordings[recording.start_time] = recording;
+}
+
+Response notify_start(ServiceCore &core, const std::string &device, const std::string &body) {
+    std::string error;
+    const std::optional<StartNotice> notice = parse_start(body, &error);
+    if (!notice) {
+        return error_answer(kBadRequest, error);
+    }
+    std::lock_guard<std::mutex> lock(core.mutex);
+    DeviceEntry &entry = core.devices.at(device);
+    const uint32_t now = core.now();
+    DeviceState next = entry.state;
+    bool device_changed = issue_key_if_missing(&next, now);
+
+    const auto found = entry.recordings.find(notice->start_time);
+    const bool first_start = found == entry.recordings.end();
+    // Only a new recording takes an event off today's allowance: the second start of a key
+    // update repeats the startTime of the first.
+    if (first_start && counts_against_allowance(next.order)) {
+        count_event(&next.allowance, local_day(now));
+        device_changed = true;
+    }
+    RecordingState recording = first_start ? RecordingState{} : found->second;
+    recording.start_time = notice->start_time;
+    recording.payload_info = notice->payload_info;
+    recording.payload = notice->payload;
+    recording.mtu = notice->mtu;
+    recording.announced_md5 = notice->announced_md5;
+    // The device encrypts with the current key from now on: either it announced it, or it
+    // takes it from this answer.
+    recording.key = next.key;
+    recording.key_md5 = next.key_md5;
+    commit_start(core, device, &entry, next, device_changed, recording);
+
+    if (notice->announced_md5 == next.key_md5) {
+        return api_result(Json{{"needUpdate", false}});
+    }
+    return api_result(Json{{"needUpdate", true}, {"encryptKey", next.key}});
+}
+
+Response notify_stop(ServiceCore &core, const std::string &device, const std::string &body) {
+    const std::optional<Json> json = parse_object(body);
+    uint32_t start_time = 0;
+    uint32_t end_time = 0;
+    if (!json || !get_u32(*json, "startTime", &start_time) ||
+        !get_u32(*json, "endTime", &end_time)) {
+        return error_answer(kBadRequest, "the body must be {\"startTime\":N,\"endTime\":N}");
+    }
+    std::lock_guard<std::mutex> lock(core.mutex);
+    DeviceEntry &entry = core.devices.at(device);
+    const auto found = entry.recordings.find(start_time);
+    if (found == entry.recordings.end()) {
+        return api_refusal("recording.unknown",
+                           "no recording started at " + std::to_string(start_time));
+    }
+    if (end_time < start_time) {
+        return api_refusal("time.invalid", "endTime is before startTime");
+    }
+    RecordingState recording = found->second;
+    recording.end_time = end_time;
+    save_recording(core.device_dir(device) + "/" + std::to_string(start_time), recording);
+    found->second = recording;
+    return api_result(Json::object());
+}
+
+Response report_event(ServiceCore &core, const std::string &device, const std::string &body) {
+    const std::optional<Json> json = parse_object(body);
+    if (!json) {
+        return error_answer(kBadRequest, "the body is not a JSON object");
+    }
+    std::lock_guard<std::mutex> lock(core.mutex);
+    append_line(core.device_dir(device) + "/" + kEventsFile, to_text(*json));
+    return api_result(Json::object());
+}
+
+} // namespace
+
+// ---- exported calls ------------------------------------------------------------------------
+
+Response answer_api_call(ServiceCore &core, const std::string &device, const std::string &api,
+                         const std::string &query, const std::string &body) {
+    const bool known = api == kApiStart || api == kApiStop || api == kApiReportEvent;
+    if (!known) {
+        return api_refusal("api.unknown", "unknown API " + api);
+    }
+    const std::string version = query_value(query, "v");
+    if (version != kApiVersion) {
+        return api_refusal("api.version", "API version \"" + version + "\" is not supported");
+    }
+    if (api == kApiStart) {
+        return notify_start(core, device, body);
+    }
+    if (api == kApiStop) {
+        return notify_stop(core, device, body);
+    }
+    return report_event(core, device, body);
+}
+
+} // namespace vexo_cloud

@@ -1,0 +1,156 @@
+/// The cloud service core: the cloud side of the device protocol without any transport.
+/// It keeps, per device, an order (what the device may record), the device's key and the key
+/// history, the recordings index, the uploaded media files and the alarms, all under one data
+/// directory. `handle()` answers a device request given in HTTP form; the embedded host kit
+/// calls it in-process, an HTTP server puts it on the network. Admin calls change orders and
+/// trigger recordings; what a device must be told is handed to the publish callback as an MQTT
+/// message.
+///
+/// Thread-safe: every call may come from any thread.
+#ifndef VEXO_CLOUD_SERVICE_H
+#define VEXO_CLOUD_SERVICE_H
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vexo_cloud {
+
+struct Request {
+    std::string method; // "GET", "POST", "PUT"
+    std::string path;   // without the query
+    std::string query;  // without the '?'
+    std::map<std::string, std::string> headers; // names in lower case
+    std::string body;
+};
+
+struct Response {
+    int32_t status = 500;
+    std::string content_type = "application/json";
+    std::string body;
+};
+
+/// A device's order, as the admin sets it and storage/config reports it.
+struct Order {
+    std::string store_mode = "event"; // "alltime", "event", anything else: none
+    int32_t event_duration = 30;      // seconds
+    int32_t slice_duration = 10;      // seconds
+    int32_t silence_interval = 60;    // seconds
+    int32_t daily_events = 20;        // allowance per day
+    bool expired = false;
+    bool aborted = false;             // storage/config answers "none"
+};
+
+/// A partial change of an order: unset members stay as they are.
+struct OrderChange {
+    std::optional<std::string> store_mode;
+    std::optional<int32_t> event_duration;
+    std::optional<int32_t> slice_duration;
+    std::optional<int32_t> silence_interval;
+    std::optional<int32_t> daily_events;
+    std::optional<bool> expired;
+};
+
+struct MediaFileInfo {
+    std::string name;
+    uint64_t bytes = 0;
+};
+
+/// One recording of the index, as read back from the data directory.
+struct Recording {
+    std::string device;
+    uint32_t start_time = 0;
+    uint32_t end_time = 0;       // 0 while open
+    std::string payload_info;    // the JSON text the device sent
+    int32_t mtu = 0;             // slice duration, seconds
+    std::string announced_md5;   // enKeyMd5 of the (last) start notification
+    std::string key;             // the key its files are encrypted with (16 characters)
+    std::string key_md5;
+    std::vector<MediaFileInfo> files; // sorted by name
+    std::string directory;       // where the files are
+};
+
+struct Alarm {
+    std::string device;
+    uint32_t time = 0;
+    bool with_picture = false;
+    std::string extra;
+    std::string picture_path; // empty without a picture
+};
+
+struct Options {
+    std::string data_dir;
+    /// The service's clock, seconds since the epoch; "today" for the daily allowance is the
+    /// local date of this clock (TZ). Defaults to the real time.
+    std::function<uint32_t()> clock;
+    /// Sends an MQTT message (JSON text) to a device's command topic "vexo/<device>/cmd".
+    /// May be empty: nothing is published then.
+    std::function<void(const std::string &device, const std::string &payload)> publish;
+    /// Device id -> bearer token. When not empty, every device request must carry
+    /// "authorization: Bearer <token>" of its device, or gets 401.
+    std::map<std::string, std::string> tokens;
+    /// Largest body accepted by handle(), bytes.
+    uint64_t max_body = 64ull << 20;
+    /// Order given to a device the service has not seen before.
+    Order default_order;
+};
+
+class Service {
+public:
+    /// Reads back the state kept in options.data_dir (created when missing) and creates the
+    /// devices of options.tokens it does not know yet. Throws std::invalid_argument for bad
+    /// options and std::runtime_error naming the file when a state file is unreadable or
+    /// damaged; such a file is left as it is.
+    explicit Service(Options options);
+    ~Service();
+    Service(const Service &) = delete;
+    Service &operator=(const Service &) = delete;
+
+    /// Answers one device request (storage/config, storage/restriction, api calls, media
+    /// upload, alarms). Bad requests get a 4xx with {"error":"..."} and change nothing.
+    Response handle(const Request &request);
+
+    // ---- admin ----
+    /// Changes a device's order (creating the device if needed) and publishes it (protocol
+    /// 300). An order change lifts an abort. False with *error when a value is out of range.
+    bool set_order(const std::string &device, const OrderChange &change, std::string *error);
+    /// Aborts the order: storage/config then answers "none"; published as protocol 300.
+    bool abort_order(const std::string &device, std::string *error);
+    /// Asks the device for a remote recording or picture (protocol 307): action "pic",
+    /// "record" or "pic_v"; duration seconds (1..1800, ignored for "pic"); ext_json a JSON
+    /// value (text) carried as "ext", e.g. {"user":"u1"}.
+    bool trigger(const std::string &device, const std::string &action, int32_t duration,
+                 const std::string &ext_json, std::string *error);
+
+    // ---- inspection ----
+    std::optional<Order> order(const std::string &device) const;
+    /// Events left today, as storage/config would answer now.
+    int32_t count_left(const std::string &device) const;
+    std::vector<std::string> devices() const;
+    std::vector<Recording> recordings(const std::string &device) const;
+    std::vector<Alarm> alarms(const std::string &device) const;
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+/// Reads the recordings of a data directory written by a Service, without one: for tools
+/// that inspect a cloud directory. device empty: every device. Sorted by device, then start
+/// time; a recording directory that only received uploads is listed without its metadata.
+/// Throws std::invalid_argument for an invalid device id and std::runtime_error naming the
+/// file when the directory or a recording.json cannot be read. recordings() and alarms()
+/// throw the same way.
+std::vector<Recording> read_recordings(const std::string &data_dir, const std::string &device);
+
+/// True when a device id is 1..64 characters of A-Z a-z 0-9 . _ - and neither "." nor "..",
+/// which would name a directory other than the device's own.
+bool valid_device_id(const std::string &device);
+
+} // namespace vexo_cloud
+
+#endif

@@ -1,0 +1,185 @@
+/// Durable writes with POSIX calls: every step that can fail is checked, and a failed write
+/// never leaves a partial file under the final name.
+#include "durable_file.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace vexo_cloud {
+
+// ---- helpers -------------------------------------------------------------------------------
+
+namespace {
+
+constexpr mode_t kFileMode = 0644;
+constexpr mode_t kDirectoryMode = 0755;
+
+[[noreturn]] void fail(const std::string &what, const std::string &path, int error_number) {
+    throw FileError(what + " " + path + ": " + std::strerror(error_number), error_number);
+}
+
+/// Closes a descriptor when it goes out of scope, unless released.
+class Descriptor {
+  public:
+    explicit Descriptor(int fd) : fd_(fd) {}
+    ~Descriptor() {
+        if (fd_ >= 0) {
+            ::close(fd_);
+        }
+    }
+    Descriptor(const Descriptor &) = delete;
+    Descriptor &operator=(const Descriptor &) = delete;
+    int get() const { return fd_; }
+    /// Closes now and reports close's result (errno is set on failure).
+    bool close_checked() {
+        const int fd = fd_;
+        fd_ = -1;
+        return ::close(fd) == 0;
+    }
+
+  private:
+    int fd_;
+};
+
+void write_all(int fd, const std::string &bytes, const std::string &path) {
+    size_t done = 0;
+    while (done < bytes.size()) {
+        const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            fail("cannot write", path, errno);
+        }
+        done += static_cast<size_t>(n);
+    }
+}
+
+void sync_directory(const std::string &path) {
+    Descriptor dir(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (dir.get() < 0) {
+        fail("cannot open directory", path, errno);
+    }
+    if (::fsync(dir.get()) != 0) {
+        fail("cannot sync directory", path, errno);
+    }
+}
+
+std::string parent_of(const std::string &path) {
+    const size_t slash = path.find_last_of('/');
+    if (slash == std::string::npos) {
+        return ".";
+    }
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+/// Writes, syncs and closes the temporary file; the caller removes it on failure.
+void fill_temporary(int fd_value, const std::string &path, const std::string &bytes) {
+    Descriptor fd(fd_value);
+    if (::fchmod(fd.get(), kFileMode) != 0) {
+        fail("cannot set the mode of", path, errno);
+    }
+    write_all(fd.get(), bytes, path);
+    if (::fsync(fd.get()) != 0) {
+        fail("cannot sync", path, errno);
+    }
+    if (!fd.close_checked()) {
+        fail("cannot close", path, errno);
+    }
+}
+
+} // namespace
+
+// ---- exported calls ------------------------------------------------------------------------
+
+FileError::FileError(const std::string &what, int error_number)
+    : std::runtime_error(what), error_number_(error_number) {}
+
+bool make_directory(const std::string &path) {
+    if (::mkdir(path.c_str(), kDirectoryMode) != 0) {
+        if (errno != EEXIST) {
+            fail("cannot create directory", path, errno);
+        }
+        struct stat st {};
+        if (::stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+            fail("not a directory:", path, ENOTDIR);
+        }
+        return false;
+    }
+    sync_directory(parent_of(path));
+    return true;
+}
+
+void write_file_atomic(const std::string &dir, const std::string &name, const std::string &bytes) {
+    // The temporary name starts with a dot: directory listings of the service skip it.
+    std::string pattern = dir + "/." + name + ".tmp-XXXXXX";
+    std::vector<char> buffer(pattern.begin(), pattern.end());
+    buffer.push_back('\0');
+    const int fd = ::mkostemp(buffer.data(), O_CLOEXEC);
+    if (fd < 0) {
+        fail("cannot create a temporary file in", dir, errno);
+    }
+    const std::string temporary(buffer.data());
+    const std::string target = dir + "/" + name;
+    try {
+        fill_temporary(fd, temporary, bytes);
+        if (::rename(temporary.c_str(), target.c_str()) != 0) {
+            fail("cannot rename to", target, errno);
+        }
+    } catch (...) {
+        ::unlink(temporary.c_str());
+        throw;
+    }
+    sync_directory(dir);
+}
+
+void append_line(const std::string &path, const std::string &line) {
+    Descriptor fd(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, kFileMode));
+    if (fd.get() < 0) {
+        fail("cannot open", path, errno);
+    }
+    struct stat st {};
+    if (::fstat(fd.get(), &st) != 0) {
+        fail("cannot stat", path, errno);
+    }
+    try {
+        write_all(fd.get(), line + "\n", path);
+        if (::fsync(fd.get()) != 0) {
+            fail("cannot sync", path, errno);
+        }
+    } catch (...) {
+        // Leave no partial line: the next append starts on a line of its own.
+        if (::ftruncate(fd.get(), st.st_size) != 0) {
+            // The original error is the one to report.
+        }
+        throw;
+    }
+}
+
+std::string read_file(const std::string &path) {
+    Descriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (fd.get() < 0) {
+        fail("cannot open", path, errno);
+    }
+    std::string content;
+    char chunk[65536];
+    for (;;) {
+        const ssize_t n = ::read(fd.get(), chunk, sizeof chunk);
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            fail("cannot read", path, errno);
+        }
+        if (n == 0) {
+            return content;
+        }
+        content.append(chunk, static_cast<size_t>(n));
+    }
+}
+
+} // namespace vexo_cloud

@@ -1,0 +1,40 @@
+/// Durable file writing for the service's data directory: whole files replaced atomically
+/// (temporary file, fsync, rename, directory fsync), directories created durably, and lines
+/// appended to a log file without leaving half a line behind.
+#ifndef VEXO_CLOUD_DURABLE_FILE_H
+#define VEXO_CLOUD_DURABLE_FILE_H
+
+#include <stdexcept>
+#include <string>
+
+namespace vexo_cloud {
+
+/// A file-system failure with the errno it came from (ENOSPC: the disk is full).
+class FileError : public std::runtime_error {
+  public:
+    FileError(const std::string &what, int error_number);
+    int error_number() const { return error_number_; }
+
+  private:
+    int error_number_;
+};
+
+/// Creates a directory whose parent exists and fsyncs the parent. True when it was created,
+/// false when it was already there; throws FileError otherwise.
+bool make_directory(const std::string &path);
+
+/// Replaces dir/name with bytes: written to a temporary name in dir, fsync'd, renamed over
+/// name, then dir fsync'd. A reader sees the old file or the new one, never a part. On
+/// failure the temporary file is removed and FileError thrown.
+void write_file_atomic(const std::string &dir, const std::string &name, const std::string &bytes);
+
+/// Appends line and a newline to path (created when missing) and fsyncs it. On failure the
+/// file is cut back to its former length and FileError thrown.
+void append_line(const std::string &path, const std::string &line);
+
+/// The whole content of a file; throws FileError.
+std::string read_file(const std::string &path);
+
+} // namespace vexo_cloud
+
+#endif

@@ -1,0 +1,47 @@
+/// The rules of an order: which values an admin may set, which store mode a device is told,
+/// and how many events a device has left today.
+#ifndef VEXO_CLOUD_ORDER_RULES_H
+#define VEXO_CLOUD_ORDER_RULES_H
+
+#include <cstdint>
+#include <string>
+
+#include "cloud_service.h"
+
+namespace vexo_cloud {
+
+/// The store mode storage/config answers for an aborted order.
+constexpr char kStoreModeNone[] = "none";
+constexpr char kStoreModeEvent[] = "event";
+
+/// Events of today counted against an order's daily allowance.
+struct Allowance {
+    int32_t day = 0;            ///< local date as yyyymmdd the count belongs to; 0 never
+    int32_t events_started = 0; ///< event-mode recordings started on that day
+};
+
+/// True when every value of the order is in range; *error names the first one that is not.
+bool validate_order(const Order &order, std::string *error);
+
+/// Applies the set members of change to *order when the result is valid; *order is left
+/// alone otherwise. Does not touch the abort flag.
+bool apply_order_change(Order *order, const OrderChange &change, std::string *error);
+
+/// The store mode a device is told: "none" for an aborted order, else the order's text.
+std::string effective_store_mode(const Order &order);
+
+/// True when a new recording start counts against the daily allowance.
+bool counts_against_allowance(const Order &order);
+
+/// The local calendar date (TZ) of a time, as yyyymmdd.
+int32_t local_day(uint32_t time);
+
+/// Events left on day today: the allowance less today's starts, never below zero.
+int32_t events_left(const Order &order, const Allowance &allowance, int32_t today);
+
+/// Counts one started event recording on day today (a new day starts from zero).
+void count_event(Allowance *allowance, int32_t today);
+
+} // namespace vexo_cloud
+
+#endif

@@ -1,0 +1,223 @@
+/// Recording directories: their names, their recording.json, and reading them back with the
+/// media files they hold.
+#include "recording_index.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <limits>
+#include <stdexcept>
+#include <vector>
+
+#include "cloud_service.h"
+#include "durable_file.h"
+
+namespace vexo_cloud {
+
+// ---- constants -----------------------------------------------------------------------------
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kMediaSuffix[] = ".media";
+constexpr size_t kMaxStartDigits = 10;
+constexpr size_t kMaxIndexDigits = 10;
+
+// ---- helpers -------------------------------------------------------------------------------
+
+bool all_digits(const std::string &text) {
+    return !text.empty() &&
+           std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+[[noreturn]] void corrupt(const std::string &path, const std::string &what) {
+    throw std::runtime_error(path + ": " + what);
+}
+
+Json recording_to_json(const RecordingState &recording) {
+    return Json{{"startTime", recording.start_time},
+                {"endTime", recording.end_time},
+                {"payloadInfo", recording.payload_info},
+                {"payload", recording.payload},
+                {"mtu", recording.mtu},
+                {"enKeyMd5", recording.announced_md5},
+                {"key", recording.key},
+                {"keyMd5", recording.key_md5}};
+}
+
+RecordingState load_recording(const std::string &path, uint32_t start_time) {
+    const std::optional<Json> json = parse_object(read_file(path));
+    if (!json) {
+        corrupt(path, "not a JSON object");
+    }
+    RecordingState recording;
+    if (!get_u32(*json, "startTime", &recording.start_time) ||
+        !get_u32(*json, "endTime", &recording.end_time) ||
+        !get_text(*json, "payloadInfo", &recording.payload_info) ||
+        !get_i32(*json, "mtu", &recording.mtu) ||
+        !get_text(*json, "enKeyMd5", &recording.announced_md5) ||
+        !get_text(*json, "key", &recording.key) || !get_text(*json, "keyMd5", &recording.key_md5)) {
+        corrupt(path, "a member is missing or of the wrong type");
+    }
+    if (recording.start_time != start_time) {
+        corrupt(path, "startTime differs from the directory name");
+    }
+    recording.payload = Json::parse(recording.payload_info, nullptr, false);
+    if (recording.payload.is_discarded()) {
+        corrupt(path, "payloadInfo is not JSON");
+    }
+    return recording;
+}
+
+/// The recording directories under a device directory, by start time.
+std::map<uint32_t, std::string> recording_directories(const std::string &device_dir) {
+    std::map<uint32_t, std::string> found;
+    std::error_code ec;
+    for (fs::directory_iterator it(device_dir, ec), end; !ec && it != end; it.increment(ec)) {
+        const std::optional<uint32_t> start = parse_start_name(it->path().filename().string());
+        std::error_code type_ec;
+        if (start && it->is_directory(type_ec)) {
+            found[*start] = it->path().string();
+        }
+    }
+    if (ec) {
+        throw FileError("cannot list " + device_dir + ": " + ec.message(), ec.value());
+    }
+    return found;
+}
+
+/// The media files of a recording directory with their sizes, by name; temporary files and
+/// anything else that is not a media file name are left out.
+std::vector<MediaFileInfo> media_files(const std::string &dir) {
+    std::vector<MediaFileInfo> files;
+    std::error_code ec;
+    for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
+        const std::string name = it->path().filename().string();
+        std::error_code file_ec;
+        if (!parse_media_name(name) || !it->is_regular_file(file_ec)) {
+            continue;
+        }
+        const uintmax_t bytes = it->file_size(file_ec);
+        if (!file_ec) {
+            files.push_back(MediaFileInfo{name, static_cast<uint64_t>(bytes)});
+        }
+    }
+    if (ec) {
+        throw FileError("cannot list " + dir + ": " + ec.message(), ec.value());
+    }
+    std::sort(files.begin(), files.end(),
+              [](const MediaFileInfo &a, const MediaFileInfo &b) { return a.name < b.name; });
+    return files;
+}
+
+/// A device's recordings: every recording directory, with its recording.json when there is
+/// one (a directory that only received uploads has none).
+void read_device_recordings(const std::string &device_dir, const std::string &device,
+                            std::vector<Recording> *out) {
+    for (const auto &[start, dir] : recording_directories(device_dir)) {
+        Recording recording;
+        recording.device = device;
+        recording.start_time = start;
+        recording.directory = dir;
+        const std::string path = dir + "/" + kRecordingFile;
+        std::error_code ec;
+        if (fs::exists(path, ec)) {
+            const RecordingState state = load_recording(path, start);
+            recording.end_time = state.end_time;
+            recording.payload_info = state.payload_info;
+            recording.mtu = state.mtu;
+            recording.announced_md5 = state.announced_md5;
+            recording.key = state.key;
+            recording.key_md5 = state.key_md5;
+        }
+        recording.files = media_files(dir);
+        out->push_back(std::move(recording));
+    }
+}
+
+} // namespace
+
+// ---- exported calls ------------------------------------------------------------------------
+
+std::optional<uint32_t> parse_start_name(const std::string &text) {
+    if (!all_digits(text) || text.size() > kMaxStartDigits || text[0] == '0') {
+        return std::nullopt;
+    }
+    const uint64_t value = std::stoull(text);
+    if (value > std::numeric_limits<uint32_t>::max()) {
+        return std::nullopt;
+    }
+    return static_cast<uint32_t>(value);
+}
+
+std::optional<uint32_t> parse_media_name(const std::string &name) {
+    const size_t suffix_length = sizeof kMediaSuffix - 1;
+    if (name.size() <= suffix_length ||
+        name.compare(name.size() - suffix_length, suffix_length, kMediaSuffix) != 0) {
+        return std::nullopt;
+    }
+    const std::string stem = name.substr(0, name.size() - suffix_length);
+    const size_t underscore = stem.find('_');
+    if (underscore == std::string::npos) {
+        return std::nullopt;
+    }
+    const std::string index = stem.substr(underscore + 1);
+    if (!all_digits(index) || index.size() > kMaxIndexDigits) {
+        return std::nullopt;
+    }
+    return parse_start_name(stem.substr(0, underscore));
+}
+
+void save_recording(const std::string &recording_dir, const RecordingState &recording) {
+    write_file_atomic(recording_dir, kRecordingFile,
+                      to_text(recording_to_json(recording), 2) + "\n");
+}
+
+std::map<uint32_t, RecordingState> load_recording_index(const std::string &device_dir) {
+    std::map<uint32_t, RecordingState> index;
+    for (const auto &[start, dir] : recording_directories(device_dir)) {
+        const std::string path = dir + "/" + kRecordingFile;
+        std::error_code ec;
+        if (fs::exists(path, ec)) {
+            index[start] = load_recording(path, start);
+        }
+    }
+    return index;
+}
+
+std::vector<Recording> read_recordings(const std::string &data_dir, const std::string &device) {
+    if (!device.empty() && !valid_device_id(device)) {
+        throw std::invalid_argument("invalid device id: " + device);
+    }
+    std::error_code ec;
+    if (!fs::is_directory(data_dir, ec)) {
+        throw FileError("not a directory: " + data_dir, ENOTDIR);
+    }
+    std::vector<Recording> recordings;
+    if (!device.empty()) {
+        const std::string device_dir = data_dir + "/" + device;
+        if (fs::is_directory(device_dir, ec)) {
+            read_device_recordings(device_dir, device, &recordings);
+        }
+        return recordings;
+    }
+    std::vector<std::string> devices;
+    for (fs::directory_iterator it(data_dir, ec), end; !ec && it != end; it.increment(ec)) {
+        const std::string name = it->path().filename().string();
+        std::error_code type_ec;
+        if (valid_device_id(name) && it->is_directory(type_ec)) {
+            devices.push_back(name);
+        }
+    }
+    if (ec) {
+        throw FileError("cannot list " + data_dir + ": " + ec.message(), ec.value());
+    }
+    std::sort(devices.begin(), devices.end());
+    for (const std::string &name : devices) {
+        read_device_recordings(data_dir + "/" + name, name, &recordings);
+    }
+    return recordings;
+}
+
+} // namespace vexo_cloud

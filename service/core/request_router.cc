@@ -1,0 +1,169 @@
+/// Service::handle: finds the endpoint of a request, checks everything a device request must
+/// carry (size, device header, token, a known device) and hands it to the endpoint's
+/// handler. Refusals come before any change, so a refused request changes nothing.
+#include <openssl/crypto.h>
+
+#include "answers.h"
+#include "durable_file.h"
+#include "service_core.h"
+
+namespace vexo_cloud {
+
+// ---- constants -----------------------------------------------------------------------------
+
+namespace {
+
+constexpr int32_t kBadRequest = 400;
+constexpr int32_t kUnauthorized = 401;
+constexpr int32_t kNotFound = 404;
+constexpr int32_t kMethodNotAllowed = 405;
+constexpr int32_t kPayloadTooLarge = 413;
+constexpr int32_t kInternalError = 500;
+
+constexpr char kDevicesPrefix[] = "/v1/devices/";
+constexpr char kApiPrefix[] = "/v1/api/";
+constexpr char kMediaPrefix[] = "media/";
+constexpr char kDeviceHeader[] = "x-vexo-device";
+constexpr char kAuthorizationHeader[] = "authorization";
+constexpr char kBearer[] = "Bearer ";
+
+// ---- helpers -------------------------------------------------------------------------------
+
+enum class Endpoint { kStorageConfig, kStorageRestriction, kMedia, kAlarms, kApi };
+
+/// Where a request goes: the endpoint, its method, and what the path names.
+struct Target {
+    Endpoint endpoint;
+    const char *method;
+    bool device_path;        ///< the path names the device (all but the API calls)
+    std::string path_device; ///< the device in the path
+    std::string name;        ///< media file name or API name
+};
+
+bool starts_with(const std::string &text, const std::string &prefix) {
+    return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+std::optional<Target> match_path(const std::string &path) {
+    if (starts_with(path, kApiPrefix)) {
+        const std::string api = path.substr(sizeof kApiPrefix - 1);
+        if (api.empty() || api.find('/') != std::string::npos) {
+            return std::nullopt;
+        }
+        return Target{Endpoint::kApi, "POST", false, "", api};
+    }
+    if (!starts_with(path, kDevicesPrefix)) {
+        return std::nullopt;
+    }
+    const std::string rest = path.substr(sizeof kDevicesPrefix - 1);
+    const size_t slash = rest.find('/');
+    if (slash == std::string::npos) {
+        return std::nullopt;
+    }
+    const std::string device = rest.substr(0, slash);
+    const std::string resource = rest.substr(slash + 1);
+    if (resource == "storage/config") {
+        return Target{Endpoint::kStorageConfig, "GET", true, device, ""};
+    }
+    if (resource == "storage/restriction") {
+        return Target{Endpoint::kStorageRestriction, "GET", true, device, ""};
+    }
+    if (resource == "alarms") {
+        return Target{Endpoint::kAlarms, "POST", true, device, ""};
+    }
+    if (starts_with(resource, kMediaPrefix)) {
+        // The whole rest is the file name, so that "media/../x" is refused as a name.
+        return Target{Endpoint::kMedia, "PUT", true, device,
+                      resource.substr(sizeof kMediaPrefix - 1)};
+    }
+    return std::nullopt;
+}
+
+std::string header(const Request &request, const char *name) {
+    const auto it = request.headers.find(name);
+    return it == request.headers.end() ? "" : it->second;
+}
+
+bool token_matches(const Request &request, const std::string &token) {
+    const std::string expected = kBearer + token;
+    const std::string given = header(request, kAuthorizationHeader);
+    return given.size() == expected.size() &&
+           CRYPTO_memcmp(given.data(), expected.data(), given.size()) == 0;
+}
+
+/// The refusal a request gets before its handler runs; nullopt when it may go on.
+std::optional<Response> check_request(ServiceCore &core, const Request &request,
+                                      const Target &target, const std::string &device) {
+    if (request.method != target.method) {
+        return error_answer(kMethodNotAllowed, "method " + request.method + " not allowed");
+    }
+    if (request.body.size() > core.options.max_body) {
+        return error_answer(kPayloadTooLarge,
+                            "body larger than " + std::to_string(core.options.max_body) + " bytes");
+    }
+    if (request.headers.count(kDeviceHeader) == 0) {
+        return error_answer(kBadRequest, "X-Vexo-Device header missing");
+    }
+    if (!valid_device_id(device)) {
+        return error_answer(kBadRequest, "invalid device id");
+    }
+    if (target.device_path && target.path_device != device) {
+        return error_answer(kBadRequest, "the device in the path is not X-Vexo-Device");
+    }
+    if (!core.options.tokens.empty()) {
+        const auto token = core.options.tokens.find(device);
+        if (token == core.options.tokens.end() || !token_matches(request, token->second)) {
+            return error_answer(kUnauthorized, "missing or wrong bearer token");
+        }
+    }
+    std::lock_guard<std::mutex> lock(core.mutex);
+    if (core.devices.count(device) == 0) {
+        return error_answer(kNotFound, "unknown device");
+    }
+    return std::nullopt;
+}
+
+Response dispatch(ServiceCore &core, const Request &request, const Target &target,
+                  const std::string &device) {
+    switch (target.endpoint) {
+    case Endpoint::kStorageConfig:
+        return answer_storage_config(core, device);
+    case Endpoint::kStorageRestriction:
+        return answer_storage_restriction(core, device);
+    case Endpoint::kMedia:
+        return store_media_upload(core, device, target.name, request.body);
+    case Endpoint::kAlarms:
+        return store_alarm_request(core, device, request.body);
+    case Endpoint::kApi:
+        return answer_api_call(core, device, target.name, request.query, request.body);
+    }
+    return error_answer(kNotFound, "no such resource");
+}
+
+Response route(ServiceCore &core, const Request &request) {
+    const std::optional<Target> target = match_path(request.path);
+    if (!target) {
+        return error_answer(kNotFound, "no such resource");
+    }
+    const std::string device = header(request, kDeviceHeader);
+    if (std::optional<Response> refusal = check_request(core, request, *target, device)) {
+        return *refusal;
+    }
+    return dispatch(core, request, *target, device);
+}
+
+} // namespace
+
+// ---- exported calls ------------------------------------------------------------------------
+
+Response Service::handle(const Request &request) {
+    try {
+        return route(impl_->core, request);
+    } catch (const FileError &e) {
+        return storage_failure_answer(e.error_number(), e.what());
+    } catch (const std::exception &e) {
+        return error_answer(kInternalError, e.what());
+    }
+}
+
+} // namespace vexo_cloud

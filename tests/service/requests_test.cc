@@ -1,0 +1,290 @@
+/// Device requests: refusals of every kind (4xx, nothing changed on disk), media uploads,
+/// stop notifications, event reports and alarms, and requests from many threads at once.
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "service/core/base64.h"
+#include "service_fixture.h"
+
+namespace service_test {
+namespace {
+
+namespace fs = std::filesystem;
+using vexo_cloud::Request;
+using vexo_cloud::Response;
+
+class ServiceRequestsTest : public ServiceTest {};
+
+std::string read_all(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+TEST_F(ServiceRequestsTest, RefusedRequestsAnswer4xxAndChangeNothing) {
+    vexo_cloud::Options opts = options();
+    opts.max_body = 1024;
+    auto service = start_service(std::move(opts));
+    add_device(*service, "cam1");
+    start(*service, "cam1", kNoon, kNoKeyMd5);
+    ASSERT_EQ(put_media(*service, "cam1", "1710072000_0000.media", "x").status, 200);
+
+    auto no_device_header = request("GET", "/v1/devices/cam1/storage/config", "");
+    no_device_header.headers.erase("x-vexo-device");
+    std::vector<std::pair<Request, int32_t>> cases = {
+        {request("GET", "/v1/devices/ghost/storage/config", "ghost"), 404},
+        {request("POST", "/v1/api/x?v=1.0", "ghost", "{}"), 404},
+        {no_device_header, 400},
+        {request("GET", "/v1/devices/cam1/storage/config", "cam2"), 400},
+        {request("GET", "/v1/devices/a b/storage/config", "a b"), 400},
+        {request("PUT", "/v1/devices/../media/1_0.media", "..", "x"), 400},
+        {request("POST", "/v1/devices/cam1/alarms", "cam1", std::string(1025, ' ')), 413},
+        {request("PUT", "/v1/devices/cam1/media/1_0.media", "cam1", std::string(1025, 'x')), 413},
+        {request("GET", "/v1/devices/cam1/storage", "cam1"), 404},
+        {request("GET", "/v2/devices/cam1/storage/config", "cam1"), 404},
+        {request("POST", "/v1/devices/cam1/storage/config", "cam1"), 405},
+        {request("GET", "/v1/devices/cam1/media/1_0.media", "cam1"), 405},
+    };
+    const std::string api = "/v1/api/";
+    const std::pair<std::string, std::string> bad_bodies[] = {
+        {api + kStartApi, "{\"startTime\":"},
+        {api + kStartApi, R"({"startTime":5,"payloadInfo":"{v:1","mtu":10,"enKeyMd5":"0000"})"},
+        {api + kStartApi, R"({"startTime":"5","payloadInfo":"{}","mtu":10,"enKeyMd5":"0000"})"},
+        {api + kStartApi, R"({"startTime":-5,"payloadInfo":"{}","mtu":10,"enKeyMd5":"0000"})"},
+        {api + kStopApi, R"({"startTime":1710072000})"},
+        {api + kReportApi, "[1]"},
+        {"/v1/devices/cam1/alarms", R"({"time":1,"withPicture":1,"picture":"AA*A"})"},
+        {"/v1/devices/cam1/alarms", R"({"time":1,"withPicture":1,"picture":"A==="})"},
+        {"/v1/devices/cam1/alarms", R"({"time":1,"withPicture":2})"},
+        {"/v1/devices/cam1/alarms", "time=1"},
+    };
+    for (const auto &[path, body] : bad_bodies) {
+        const bool is_api = path.rfind(api, 0) == 0;
+        cases.emplace_back(request("POST", is_api ? path + "?v=1.0" : path, "cam1", body), 400);
+    }
+    const char *bad_names[] = {"../x",
+                               "a/b",
+                               "..%2f1710072000_0000.media",
+                               "1710072000/../1_0.media",
+                               "",
+                               "01_0.media",
+                               "0_0.media",
+                               "4294967296_0.media",
+                               "1_.media",
+                               "_1.media",
+                               "1_0.mp4",
+                               ".1_0.media.tmp-abc",
+                               "device.json",
+                               "1_0.media/"};
+    for (const char *name : bad_names) {
+        cases.emplace_back(
+            request("PUT", std::string("/v1/devices/cam1/media/") + name, "cam1", "x"), 400);
+    }
+
+    const auto before = snapshot();
+    for (const auto &[req, status] : cases) {
+        const Response response = service->handle(req);
+        const std::string what = req.method + " " + req.path + " " + req.body.substr(0, 60);
+        EXPECT_EQ(response.status, status) << what << ": " << response.body;
+        EXPECT_TRUE(body_of(response).contains("error")) << what << ": " << response.body;
+        EXPECT_EQ(snapshot(), before) << what;
+    }
+    // The boundary: a body of exactly max_body bytes is taken.
+    EXPECT_EQ(put_media(*service, "cam1", "1710072000_0001.media", std::string(1024, 'x')).status,
+              200);
+}
+
+TEST_F(ServiceRequestsTest, TokensAreCheckedPerDevice) {
+    vexo_cloud::Options opts = options();
+    opts.tokens = {{"cam1", "secret-1"}, {"cam2", "secret-2"}};
+    auto service = start_service(std::move(opts));
+    // Devices with a token exist from the start, with the default order.
+    EXPECT_EQ(service->devices(), (std::vector<std::string>{"cam1", "cam2"}));
+    const auto before = snapshot();
+
+    auto with_token = [](Request r, const std::string &value) {
+        r.headers["authorization"] = value;
+        return r;
+    };
+    const Request put =
+        request("PUT", "/v1/devices/cam1/media/1710072000_0000.media", "cam1", "bytes");
+    const Request refused[] = {
+        put,
+        with_token(put, "Bearer secret-2"),
+        with_token(put, "Bearer secret-1x"),
+        with_token(put, "bearer secret-1"),
+        with_token(put, "secret-1"),
+        with_token(request("GET", "/v1/devices/cam3/storage/config", "cam3"), "Bearer secret-1"),
+    };
+    for (const Request &r : refused) {
+        EXPECT_EQ(service->handle(r).status, 401) << r.headers.count("authorization");
+    }
+    EXPECT_EQ(snapshot(), before);
+    EXPECT_EQ(service->handle(with_token(put, "Bearer secret-1")).status, 200);
+    EXPECT_EQ(service
+                  ->handle(with_token(request("GET", "/v1/devices/cam2/storage/config", "cam2"),
+                                      "Bearer secret-2"))
+                  .status,
+              200);
+}
+
+TEST_F(ServiceRequestsTest, ApiRefusalsAnswerSuccessFalse) {
+    auto service = start_service();
+    add_device(*service, "cam1");
+    const auto before = snapshot();
+    auto expect_refused = [&](const Response &response, const std::string &code) {
+        EXPECT_EQ(response.status, 200);
+        const Json body = body_of(response);
+        EXPECT_EQ(body["success"], false) << response.body;
+        EXPECT_EQ(body["code"], code) << response.body;
+        EXPECT_TRUE(body["msg"].is_string());
+    };
+    expect_refused(call_api(*service, "cam1", "vexo.device.other", "{}"), "api.unknown");
+    expect_refused(service->handle(request("POST", std::string("/v1/api/") + kStopApi + "?v=2.0",
+                                           "cam1", R"({"startTime":1,"endTime":2})")),
+                   "api.version");
+    expect_refused(call_api(*service, "cam1", kStopApi, R"({"startTime":1,"endTime":2})"),
+                   "recording.unknown");
+    EXPECT_EQ(snapshot(), before);
+
+    start(*service, "cam1", kNoon, kNoKeyMd5);
+    expect_refused(call_api(*service, "cam1", kStopApi,
+                            Json{{"startTime", kNoon}, {"endTime", kNoon - 1}}.dump()),
+                   "time.invalid");
+    EXPECT_EQ(recording(*service, "cam1", kNoon).end_time, 0u);
+}
+
+TEST_F(ServiceRequestsTest, StopClosesTheRecordingAndReportsAreLogged) {
+    auto service = start_service();
+    add_device(*service, "cam1");
+    start(*service, "cam1", kNoon, kNoKeyMd5);
+    const Response stop = call_api(*service, "cam1", kStopApi,
+                                   Json{{"startTime", kNoon}, {"endTime", kNoon + 30}}.dump());
+    EXPECT_EQ(body_of(stop), Json::parse(R"({"success":true,"result":{}})"));
+    EXPECT_EQ(recording(*service, "cam1", kNoon).end_time, kNoon + 30);
+
+    EXPECT_EQ(body_of(call_api(*service, "cam1", kReportApi, R"({"a":1})"))["success"], true);
+    EXPECT_EQ(body_of(call_api(*service, "cam1", kReportApi, R"({"b":"two"})"))["success"], true);
+    EXPECT_EQ(read_all(dir_ + "/data/cam1/events.jsonl"), "{\"a\":1}\n{\"b\":\"two\"}\n");
+}
+
+TEST_F(ServiceRequestsTest, UploadIsStoredUnderItsRecordingAndReplacedWhole) {
+    auto service = start_service();
+    vexo_cloud::OrderChange expire;
+    expire.expired = true;
+    std::string error;
+    ASSERT_TRUE(service->set_order("cam1", expire, &error));
+    const std::string dir = dir_ + "/data/cam1/1710072000";
+    // Accepted without a start notification and with an expired order.
+    ASSERT_EQ(put_media(*service, "cam1", "1710072000_0000.media", "first version").status, 200);
+    ASSERT_EQ(put_media(*service, "cam1", "1710072000_0000.media", "second").status, 200);
+    EXPECT_EQ(read_all(dir + "/1710072000_0000.media"), "second");
+    std::vector<std::string> names;
+    for (const auto &entry : fs::directory_iterator(dir)) {
+        names.push_back(entry.path().filename().string());
+    }
+    EXPECT_EQ(names, std::vector<std::string>{"1710072000_0000.media"});
+
+    // A write that cannot complete leaves neither a partial file nor a temporary one.
+    fs::create_directory(dir + "/1710072000_0001.media");
+    const Response failed = put_media(*service, "cam1", "1710072000_0001.media", "data");
+    EXPECT_EQ(failed.status, 500) << failed.body;
+    EXPECT_TRUE(body_of(failed).contains("error"));
+    EXPECT_TRUE(fs::is_directory(dir + "/1710072000_0001.media"));
+    size_t entries = 0;
+    for (const auto &entry : fs::directory_iterator(dir)) {
+        EXPECT_EQ(entry.path().filename().string().rfind(".", 0), std::string::npos)
+            << entry.path();
+        ++entries;
+    }
+    EXPECT_EQ(entries, 2u);
+}
+
+TEST_F(ServiceRequestsTest, AlarmsAreStoredWithTheirPictures) {
+    auto service = start_service();
+    add_device(*service, "cam1");
+    const std::string jpeg("\xff\xd8\xff\xe0 picture \x00\x01\xff\xd9", 17);
+    const std::string with_picture = Json{
+        {"time", kNoon + 5},
+        {"withPicture", 1},
+        {"extra", "\"ext\":{\"user\":\"u1\"}"},
+        {"picture",
+         "/9j/4CBwaWN0dXJlIAAB/9k="}}.dump();
+    EXPECT_EQ(
+        service->handle(request("POST", "/v1/devices/cam1/alarms", "cam1", with_picture)).status,
+        200);
+    const std::string without =
+        Json{{"time", kNoon}, {"withPicture", 0}, {"extra", "x"}, {"picture", ""}}.dump();
+    EXPECT_EQ(service->handle(request("POST", "/v1/devices/cam1/alarms", "cam1", without)).status,
+              200);
+
+    const std::vector<vexo_cloud::Alarm> alarms = service->alarms("cam1");
+    ASSERT_EQ(alarms.size(), 2u);
+    EXPECT_EQ(alarms[0].time, kNoon);
+    EXPECT_FALSE(alarms[0].with_picture);
+    EXPECT_EQ(alarms[0].picture_path, "");
+    EXPECT_EQ(alarms[1].time, kNoon + 5);
+    EXPECT_TRUE(alarms[1].with_picture);
+    EXPECT_EQ(alarms[1].extra, "\"ext\":{\"user\":\"u1\"}");
+    EXPECT_EQ(read_all(alarms[1].picture_path), jpeg);
+}
+
+TEST(ServiceBase64Test, DecodesWhatAnEncoderProducesAndNothingElse) {
+    using vexo_cloud::base64_decode;
+    EXPECT_EQ(base64_decode(""), "");
+    EXPECT_EQ(base64_decode("Zg=="), "f");
+    EXPECT_EQ(base64_decode("Zg"), "f");
+    EXPECT_EQ(base64_decode("Zm8="), "fo");
+    EXPECT_EQ(base64_decode("Zm9v"), "foo");
+    EXPECT_EQ(base64_decode("Zm9vYmFy"), "foobar");
+    EXPECT_EQ(base64_decode("+/+/"), std::string("\xfb\xff\xbf", 3));
+    for (const char *bad : {"Z", "Zg=", "Z===", "Zg==Zg==", "Zm9v\n", "Zm-v", "=Zg="}) {
+        EXPECT_FALSE(base64_decode(bad).has_value()) << bad;
+    }
+}
+
+TEST_F(ServiceRequestsTest, ConcurrentDevicesKeepConsistentState) {
+    auto service = start_service();
+    add_device(*service, "cam1");
+    add_device(*service, "cam2");
+    constexpr int kRecordings = 6;
+    auto device_run = [&](const std::string &device) {
+        for (int i = 0; i < kRecordings; ++i) {
+            const uint32_t t = kNoon + static_cast<uint32_t>(i) * 60;
+            const Response started =
+                call_api(*service, device, kStartApi, start_body(t, kNoKeyMd5));
+            EXPECT_EQ(body_of(started)["success"], true);
+            const std::string name = std::to_string(t) + "_0000.media";
+            EXPECT_EQ(put_media(*service, device, name, device + name).status, 200);
+            EXPECT_EQ(get_config(*service, device).status, 200);
+        }
+    };
+    auto admin_run = [&] {
+        std::string error;
+        for (int i = 0; i < kRecordings; ++i) {
+            vexo_cloud::OrderChange change;
+            change.silence_interval = i;
+            EXPECT_TRUE(service->set_order("cam1", change, &error));
+            EXPECT_TRUE(service->trigger("cam2", "pic", 0, "{}", &error));
+        }
+    };
+    std::thread a(device_run, "cam1");
+    std::thread b(device_run, "cam2");
+    std::thread c(admin_run);
+    a.join();
+    b.join();
+    c.join();
+    for (const std::string device : {"cam1", "cam2"}) {
+        const auto recordings = service->recordings(device);
+        ASSERT_EQ(recordings.size(), static_cast<size_t>(kRecordings));
+        for (const auto &rec : recordings) {
+            ASSERT_EQ(rec.files.size(), 1u);
+            EXPECT_EQ(rec.files[0].bytes, device.size() + rec.files[0].name.size());
+            EXPECT_EQ(rec.key, recordings[0].key);
+        }
+        EXPECT_EQ(service->count_left(device), 20 - kRecordings);
+    }
+}
+
+} // namespace
+} // namespace service_test
