@@ -1,0 +1,276 @@
+// The kit's cloud calls in their wire form: each call becomes one request to the cloud
+// service (path, headers, JSON) through the configured transport, and the answer's status
+// and body become the call's result. No retries: the module decides what a failure means.
+#include <cjson/cJSON.h>
+
+#include <cstring>
+#include <string>
+
+#include "host_internal.h"
+#include "vexo_cloud.h"
+#include "vexo_device.h"
+
+namespace hostkit {
+namespace {
+
+constexpr uint32_t kRequestTimeoutS = 30;
+constexpr uint32_t kUploadTimeoutS = 60;
+
+/// Deletes a cJSON tree at scope exit.
+struct JsonGuard {
+    cJSON *root;
+    ~JsonGuard() { cJSON_Delete(root); }
+};
+
+/// Percent-encodes everything but unreserved characters, for one path segment.
+std::string path_segment(const char *text) {
+    static const char kHex[] = "0123456789ABCDEF";
+    std::string out;
+    for (const char *p = text; *p != '\0'; ++p) {
+        const unsigned char c = static_cast<unsigned char>(*p);
+        const bool unreserved = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
+                                (c >= '0' && c <= '9') || c == '-' || c == '_' || c == '.' ||
+                                c == '~';
+        if (unreserved) {
+            out += static_cast<char>(c);
+        } else {
+            out += '%';
+            out += kHex[c >> 4];
+            out += kHex[c & 15];
+        }
+    }
+    return out;
+}
+
+std::string device_id() {
+    return internal::options().device_id;
+}
+
+CloudRequest make_request(const char *method, std::string path, uint32_t timeout_s) {
+    CloudRequest req;
+    req.method = method;
+    req.path = std::move(path);
+    req.timeout_s = timeout_s;
+    req.headers["x-vexo-device"] = device_id();
+    const std::string &token = internal::options().device_token;
+    if (!token.empty()) {
+        req.headers["authorization"] = "Bearer " + token;
+    }
+    return req;
+}
+
+CloudResponse send(const CloudRequest &req) {
+    const std::shared_ptr<CloudTransport> transport = internal::options().cloud;
+    if (!transport) {
+        internal::log_error("cloud: no transport (kit not started)");
+        return {};
+    }
+    CloudResponse resp = transport->exchange(req);
+    if (resp.status < 200 || resp.status > 299) {
+        internal::log_debug("cloud: %s %s -> %d %.200s", req.method.c_str(), req.path.c_str(),
+                            static_cast<int>(resp.status), resp.body.c_str());
+    }
+    return resp;
+}
+
+std::string device_path(const char *tail) {
+    return "/v1/devices/" + path_segment(device_id().c_str()) + tail;
+}
+
+void copy_text(char *dst, size_t capacity, const cJSON *obj, const char *name) {
+    const cJSON *item = cJSON_GetObjectItemCaseSensitive(obj, name);
+    if (cJSON_IsString(item) && item->valuestring != nullptr) {
+        std::strncpy(dst, item->valuestring, capacity - 1);
+        dst[capacity - 1] = '\0';
+    }
+}
+
+void copy_int(int32_t *dst, const cJSON *obj, const char *name) {
+    const cJSON *item = cJSON_GetObjectItemCaseSensitive(obj, name);
+    if (cJSON_IsNumber(item)) {
+        *dst = static_cast<int32_t>(item->valuedouble);
+    }
+}
+
+std::string base64(const uint8_t *data, uint32_t len) {
+    static const char kAlphabet[] =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string out;
+    out.reserve((len + 2) / 3 * 4);
+    uint32_t i = 0;
+    for (; i + 2 < len; i += 3) {
+        const uint32_t v = uint32_t{data[i]} << 16 | uint32_t{data[i + 1]} << 8 | data[i + 2];
+        out += kAlphabet[v >> 18];
+        out += kAlphabet[(v >> 12) & 63];
+        out += kAlphabet[(v >> 6) & 63];
+        out += kAlphabet[v & 63];
+    }
+    if (i < len) {
+        uint32_t v = uint32_t{data[i]} << 16;
+        if (i + 1 < len) {
+            v |= uint32_t{data[i + 1]} << 8;
+        }
+        out += kAlphabet[v >> 18];
+        out += kAlphabet[(v >> 12) & 63];
+        out += i + 1 < len ? kAlphabet[(v >> 6) & 63] : '=';
+        out += '=';
+    }
+    return out;
+}
+
+} // namespace
+} // namespace hostkit
+
+extern "C" {
+
+int32_t cloud_get_storage_config(vexo_storage_config_t *cfg, int32_t flag) {
+    using namespace hostkit;
+    (void)flag;
+    if (cfg == nullptr) {
+        return -1;
+    }
+    const CloudResponse resp =
+        send(make_request("GET", device_path("/storage/config"), kRequestTimeoutS));
+    if (resp.status == 410) {
+        return VEXO_CLOUD_ORDER_EXPIRED;
+    }
+    if (resp.status >= 500 && resp.status <= 599) {
+        return VEXO_CLOUD_SERVICE_FAILED;
+    }
+    if (resp.status != 200) {
+        return -1;
+    }
+    JsonGuard json{cJSON_ParseWithLength(resp.body.data(), resp.body.size())};
+    if (!cJSON_IsObject(json.root)) {
+        internal::log_error("storage config: answer is not a JSON object");
+        return -1;
+    }
+    std::memset(cfg, 0, sizeof *cfg);
+    copy_text(cfg->cloud_type, sizeof cfg->cloud_type, json.root, "cloudType");
+    copy_text(cfg->address_prefix, sizeof cfg->address_prefix, json.root, "addressPrefix");
+    copy_text(cfg->address_suffix, sizeof cfg->address_suffix, json.root, "addressSuffix");
+    copy_text(cfg->store_mode, sizeof cfg->store_mode, json.root, "storeMode");
+    copy_int(&cfg->event_duration, json.root, "eventDuration");
+    copy_int(&cfg->slice_duration, json.root, "sliceDuration");
+    copy_int(&cfg->silence_interval, json.root, "silenceInterval");
+    copy_int(&cfg->count_left, json.root, "countLeft");
+    return 0;
+}
+
+int32_t cloud_get_storage_restriction_config(vexo_storage_config_t *cfg) {
+    using namespace hostkit;
+    if (cfg == nullptr) {
+        return -1;
+    }
+    const CloudResponse resp =
+        send(make_request("GET", device_path("/storage/restriction"), kRequestTimeoutS));
+    if (resp.status != 200) {
+        return -1;
+    }
+    JsonGuard json{cJSON_ParseWithLength(resp.body.data(), resp.body.size())};
+    if (!cJSON_IsObject(json.root)) {
+        return -1;
+    }
+    copy_int(&cfg->event_duration, json.root, "eventDuration");
+    copy_int(&cfg->slice_duration, json.root, "sliceDuration");
+    return 0;
+}
+
+int32_t cloud_cfg_broadcast_update_status(void) {
+    hostkit::internal::log_debug("cloud configuration is changing");
+    return 0;
+}
+
+int32_t cloud_put_data_to_file(const vexo_storage_config_t *cfg, const char *scheme, int32_t flag,
+                               const char *file_name, const char *content_type, const uint8_t *data,
+                               uint32_t len) {
+    using namespace hostkit;
+    (void)cfg;
+    (void)scheme; // the transport's own scheme is used
+    (void)flag;
+    if (file_name == nullptr || file_name[0] == '\0' || (data == nullptr && len > 0)) {
+        internal::log_error("upload: bad arguments");
+        return -1;
+    }
+    CloudRequest req =
+        make_request("PUT", device_path("/media/") + path_segment(file_name), kUploadTimeoutS);
+    req.headers["content-type"] =
+        content_type != nullptr ? content_type : "application/octet-stream";
+    req.body.assign(reinterpret_cast<const char *>(data), len);
+    const CloudResponse resp = send(req);
+    const bool ok = resp.status >= 200 && resp.status <= 299;
+    internal::count_upload(file_name, len, ok);
+    return ok ? 0 : -1;
+}
+
+int32_t iot_httpc_common_post_no_remalloc(const char *api_name, const char *api_version,
+                                          const char *uuid, const char *dev_id, char *post_data,
+                                          uint32_t post_len, const char *extra_header,
+                                          cJSON **result) {
+    using namespace hostkit;
+    (void)uuid;
+    (void)extra_header;
+    if (api_name == nullptr || post_data == nullptr || result == nullptr) {
+        internal::log_error("api post: null argument");
+        return -1;
+    }
+    *result = nullptr;
+    CloudRequest req = make_request("POST", "/v1/api/" + path_segment(api_name), kRequestTimeoutS);
+    if (api_version != nullptr && api_version[0] != '\0') {
+        req.query = "v=" + path_segment(api_version);
+    }
+    if (dev_id != nullptr && dev_id[0] != '\0') {
+        req.headers["x-vexo-device"] = dev_id;
+    }
+    req.headers["content-type"] = "application/json";
+    req.body.assign(post_data, strnlen(post_data, post_len));
+    internal::count_api_post();
+    const CloudResponse resp = send(req);
+    if (resp.status != 200) {
+        return -1;
+    }
+    JsonGuard json{cJSON_ParseWithLength(resp.body.data(), resp.body.size())};
+    const cJSON *success = cJSON_GetObjectItemCaseSensitive(json.root, "success");
+    if (!cJSON_IsTrue(success)) {
+        const cJSON *code = cJSON_GetObjectItemCaseSensitive(json.root, "code");
+        const cJSON *msg = cJSON_GetObjectItemCaseSensitive(json.root, "msg");
+        internal::log_error("api %s refused: %s %s", api_name,
+                            cJSON_IsString(code) ? code->valuestring : "?",
+                            cJSON_IsString(msg) ? msg->valuestring : "");
+        return -1;
+    }
+    cJSON *res = cJSON_DetachItemFromObjectCaseSensitive(json.root, "result");
+    if (res == nullptr) {
+        res = cJSON_CreateObject();
+    }
+    *result = res;
+    return 0;
+}
+
+int32_t vexo_ipc_alarm_event(const vexo_alarm_event_t *event) {
+    using namespace hostkit;
+    if (event == nullptr) {
+        return -1;
+    }
+    JsonGuard json{cJSON_CreateObject()};
+    cJSON_AddNumberToObject(json.root, "time", event->time);
+    cJSON_AddNumberToObject(json.root, "withPicture", event->with_picture);
+    cJSON_AddStringToObject(json.root, "extra", event->extra != nullptr ? event->extra : "");
+    const std::string picture = event->picture != nullptr && event->picture_size > 0
+                                    ? base64(event->picture, event->picture_size)
+                                    : std::string();
+    cJSON_AddStringToObject(json.root, "picture", picture.c_str());
+    char *text = cJSON_PrintUnformatted(json.root);
+    if (text == nullptr) {
+        return -1;
+    }
+    CloudRequest req = make_request("POST", device_path("/alarms"), kRequestTimeoutS);
+    req.headers["content-type"] = "application/json";
+    req.body = text;
+    cJSON_free(text);
+    const CloudResponse resp = send(req);
+    internal::count_alarm();
+    return resp.status >= 200 && resp.status <= 299 ? 0 : -1;
+}
+
+} // extern "C"

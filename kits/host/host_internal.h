@@ -1,0 +1,53 @@
+// What the host kit's files share among themselves; not for the kit's users.
+#ifndef VEXO_HOST_INTERNAL_H
+#define VEXO_HOST_INTERNAL_H
+
+#include <cstdarg>
+#include <cstdint>
+#include <string>
+
+#include "host_kit.h"
+
+namespace hostkit::internal {
+
+/// The options start() was given (defaults before it).
+const Options &options();
+/// True between start() and stop().
+bool started();
+
+/// Kit log line to stderr: "<kit time> <E|D|T> file:line message". Thread-safe.
+void log_line(LogLevel level, const char *file, int32_t line, const char *fmt, va_list args);
+void log_error(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+void log_debug(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+
+/// Real seconds/milliseconds for a span of kit time, and back.
+uint64_t real_ms_for_kit_ms(uint64_t kit_ms);
+
+/// Counter updates (all thread-safe).
+void count_upload(const std::string &name, uint64_t bytes, bool ok);
+void count_api_post();
+void count_alarm();
+void count_mqtt();
+void count_frame_pushed();
+void count_frames_overwritten(uint64_t n);
+
+/// Per-part reset and start hooks, called by start()/stop() in kit.cc.
+void clock_start(const Options &options);
+void kv_start(const std::string &data_dir);
+void seq_log_start(const std::string &data_dir);
+void seq_log_stop();
+void ring_reset(const Options &options);
+void mqtt_start();
+void mqtt_stop();
+void device_reset();
+
+} // namespace hostkit::internal
+
+/// The key-value store's directory handling, shared with its tests: the file a key lives in.
+namespace hostkit::kv {
+/// "<data_dir>/kv/<key>.rec"; empty when the key is not a safe file name
+/// (1..64 characters of A-Z a-z 0-9 . _ -, not starting with '.').
+std::string record_path(const std::string &key);
+} // namespace hostkit::kv
+
+#endif

@@ -1,0 +1,95 @@
+/// The host kit: every platform call of the module made real on Linux. This header is for the
+/// program that hosts the module (the camera simulator, tests): it configures the kit,
+/// feeds the ring buffer, provides snapshots and MQTT messages, and reads the kit's counters.
+/// The module itself sees only the platform declarations.
+#ifndef VEXO_HOST_KIT_H
+#define VEXO_HOST_KIT_H
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "cloud_transport.h"
+
+namespace hostkit {
+
+enum class LogLevel { kError = 0, kDebug = 1, kTrace = 2 };
+
+struct Options {
+    /// Key-value records go to <data_dir>/kv/, the sequence log to <data_dir>/seq-log.jsonl.
+    std::string data_dir = "vexo-data";
+    /// The device id (gateway id): 1..63 characters of A-Z a-z 0-9 . _ -
+    std::string device_id = "camsim-0001";
+    /// Kit time at start, seconds since the epoch; 0 takes the real time.
+    uint32_t clock_start = 0;
+    /// How much faster than real time the kit clock runs (>= 1.0 is typical; > 0).
+    double speed = 1.0;
+    /// Lines below this level are not printed; errors always are.
+    LogLevel log_level = LogLevel::kDebug;
+    /// Where the cloud calls go; required.
+    std::shared_ptr<CloudTransport> cloud;
+    /// Sent as "Authorization: Bearer <token>" with every cloud request when not empty.
+    std::string device_token;
+    /// Seconds of frames each ring-buffer stream holds.
+    uint32_t ring_seconds = 10;
+    /// A reader further than this behind the live end is "delayed" (if_delay), ms of stream
+    /// time; 0 takes half the ring.
+    uint32_t ring_delay_ms = 0;
+    /// Real milliseconds DeleteThrdHandle waits for a thread to end before it detaches it.
+    uint32_t thread_join_timeout_ms = 5000;
+};
+
+/// Starts the kit with these options; call before any module call. 0 on success, -1 with an
+/// error on stderr when an option is invalid or the data directory cannot be made.
+int32_t start(const Options &options);
+/// Stops the kit's own threads (MQTT dispatcher) and forgets readers, handlers and streams.
+/// Call after the module is uninitialised.
+void stop();
+
+// ---- clock ----
+/// Kit time in milliseconds since the epoch (runs at Options::speed).
+uint64_t now_ms();
+/// Sleeps until the kit clock reaches the given time (ms since the epoch).
+void sleep_until_ms(uint64_t kit_ms);
+
+// ---- ring buffer (the camera's side) ----
+/// Declares a stream and the largest frame it will carry (-1 unknown). Streams are
+/// VEXO_STREAM_MAIN (0) and VEXO_STREAM_AUDIO (9). Until a stream is declared its
+/// get_max_buf_secs answers -1.
+void ring_declare(int32_t stream, int32_t max_frame_size);
+/// Appends a frame (copied) to a stream; old frames beyond Options::ring_seconds fall out.
+void ring_push(int32_t stream, uint32_t type, const uint8_t *data, uint32_t size, uint64_t pts,
+               uint64_t timestamp_ms);
+
+// ---- device services ----
+/// Produces a JPEG picture for vexo_ipc_get_snapshot_cb; false when none is available.
+using SnapshotSource = std::function<bool(std::vector<uint8_t> *jpeg)>;
+void set_snapshot_source(SnapshotSource source);
+
+/// Queues an MQTT message (the JSON payload text) for the kit's MQTT thread, which parses it
+/// and calls the handler attached for its "protocol" number. Unparsable payloads and unknown
+/// protocols are logged and dropped.
+void mqtt_deliver(const std::string &payload);
+/// The same, on the calling thread: for a network MQTT client whose callback thread is the
+/// kit's MQTT thread. Returns 0 when a handler ran.
+int32_t mqtt_dispatch(const std::string &payload);
+
+// ---- counters, for progress displays and tests ----
+struct Counters {
+    uint64_t uploads = 0; ///< media files accepted by the cloud
+    uint64_t upload_failures = 0;
+    uint64_t bytes_uploaded = 0;
+    uint64_t api_posts = 0; ///< notifications sent
+    uint64_t alarms = 0;
+    uint64_t mqtt_messages = 0; ///< dispatched to a handler
+    uint64_t frames_pushed = 0;
+    uint64_t frames_overwritten = 0; ///< fell out of the ring before a reader got them
+    std::string last_upload;         ///< file name of the newest accepted upload
+};
+Counters counters();
+
+} // namespace hostkit
+
+#endif

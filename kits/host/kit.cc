@@ -1,0 +1,168 @@
+// The host kit's start and stop, its options and its counters.
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <string>
+
+#include "host_internal.h"
+
+namespace hostkit {
+namespace {
+
+std::mutex g_mu;
+Options g_options;
+bool g_started = false;
+Counters g_counters;
+
+bool valid_device_id(const std::string &id) {
+    if (id.empty() || id.size() > 63) {
+        return false;
+    }
+    for (char c : id) {
+        const bool ok = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
+                        (c >= '0' && c <= '9') || c == '.' || c == '_' || c == '-';
+        if (!ok) {
+            return false;
+        }
+    }
+    return true;
+}
+
+/// mkdir -p with mode 0700 for what it creates.
+bool make_dirs(const std::string &path) {
+    std::string partial;
+    size_t pos = 0;
+    while (pos != std::string::npos) {
+        pos = path.find('/', pos + 1);
+        partial = path.substr(0, pos);
+        if (partial.empty()) {
+            continue;
+        }
+        if (mkdir(partial.c_str(), 0700) != 0 && errno != EEXIST) {
+            return false;
+        }
+    }
+    struct stat st {};
+    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+} // namespace
+
+namespace internal {
+
+const Options &options() {
+    return g_options;
+}
+
+bool started() {
+    std::lock_guard<std::mutex> lock(g_mu);
+    return g_started;
+}
+
+void count_upload(const std::string &name, uint64_t bytes, bool ok) {
+    std::lock_guard<std::mutex> lock(g_mu);
+    if (ok) {
+        ++g_counters.uploads;
+        g_counters.bytes_uploaded += bytes;
+        g_counters.last_upload = name;
+    } else {
+        ++g_counters.upload_failures;
+    }
+}
+
+void count_api_post() {
+    std::lock_guard<std::mutex> lock(g_mu);
+    ++g_counters.api_posts;
+}
+
+void count_alarm() {
+    std::lock_guard<std::mutex> lock(g_mu);
+    ++g_counters.alarms;
+}
+
+void count_mqtt() {
+    std::lock_guard<std::mutex> lock(g_mu);
+    ++g_counters.mqtt_messages;
+}
+
+void count_frame_pushed() {
+    std::lock_guard<std::mutex> lock(g_mu);
+    ++g_counters.frames_pushed;
+}
+
+void count_frames_overwritten(uint64_t n) {
+    std::lock_guard<std::mutex> lock(g_mu);
+    g_counters.frames_overwritten += n;
+}
+
+} // namespace internal
+
+int32_t start(const Options &options) {
+    if (internal::started()) {
+        std::fprintf(stderr, "hostkit: start called twice without stop\n");
+        return -1;
+    }
+    if (!valid_device_id(options.device_id)) {
+        std::fprintf(stderr, "hostkit: invalid device id '%s' (1..63 of A-Z a-z 0-9 . _ -)\n",
+                     options.device_id.c_str());
+        return -1;
+    }
+    if (!(options.speed > 0.0) || options.speed > 100000.0) {
+        std::fprintf(stderr, "hostkit: speed must be in (0, 100000], got %g\n", options.speed);
+        return -1;
+    }
+    if (!options.cloud) {
+        std::fprintf(stderr, "hostkit: no cloud transport given\n");
+        return -1;
+    }
+    if (options.ring_seconds == 0 || options.ring_seconds > 3600) {
+        std::fprintf(stderr, "hostkit: ring_seconds must be 1..3600, got %u\n",
+                     options.ring_seconds);
+        return -1;
+    }
+    if (options.data_dir.empty() || !make_dirs(options.data_dir) ||
+        !make_dirs(options.data_dir + "/kv")) {
+        std::fprintf(stderr, "hostkit: cannot make data directory '%s': %s\n",
+                     options.data_dir.c_str(), std::strerror(errno));
+        return -1;
+    }
+    {
+        std::lock_guard<std::mutex> lock(g_mu);
+        g_options = options;
+        g_counters = Counters{};
+    }
+    internal::clock_start(options);
+    internal::kv_start(options.data_dir);
+    internal::seq_log_start(options.data_dir);
+    internal::ring_reset(options);
+    internal::device_reset();
+    internal::mqtt_start();
+    {
+        std::lock_guard<std::mutex> lock(g_mu);
+        g_started = true;
+    }
+    return 0;
+}
+
+void stop() {
+    if (!internal::started()) {
+        return;
+    }
+    internal::mqtt_stop();
+    internal::ring_reset(g_options);
+    internal::device_reset();
+    internal::seq_log_stop();
+    std::lock_guard<std::mutex> lock(g_mu);
+    g_started = false;
+    g_options.cloud.reset();
+}
+
+Counters counters() {
+    std::lock_guard<std::mutex> lock(g_mu);
+    return g_counters;
+}
+
+} // namespace hostkit
