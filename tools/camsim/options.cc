@@ -1,0 +1,249 @@
+// Command-line parsing of the camera simulator.
+#include "options.h"
+
+#include <time.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace camsim {
+namespace {
+
+const char kUsage[] =
+    "usage: vexo-camsim [options]\n"
+    "\n"
+    "Runs the cloud-recording module on the host kit: a camera fed from a media file, the\n"
+    "embedded cloud service storing what it uploads under DIR/cloud.\n"
+    "\n"
+    "  --input FILE          media file to play in a loop (H.264/H.265 with AAC, G.711 or PCM;\n"
+    "                        default: the bundled sample)\n"
+    "  --data DIR            where the camera's store and the cloud live (default vexo-data)\n"
+    "  --device ID           device id (default camsim-0001)\n"
+    "  --mode MODE           order store mode: event, alltime or none (default event)\n"
+    "  --duration SECS       how long the camera runs, kit seconds (default 50)\n"
+    "  --speed X             kit clock speed, times real time (default 1)\n"
+    "  --start TIME          kit clock start: \"YYYY-MM-DD HH:MM:SS\" local, or epoch seconds\n"
+    "  --event-duration S    order: event recording length (default 12)\n"
+    "  --slice S             order: media file length, 3..60 (default 10)\n"
+    "  --silence S           order: silence after an event (default 5)\n"
+    "  --daily N             order: events allowed per day (default 20)\n"
+    "  --pre-record S        seconds recorded before an event (default: the module's)\n"
+    "  --ring-seconds N      seconds the ring buffer holds (default 10)\n"
+    "  --no-audio            play the video only\n"
+    "  --motion AT[+LEN]     a motion event at AT seconds, ending LEN seconds later\n"
+    "  --trigger AT:ACTION[:DUR]  a remote trigger from the cloud (record, pic, pic_v)\n"
+    "  --pause AT, --resume AT    pause/resume the module\n"
+    "  --abort AT            the cloud aborts the order\n"
+    "  --order AT:MODE       the cloud sets a new store mode\n"
+    "  --quiet               no progress line\n"
+    "  -v, -vv               module debug / trace log lines\n"
+    "  --help\n"
+    "\n"
+    "Without --motion/--trigger/--pause/--abort/--order: motion events at 8 s (10 s long) and\n"
+    "at 30 s.\n";
+
+bool parse_double(const char *text, double *out) {
+    char *end = nullptr;
+    const double v = std::strtod(text, &end);
+    if (end == text || *end != '\0' || !(v >= 0)) {
+        return false;
+    }
+    *out = v;
+    return true;
+}
+
+bool parse_int(const char *text, int32_t lo, int32_t hi, int32_t *out) {
+    char *end = nullptr;
+    const long v = std::strtol(text, &end, 10);
+    if (end == text || *end != '\0' || v < lo || v > hi) {
+        return false;
+    }
+    *out = static_cast<int32_t>(v);
+    return true;
+}
+
+/// "AT" or "AT+LEN" for --motion.
+bool parse_motion(const std::string &text, Action *a) {
+    const size_t plus = text.find('+');
+    if (!parse_double(text.substr(0, plus).c_str(), &a->at_s)) {
+        return false;
+    }
+    return plus == std::string::npos || parse_double(text.substr(plus + 1).c_str(), &a->length_s);
+}
+
+/// "AT:ACTION[:DUR]" for --trigger.
+bool parse_trigger(const std::string &text, Action *a) {
+    const size_t c1 = text.find(':');
+    if (c1 == std::string::npos || !parse_double(text.substr(0, c1).c_str(), &a->at_s)) {
+        return false;
+    }
+    const size_t c2 = text.find(':', c1 + 1);
+    a->trigger_action = text.substr(c1 + 1, c2 == std::string::npos ? c2 : c2 - c1 - 1);
+    if (a->trigger_action != "record" && a->trigger_action != "pic" &&
+        a->trigger_action != "pic_v") {
+        return false;
+    }
+    a->duration_s = 20;
+    return c2 == std::string::npos ||
+           parse_int(text.substr(c2 + 1).c_str(), 1, 1800, &a->duration_s);
+}
+
+bool parse_order(const std::string &text, Action *a) {
+    const size_t c = text.find(':');
+    if (c == std::string::npos || !parse_double(text.substr(0, c).c_str(), &a->at_s)) {
+        return false;
+    }
+    a->store_mode = text.substr(c + 1);
+    return !a->store_mode.empty();
+}
+
+} // namespace
+
+std::optional<uint32_t> parse_time(const std::string &text) {
+    char *end = nullptr;
+    const unsigned long long v = std::strtoull(text.c_str(), &end, 10);
+    if (end != text.c_str() && *end == '\0') {
+        if (v == 0 || v > UINT32_MAX) {
+            return std::nullopt;
+        }
+        return static_cast<uint32_t>(v);
+    }
+    struct tm local {};
+    const char *rest = strptime(text.c_str(), "%Y-%m-%d %H:%M:%S", &local);
+    if (rest == nullptr || *rest != '\0') {
+        return std::nullopt;
+    }
+    local.tm_isdst = -1;
+    const time_t t = mktime(&local);
+    if (t <= 0 || static_cast<unsigned long long>(t) > UINT32_MAX) {
+        return std::nullopt;
+    }
+    return static_cast<uint32_t>(t);
+}
+
+std::optional<Options> parse_options(int argc, char **argv, bool *exit_now) {
+    Options o;
+    *exit_now = false;
+    auto fail = [](const std::string &why) -> std::optional<Options> {
+        std::fprintf(stderr, "vexo-camsim: %s\n\n%s", why.c_str(), kUsage);
+        return std::nullopt;
+    };
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        auto value = [&](const char **out) {
+            if (i + 1 >= argc) {
+                return false;
+            }
+            *out = argv[++i];
+            return true;
+        };
+        const char *v = nullptr;
+        Action a;
+        if (arg == "--help" || arg == "-h") {
+            std::fputs(kUsage, stdout);
+            *exit_now = true;
+            return o;
+        } else if (arg == "--no-audio") {
+            o.audio = false;
+        } else if (arg == "--quiet") {
+            o.quiet = true;
+        } else if (arg == "-v") {
+            o.verbosity = 1;
+        } else if (arg == "-vv") {
+            o.verbosity = 2;
+        } else if (!value(&v)) {
+            return fail(arg.rfind("--", 0) == 0 ? "missing value for " + arg
+                                                : "unknown argument " + arg);
+        } else if (arg == "--input") {
+            o.input = v;
+        } else if (arg == "--data") {
+            o.data_dir = v;
+        } else if (arg == "--device") {
+            o.device_id = v;
+        } else if (arg == "--mode") {
+            o.store_mode = v;
+        } else if (arg == "--duration") {
+            if (!parse_double(v, &o.duration_s) || o.duration_s <= 0) {
+                return fail("bad --duration " + std::string(v));
+            }
+        } else if (arg == "--speed") {
+            if (!parse_double(v, &o.speed) || o.speed <= 0 || o.speed > 1000) {
+                return fail("bad --speed " + std::string(v) + " (0 < X <= 1000)");
+            }
+        } else if (arg == "--start") {
+            const auto t = parse_time(v);
+            if (!t) {
+                return fail("bad --start " + std::string(v));
+            }
+            o.start_time = *t;
+        } else if (arg == "--event-duration") {
+            if (!parse_int(v, 1, 1800, &o.event_duration)) {
+                return fail("bad --event-duration " + std::string(v));
+            }
+        } else if (arg == "--slice") {
+            if (!parse_int(v, 3, 60, &o.slice_duration)) {
+                return fail("bad --slice " + std::string(v) + " (3..60)");
+            }
+        } else if (arg == "--silence") {
+            if (!parse_int(v, 0, 86400, &o.silence_interval)) {
+                return fail("bad --silence " + std::string(v));
+            }
+        } else if (arg == "--daily") {
+            if (!parse_int(v, 0, 100000, &o.daily_events)) {
+                return fail("bad --daily " + std::string(v));
+            }
+        } else if (arg == "--pre-record") {
+            if (!parse_int(v, 0, 3600, &o.pre_record)) {
+                return fail("bad --pre-record " + std::string(v));
+            }
+        } else if (arg == "--ring-seconds") {
+            int32_t n = 0;
+            if (!parse_int(v, 3, 3600, &n)) {
+                return fail("bad --ring-seconds " + std::string(v));
+            }
+            o.ring_seconds = static_cast<uint32_t>(n);
+        } else if (arg == "--motion") {
+            a.kind = Action::Kind::kMotion;
+            if (!parse_motion(v, &a)) {
+                return fail("bad --motion " + std::string(v) + " (AT[+LEN])");
+            }
+            o.actions.push_back(a);
+        } else if (arg == "--trigger") {
+            a.kind = Action::Kind::kTrigger;
+            if (!parse_trigger(v, &a)) {
+                return fail("bad --trigger " + std::string(v) + " (AT:record|pic|pic_v[:DUR])");
+            }
+            o.actions.push_back(a);
+        } else if (arg == "--pause" || arg == "--resume" || arg == "--abort") {
+            a.kind = arg == "--pause"    ? Action::Kind::kPause
+                     : arg == "--resume" ? Action::Kind::kResume
+                                         : Action::Kind::kAbort;
+            if (!parse_double(v, &a.at_s)) {
+                return fail("bad " + arg + " " + std::string(v));
+            }
+            o.actions.push_back(a);
+        } else if (arg == "--order") {
+            a.kind = Action::Kind::kOrder;
+            if (!parse_order(v, &a)) {
+                return fail("bad --order " + std::string(v) + " (AT:MODE)");
+            }
+            o.actions.push_back(a);
+        } else {
+            return fail("unknown option " + arg);
+        }
+    }
+    if (!o.actions.empty()) {
+        o.default_actions = false;
+    } else if (o.store_mode == "event") {
+        Action first;
+        first.at_s = 8;
+        first.length_s = 10;
+        Action second;
+        second.at_s = 30;
+        o.actions = {first, second};
+    }
+    return o;
+}
+
+} // namespace camsim
