@@ -1,0 +1,283 @@
+// The host kit's own calls: cloud calls in their wire form and the answers mapped back, MQTT
+// dispatch, thread handles and the fast clock.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <mutex>
+#include <thread>
+
+#include "host_kit.h"
+#include "vexo_cloud.h"
+#include "vexo_device.h"
+#include "vexo_thread.h"
+#include "vexo_time.h"
+
+namespace {
+
+/// A transport that records requests and answers from a script.
+class ScriptedCloud : public hostkit::CloudTransport {
+  public:
+    hostkit::CloudResponse exchange(const hostkit::CloudRequest &request) override {
+        std::lock_guard<std::mutex> lock(mu);
+        requests.push_back(request);
+        return answer;
+    }
+    std::mutex mu;
+    std::vector<hostkit::CloudRequest> requests;
+    hostkit::CloudResponse answer;
+};
+
+class KitCallsTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        std::string pattern = (std::filesystem::temp_directory_path() / "vexo-kit-XXXXXX").string();
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        dir_ = pattern;
+        cloud_ = std::make_shared<ScriptedCloud>();
+        hostkit::Options o;
+        o.data_dir = dir_;
+        o.device_id = "cam-7";
+        o.device_token = "t0k";
+        o.cloud = cloud_;
+        o.clock_start = 1800000000;
+        o.speed = 1000;
+        o.thread_join_timeout_ms = 200;
+        o.log_level = hostkit::LogLevel::kError;
+        ASSERT_EQ(hostkit::start(o), 0);
+    }
+    void TearDown() override {
+        hostkit::stop();
+        std::error_code ignored;
+        std::filesystem::remove_all(dir_, ignored);
+    }
+    void answer(int32_t status, const std::string &body) {
+        cloud_->answer.status = status;
+        cloud_->answer.body = body;
+    }
+    hostkit::CloudRequest last() {
+        std::lock_guard<std::mutex> lock(cloud_->mu);
+        return cloud_->requests.back();
+    }
+
+    std::string dir_;
+    std::shared_ptr<ScriptedCloud> cloud_;
+};
+
+TEST_F(KitCallsTest, StorageConfigMapsEachAnswerToItsResult) {
+    struct Case {
+        int32_t status;
+        const char *body;
+        int32_t result;
+    };
+    const Case cases[] = {
+        {200, R"({"storeMode":"event","countLeft":3})", 0},
+        {410, R"({"error":"order expired"})", VEXO_CLOUD_ORDER_EXPIRED},
+        {500, "", VEXO_CLOUD_SERVICE_FAILED},
+        {503, "", VEXO_CLOUD_SERVICE_FAILED},
+        {404, R"({"error":"unknown device"})", -1},
+        {200, "not json", -1},
+        {200, "[1,2]", -1},
+        {0, "", -1}, // no answer at all
+    };
+    for (const Case &c : cases) {
+        answer(c.status, c.body);
+        vexo_storage_config_t cfg;
+        EXPECT_EQ(cloud_get_storage_config(&cfg, 1), c.result) << c.status << " " << c.body;
+    }
+    const hostkit::CloudRequest req = last();
+    EXPECT_EQ(req.method, "GET");
+    EXPECT_EQ(req.path, "/v1/devices/cam-7/storage/config");
+    EXPECT_EQ(req.headers.at("x-vexo-device"), "cam-7");
+    EXPECT_EQ(req.headers.at("authorization"), "Bearer t0k");
+}
+
+TEST_F(KitCallsTest, StorageConfigFillsEveryFieldCutsTextsAndZeroesWhatIsMissing) {
+    const std::string long_mode(100, 'm');
+    answer(200, R"({"cloudType":"local","addressPrefix":"media","addressSuffix":"x:1",)"
+                R"("storeMode":")" +
+                    long_mode +
+                    R"(","eventDuration":30,"sliceDuration":10,"silenceInterval":60,)"
+                    R"("countLeft":20})");
+    vexo_storage_config_t cfg;
+    std::memset(&cfg, 0x5a, sizeof cfg);
+    ASSERT_EQ(cloud_get_storage_config(&cfg, 1), 0);
+    EXPECT_STREQ(cfg.cloud_type, "local");
+    EXPECT_STREQ(cfg.address_prefix, "media");
+    EXPECT_STREQ(cfg.address_suffix, "x:1");
+    EXPECT_EQ(std::string(cfg.store_mode), long_mode.substr(0, sizeof cfg.store_mode - 1));
+    EXPECT_EQ(cfg.event_duration, 30);
+    EXPECT_EQ(cfg.slice_duration, 10);
+    EXPECT_EQ(cfg.silence_interval, 60);
+    EXPECT_EQ(cfg.count_left, 20);
+    EXPECT_EQ(cfg.azure_address[0], '\0') << "absent field left zero";
+
+    // The restriction fills its two fields only.
+    answer(200, R"({"eventDuration":12,"sliceDuration":4})");
+    ASSERT_EQ(cloud_get_storage_restriction_config(&cfg), 0);
+    EXPECT_EQ(cfg.event_duration, 12);
+    EXPECT_EQ(cfg.slice_duration, 4);
+    EXPECT_EQ(cfg.count_left, 20);
+    answer(503, "");
+    EXPECT_EQ(cloud_get_storage_restriction_config(&cfg), -1);
+}
+
+TEST_F(KitCallsTest, ApiPostHandsOverTheResultOnlyOnSuccess) {
+    char body[64] = R"({"startTime":5})";
+    cJSON *result = nullptr;
+    answer(200, R"({"success":true,"result":{"needUpdate":false}})");
+    ASSERT_EQ(iot_httpc_common_post_no_remalloc("a.b.start", "1.0", nullptr, "cam-7", body,
+                                                sizeof body, nullptr, &result),
+              0);
+    ASSERT_NE(result, nullptr);
+    EXPECT_TRUE(cJSON_IsFalse(cJSON_GetObjectItem(result, "needUpdate")));
+    cJSON_Delete(result);
+    const hostkit::CloudRequest req = last();
+    EXPECT_EQ(req.method, "POST");
+    EXPECT_EQ(req.path, "/v1/api/a.b.start");
+    EXPECT_EQ(req.query, "v=1.0");
+    EXPECT_EQ(req.body, R"({"startTime":5})") << "the text, not the spare room after it";
+    EXPECT_EQ(req.headers.at("content-type"), "application/json");
+
+    for (const char *refusal : {R"({"success":false,"code":"x","msg":"no"})", "{}", "garbage"}) {
+        answer(200, refusal);
+        result = nullptr;
+        EXPECT_EQ(iot_httpc_common_post_no_remalloc("a.b.start", "1.0", nullptr, "cam-7", body,
+                                                    sizeof body, nullptr, &result),
+                  -1)
+            << refusal;
+        EXPECT_EQ(result, nullptr);
+    }
+    answer(500, "");
+    EXPECT_EQ(iot_httpc_common_post_no_remalloc("a.b.start", "1.0", nullptr, "cam-7", body,
+                                                sizeof body, nullptr, &result),
+              -1);
+}
+
+TEST_F(KitCallsTest, UploadAndAlarmTravelWithTheirBytes) {
+    const uint8_t media[] = {1, 2, 3, 0, 255};
+    vexo_storage_config_t cfg{};
+    answer(200, "{}");
+    ASSERT_EQ(cloud_put_data_to_file(&cfg, "https", 1, "1800000000_0000.media", "media/av", media,
+                                     sizeof media),
+              0);
+    hostkit::CloudRequest req = last();
+    EXPECT_EQ(req.method, "PUT");
+    EXPECT_EQ(req.path, "/v1/devices/cam-7/media/1800000000_0000.media");
+    EXPECT_EQ(req.headers.at("content-type"), "media/av");
+    EXPECT_EQ(req.body, std::string(reinterpret_cast<const char *>(media), sizeof media));
+    answer(507, "");
+    EXPECT_EQ(cloud_put_data_to_file(&cfg, "https", 1, "1800000000_0010.media", "media/av", media,
+                                     sizeof media),
+              -1);
+    const hostkit::Counters c = hostkit::counters();
+    EXPECT_EQ(c.uploads, 1u);
+    EXPECT_EQ(c.upload_failures, 1u);
+    EXPECT_EQ(c.bytes_uploaded, sizeof media);
+
+    // "Man" and "Ma" cover the full and the padded base64 groups.
+    uint8_t picture[] = {'M', 'a', 'n', 'M', 'a'};
+    char extra[] = R"({"user":"u1"})";
+    vexo_alarm_event_t alarm{};
+    alarm.time = 1800000001;
+    alarm.with_picture = 1;
+    alarm.extra = extra;
+    alarm.picture = picture;
+    alarm.picture_size = sizeof picture;
+    answer(200, "{}");
+    ASSERT_EQ(vexo_ipc_alarm_event(&alarm), 0);
+    req = last();
+    EXPECT_EQ(req.path, "/v1/devices/cam-7/alarms");
+    EXPECT_EQ(req.body, R"({"time":1800000001,"withPicture":1,"extra":"{\"user\":\"u1\"}",)"
+                        R"("picture":"TWFuTWE="})");
+}
+
+std::atomic<int> g_handled{0};
+std::atomic<int> g_protocol{0};
+void handler(cJSON *root) {
+    g_protocol = cJSON_GetObjectItem(root, "protocol")->valueint;
+    ++g_handled;
+}
+
+TEST_F(KitCallsTest, MqttDispatchCallsTheAttachedHandlerAndDropsTheRest) {
+    g_handled = 0;
+    ASSERT_EQ(mqtt_attach(307, handler), 0);
+    EXPECT_EQ(hostkit::mqtt_dispatch(R"({"protocol":307,"data":{}})"), 0);
+    EXPECT_EQ(g_protocol, 307);
+    for (const char *dropped : {R"({"protocol":300,"data":{}})", R"({"data":{}})",
+                                R"({"protocol":"307"})", "{\"protocol\":307", "[307]", ""}) {
+        EXPECT_EQ(hostkit::mqtt_dispatch(dropped), -1) << dropped;
+    }
+    EXPECT_EQ(g_handled, 1);
+    // Queued messages run on the kit's MQTT thread.
+    hostkit::mqtt_deliver(R"({"protocol":307})");
+    for (int i = 0; i < 1000 && g_handled < 2; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_EQ(g_handled, 2);
+}
+
+std::atomic<bool> g_release{false};
+std::atomic<int> g_finished{0};
+void worker(void *arg) {
+    auto *spins = static_cast<int *>(arg);
+    while (*spins > 0 && !g_release) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        --*spins;
+    }
+    ++g_finished;
+}
+
+TEST_F(KitCallsTest, DeleteThreadHandleJoinsOrDetachesAStuckThreadWithoutFreeingIt) {
+    g_finished = 0;
+    g_release = false;
+    int quick = 0;
+    vexo_thread_t handle = nullptr;
+    vexo_thread_param_t param{0x10000, 0, "quick"};
+    ASSERT_EQ(CreateAndStart(&handle, nullptr, nullptr, worker, &quick, &param), 0);
+    ASSERT_EQ(DeleteThrdHandle(handle), 0);
+    EXPECT_EQ(g_finished, 1) << "a finished thread is joined";
+
+    // A thread that outlives the join limit is detached; it ends later on its own, and its
+    // record stays valid until then (the address sanitizer would see a use after free).
+    static int stuck = 1000000;
+    ASSERT_EQ(CreateAndStart(&handle, nullptr, nullptr, worker, &stuck, &param), 0);
+    EXPECT_EQ(DeleteThrdHandle(handle), 0);
+    EXPECT_EQ(g_finished, 1);
+    g_release = true;
+    for (int i = 0; i < 1000 && g_finished < 2; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_EQ(g_finished, 2);
+    EXPECT_EQ(DeleteThrdHandle(nullptr), 0);
+}
+
+TEST_F(KitCallsTest, TheKitClockStartsWhereToldAndSleepsOnItsOwnTime) {
+    const uint32_t before = uni_time_get_posix();
+    EXPECT_GE(before, 1800000000u);
+    vexo_hal_system_sleep(5000); // 5 s of kit time, 5 ms of real time at speed 1000
+    EXPECT_GE(uni_time_get_posix(), before + 5);
+    const uint64_t target = hostkit::now_ms() + 3000;
+    hostkit::sleep_until_ms(target);
+    EXPECT_GE(hostkit::now_ms(), target);
+}
+
+TEST(KitStart, RefusesBadOptions) {
+    hostkit::Options o;
+    o.data_dir = (std::filesystem::temp_directory_path() / "vexo-kit-bad").string();
+    o.cloud = std::make_shared<ScriptedCloud>();
+    o.device_id = "bad id";
+    EXPECT_EQ(hostkit::start(o), -1);
+    o.device_id = "ok";
+    o.speed = 0;
+    EXPECT_EQ(hostkit::start(o), -1);
+    o.speed = 1;
+    o.cloud.reset();
+    EXPECT_EQ(hostkit::start(o), -1);
+    std::error_code ignored;
+    std::filesystem::remove_all(o.data_dir, ignored);
+}
+
+} // namespace
