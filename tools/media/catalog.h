@@ -1,0 +1,49 @@
+// The recordings of a cloud data directory as the commands see them: selection by device and
+// start time, their media files in order, their keys, and time texts.
+#ifndef VEXO_MEDIA_CATALOG_H
+#define VEXO_MEDIA_CATALOG_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "media_format.h"
+#include "service/core/cloud_service.h"
+
+namespace vexo_tool {
+
+using vexo_cloud::Recording;
+
+constexpr const char *kDefaultDataDir = "./vexo-data/cloud";
+
+/// Every recording under data_dir (of one device when device is not empty), ordered by device
+/// and start time. Throws ToolError when the directory cannot be read or device is not a
+/// valid device id.
+std::vector<Recording> load_recordings(const std::string &data_dir, const std::string &device);
+
+/// The recordings whose start time is one of starts (epoch seconds as text). Throws ToolError
+/// for a start that is not a number or that matches no recording.
+std::vector<Recording> select_starts(const std::vector<Recording> &all,
+                                     const std::vector<std::string> &starts);
+
+/// Full paths of a recording's media files, ordered by the elapsed seconds in their names.
+std::vector<std::string> media_paths(const Recording &recording);
+
+/// The key to decrypt a recording with: key_text when given, else the recording's own key.
+/// nullopt when neither is there; throws ToolError when the text given is not 16 characters.
+std::optional<vexo_media::Key> recording_key(const Recording &recording,
+                                             const std::optional<std::string> &key_text);
+
+/// "2024-05-01 12:00:00" in local time.
+std::string local_time_text(uint32_t epoch);
+
+/// "1234 s" or "1 h 02 min 03 s" style text of a duration in seconds.
+std::string duration_text(uint64_t seconds);
+
+/// The last path component.
+std::string base_name(const std::string &path);
+
+} // namespace vexo_tool
+
+#endif

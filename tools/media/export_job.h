@@ -1,0 +1,37 @@
+// Exporting one recording into one MP4 or Matroska file.
+#ifndef VEXO_MEDIA_EXPORT_JOB_H
+#define VEXO_MEDIA_EXPORT_JOB_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "catalog.h"
+#include "media_format.h"
+#include "mux_output.h"
+
+namespace vexo_tool {
+
+struct ExportSummary {
+    uint64_t files = 0;
+    uint64_t video_frames = 0; // packets written
+    uint64_t audio_frames = 0; // entries written or encoded
+    uint64_t skipped = 0;      // entries left out (P frames without their key frame, audio
+                               // the recording did not announce)
+    uint64_t adjusted = 0;     // time stamps moved forward to keep each stream increasing
+    int64_t first_ms = -1;     // span of the time stamps written, relative to the start
+    int64_t last_ms = -1;
+    std::vector<vexo_media::Fault> faults;
+};
+
+/// Writes out_path (first as out_path + ".part", renamed when complete). A damaged file is a
+/// fault: what was read before the damage is kept and the export goes on with the next file.
+/// Throws ToolError: kExitError when the output cannot be written (nothing is left behind),
+/// kExitFault when the recording holds nothing that can be exported.
+ExportSummary export_recording(const Recording &recording, const vexo_media::Key &key,
+                               const std::string &out_path, Container container,
+                               const std::string &progress_label);
+
+} // namespace vexo_tool
+
+#endif
