@@ -1,0 +1,231 @@
+// Helpers of the end-to-end tests.
+#include "e2e_support.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+extern char **environ;
+
+namespace e2e {
+namespace fs = std::filesystem;
+
+Result run(const std::vector<std::string> &argv, const std::vector<std::string> &env) {
+    Result r;
+    const std::string log =
+        (fs::temp_directory_path() /
+         ("vexo-e2e-" + std::to_string(getpid()) + "-" + std::to_string(std::rand()) + ".log"))
+            .string();
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, log.c_str(),
+                                     O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
+    std::vector<char *> args;
+    for (const std::string &a : argv) {
+        args.push_back(const_cast<char *>(a.c_str()));
+    }
+    args.push_back(nullptr);
+    std::vector<std::string> env_text;
+    for (char **e = environ; *e != nullptr; ++e) {
+        env_text.emplace_back(*e);
+    }
+    for (const std::string &e : env) {
+        env_text.push_back(e);
+    }
+    std::vector<char *> envp;
+    for (std::string &e : env_text) {
+        envp.push_back(e.data());
+    }
+    envp.push_back(nullptr);
+    pid_t pid = 0;
+    if (posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), envp.data()) != 0) {
+        posix_spawn_file_actions_destroy(&actions);
+        r.out = "cannot start " + argv[0];
+        return r;
+    }
+    posix_spawn_file_actions_destroy(&actions);
+    int wstatus = 0;
+    waitpid(pid, &wstatus, 0);
+    r.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
+    std::ifstream in(log);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    r.out = ss.str();
+    fs::remove(log);
+    return r;
+}
+
+TempDir::TempDir() {
+    std::string tmpl = (fs::temp_directory_path() / "vexo-e2e-XXXXXX").string();
+    path_ = mkdtemp(tmpl.data());
+}
+
+TempDir::~TempDir() {
+    if (::testing::Test::HasFailure()) {
+        std::fprintf(stderr, "kept %s for a look\n", path_.c_str());
+        return;
+    }
+    std::error_code ec;
+    fs::remove_all(path_, ec);
+}
+
+std::string make_clip(const std::string &dir, const std::string &name, int width, int height,
+                      int fps, int gop, int seconds, const std::string &audio, int kbps) {
+    const std::string out = dir + "/" + name;
+    const std::string size = std::to_string(width) + "x" + std::to_string(height);
+    std::vector<std::string> argv = {
+        "ffmpeg", "-v",    "error", "-y",
+        "-f",     "lavfi", "-i",    "testsrc2=size=" + size + ":rate=" + std::to_string(fps)};
+    if (!audio.empty()) {
+        argv.insert(argv.end(), {"-f", "lavfi", "-i", "sine=frequency=440:sample_rate=8000"});
+    }
+    argv.insert(argv.end(), {"-t",
+                             std::to_string(seconds),
+                             "-c:v",
+                             "libx264",
+                             "-preset",
+                             "veryfast",
+                             "-bf",
+                             "0",
+                             "-g",
+                             std::to_string(gop),
+                             "-keyint_min",
+                             std::to_string(gop),
+                             "-sc_threshold",
+                             "0",
+                             "-b:v",
+                             std::to_string(kbps) + "k",
+                             "-maxrate",
+                             std::to_string(kbps * 3 / 2) + "k",
+                             "-bufsize",
+                             std::to_string(kbps) + "k",
+                             "-pix_fmt",
+                             "yuv420p"});
+    if (audio == "aac") {
+        argv.insert(argv.end(), {"-c:a", "aac", "-b:a", "32k", "-ac", "1"});
+    } else if (!audio.empty()) {
+        argv.insert(argv.end(), {"-c:a", audio, "-ac", "1"});
+    }
+    argv.push_back(out);
+    const Result r = run(argv);
+    EXPECT_EQ(r.status, 0) << r.out;
+    return out;
+}
+
+namespace {
+
+/// Start-code positions and NAL types of an Annex-B stream.
+struct Nal {
+    size_t start; // of the start code
+    int type;
+};
+
+std::vector<Nal> nal_units(const std::vector<uint8_t> &b) {
+    std::vector<Nal> out;
+    for (size_t i = 0; i + 3 < b.size(); ++i) {
+        if (b[i] == 0 && b[i + 1] == 0 && b[i + 2] == 1) {
+            const size_t start = (i > 0 && b[i - 1] == 0) ? i - 1 : i;
+            out.push_back({start, b[i + 3] & 0x1f});
+            i += 2;
+        }
+    }
+    return out;
+}
+
+} // namespace
+
+NalList nal_list(const std::vector<uint8_t> &annex_b) {
+    NalList out;
+    const std::vector<Nal> nals = nal_units(annex_b);
+    for (size_t i = 0; i < nals.size(); ++i) {
+        if (nals[i].type == 6 || nals[i].type == 9) {
+            continue;
+        }
+        size_t begin = nals[i].start + 3;
+        if (annex_b[nals[i].start + 2] == 0) {
+            ++begin; // four-byte start code
+        }
+        const size_t end = i + 1 < nals.size() ? nals[i + 1].start : annex_b.size();
+        out.emplace_back(annex_b.begin() + static_cast<std::ptrdiff_t>(begin),
+                         annex_b.begin() + static_cast<std::ptrdiff_t>(end));
+    }
+    return out;
+}
+
+std::vector<NalList> source_key_frames(const std::string &dir, const std::string &clip) {
+    const std::string raw = dir + "/source.h264";
+    const Result r = run({"ffmpeg", "-v", "error", "-y", "-i", clip, "-map", "0:v", "-c:v", "copy",
+                          "-bsf:v", "h264_mp4toannexb", "-f", "h264", raw});
+    EXPECT_EQ(r.status, 0) << r.out;
+    std::ifstream in(raw, std::ios::binary);
+    const std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)),
+                                     std::istreambuf_iterator<char>());
+    // A key access unit runs from its SPS (7) to the next SPS, SEI or non-IDR slice (1).
+    std::vector<NalList> keys;
+    const std::vector<Nal> nals = nal_units(bytes);
+    for (size_t i = 0; i < nals.size(); ++i) {
+        if (nals[i].type != 7) {
+            continue;
+        }
+        size_t end = bytes.size();
+        bool seen_idr = false;
+        for (size_t j = i + 1; j < nals.size(); ++j) {
+            if (nals[j].type == 5) {
+                seen_idr = true;
+            } else if (seen_idr && (nals[j].type == 1 || nals[j].type == 7 || nals[j].type == 6 ||
+                                    nals[j].type == 9)) {
+                end = nals[j].start;
+                break;
+            }
+        }
+        keys.push_back(nal_list(
+            std::vector<uint8_t>(bytes.begin() + static_cast<std::ptrdiff_t>(nals[i].start),
+                                 bytes.begin() + static_cast<std::ptrdiff_t>(end))));
+    }
+    return keys;
+}
+
+std::vector<RecordingContent> read_cloud(const std::string &cloud_dir, const std::string &device) {
+    std::vector<RecordingContent> out;
+    for (const vexo_cloud::Recording &rec : vexo_cloud::read_recordings(cloud_dir, device)) {
+        RecordingContent c;
+        c.info = rec;
+        for (const vexo_cloud::MediaFileInfo &f : rec.files) {
+            std::vector<vexo_media::Entry> entries;
+            vexo_media::Fault fault;
+            if (!vexo_media::read_file(rec.directory + "/" + f.name, &entries, &fault)) {
+                c.faults.push_back(fault.text());
+            }
+            c.entries.insert(c.entries.end(), entries.begin(), entries.end());
+        }
+        out.push_back(std::move(c));
+    }
+    return out;
+}
+
+int decoded_video_frames(const std::string &file, std::string *errors) {
+    // Decode everything (errors to the log), then count the decoded video frames.
+    const Result decode = run({"ffmpeg", "-v", "error", "-i", file, "-f", "null", "-"});
+    *errors = decode.out;
+    if (decode.status != 0) {
+        return -1;
+    }
+    const Result count = run({"ffprobe", "-v", "error", "-select_streams", "v:0", "-count_frames",
+                              "-show_entries", "stream=nb_read_frames", "-of", "csv=p=0", file});
+    if (count.status != 0) {
+        *errors += count.out;
+        return -1;
+    }
+    return std::atoi(count.out.c_str());
+}
+
+} // namespace e2e

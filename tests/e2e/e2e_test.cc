@@ -1,0 +1,256 @@
+// End-to-end runs: the camera simulator plays a clip into the module on the host kit with the
+// embedded cloud; the media tool verifies and exports what the cloud stored; ffmpeg decodes
+// the exports. Each run checks what reached the cloud against the clip the camera played.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <set>
+#include <thread>
+
+#include "e2e_support.h"
+
+extern char **environ;
+
+namespace {
+namespace fs = std::filesystem;
+using e2e::RecordingContent;
+
+const std::string kCamsim = VEXO_E2E_CAMSIM;
+const std::string kMedia = VEXO_E2E_MEDIA;
+const std::string kDevice = "e2e-cam";
+
+std::vector<std::string> camsim_args(const std::string &data, const std::string &clip,
+                                     std::vector<std::string> extra) {
+    std::vector<std::string> argv = {kCamsim,  "--quiet", "--input",  clip,
+                                     "--data", data,      "--device", kDevice};
+    argv.insert(argv.end(), extra.begin(), extra.end());
+    return argv;
+}
+
+struct Counts {
+    size_t video = 0;
+    size_t key = 0;
+    size_t audio = 0;
+};
+
+Counts count(const RecordingContent &rec) {
+    Counts c;
+    for (const vexo_media::Entry &e : rec.entries) {
+        if (e.type == vexo_media::kTypeAudio) {
+            ++c.audio;
+        } else {
+            ++c.video;
+            c.key += e.type == vexo_media::kTypeKey;
+        }
+    }
+    return c;
+}
+
+/// Checks one recording against the clip: well formed, closed or not as expected, its key is
+/// the cloud's, every key
+/// frame decrypts to a key frame of the clip, no video frame is missing inside its window,
+/// and the media tool verifies and exports it into a file ffmpeg decodes frame for frame.
+void check_recording(const RecordingContent &rec, const std::string &data,
+                     const std::set<e2e::NalList> &source_keys, int fps, const std::string &out_dir,
+                     bool closed = true) {
+    SCOPED_TRACE("recording " + std::to_string(rec.info.start_time));
+    EXPECT_TRUE(rec.faults.empty()) << rec.faults.front();
+    ASSERT_FALSE(rec.entries.empty());
+    // Uninit leaves the recording in progress open: it sends no stop notification.
+    EXPECT_EQ(rec.info.end_time != 0, closed);
+    const uint32_t first_type = rec.entries.front().type;
+    EXPECT_TRUE(first_type == vexo_media::kTypeKey || first_type == vexo_media::kTypeAudio);
+
+    vexo_media::Key key{};
+    ASSERT_TRUE(vexo_media::key_from_text(rec.info.key, &key));
+    EXPECT_EQ(vexo_media::key_md5(key), rec.info.key_md5);
+
+    uint64_t first_video = 0;
+    uint64_t last_video = 0;
+    size_t video = 0;
+    size_t keys_matched = 0;
+    for (const vexo_media::Entry &e : rec.entries) {
+        if (e.type == vexo_media::kTypeAudio) {
+            continue;
+        }
+        if (video == 0) {
+            first_video = e.timestamp;
+        } else {
+            EXPECT_GT(e.timestamp, last_video) << "video time stamps out of order";
+        }
+        last_video = e.timestamp;
+        ++video;
+        if (e.type == vexo_media::kTypeKey) {
+            std::vector<uint8_t> plain;
+            ASSERT_TRUE(vexo_media::plain_payload(key, e, &plain)) << "offset " << e.offset;
+            keys_matched += source_keys.count(e2e::nal_list(plain));
+        }
+    }
+    const Counts c = count(rec);
+    EXPECT_GT(c.key, 0u);
+    EXPECT_EQ(keys_matched, c.key) << "key frames that are not the clip's";
+    // The camera stamps frame k at k * 1000 / fps ms: every frame of the window is there.
+    const uint64_t span_frames = (last_video - first_video) * static_cast<uint64_t>(fps) / 1000;
+    EXPECT_EQ(video, span_frames + 1)
+        << "video frames missing between " << first_video << " and " << last_video;
+
+    const std::string start = std::to_string(rec.info.start_time);
+    const e2e::Result verify =
+        e2e::run({kMedia, "verify", "--data", data, "--device", kDevice, start});
+    EXPECT_EQ(verify.status, 0) << verify.out;
+
+    const std::string exported = out_dir + "/" + start + ".mp4";
+    const e2e::Result exp =
+        e2e::run({kMedia, "export", "--data", data, "--device", kDevice, start, "-o", exported});
+    ASSERT_EQ(exp.status, 0) << exp.out;
+    std::string errors;
+    const int decoded = e2e::decoded_video_frames(exported, &errors);
+    EXPECT_EQ(errors, "") << "ffmpeg decode errors";
+    EXPECT_EQ(decoded, static_cast<int>(video)) << "frames in the export";
+}
+
+TEST(EndToEnd, EventModeRecordsEachMotionEventWithTheCloudsKey) {
+    e2e::TempDir tmp;
+    const std::string clip =
+        e2e::make_clip(tmp.path(), "clip.mkv", 320, 240, 20, 40, 6, "pcm_mulaw", 300);
+    const auto keys = e2e::source_key_frames(tmp.path(), clip);
+    ASSERT_EQ(keys.size(), 3u) << "a 6 s clip with a key frame every 2 s";
+    const std::set<e2e::NalList> key_set(keys.begin(), keys.end());
+
+    const std::string data = tmp.path() + "/data";
+    const e2e::Result r = e2e::run(
+        camsim_args(data, clip,
+                    {"--speed", "4", "--duration", "40", "--event-duration", "8", "--slice", "4",
+                     "--silence", "3", "--motion", "6+6", "--motion", "26"}));
+    ASSERT_EQ(r.status, 0) << r.out;
+
+    const std::string cloud = data + "/cloud";
+    const auto recordings = e2e::read_cloud(cloud, kDevice);
+    ASSERT_EQ(recordings.size(), 2u) << r.out;
+    // The first start had no key ("0000"): the cloud issued one; the second recording
+    // announced that key's md5 and kept it.
+    EXPECT_EQ(recordings[0].info.announced_md5, recordings[0].info.key_md5);
+    EXPECT_EQ(recordings[1].info.announced_md5, recordings[0].info.key_md5);
+    EXPECT_EQ(recordings[1].info.key, recordings[0].info.key);
+    for (const RecordingContent &rec : recordings) {
+        EXPECT_GT(count(rec).audio, 0u);
+        check_recording(rec, cloud, key_set, 20, tmp.path());
+    }
+}
+
+TEST(EndToEnd, AllTimeRecordingSplitsAtLocalMidnightAndTheHalfHour) {
+    e2e::TempDir tmp;
+    const std::string clip =
+        e2e::make_clip(tmp.path(), "clip.mkv", 160, 120, 10, 20, 4, "pcm_mulaw", 100);
+    const auto keys = e2e::source_key_frames(tmp.path(), clip);
+    const std::set<e2e::NalList> key_set(keys.begin(), keys.end());
+
+    // Local time two hours ahead of UTC; from 23:59 to 00:31 on a fast clock.
+    const std::vector<std::string> env = {"TZ=XST-2"};
+    const std::string data = tmp.path() + "/data";
+    const e2e::Result r = e2e::run(
+        camsim_args(data, clip,
+                    {"--mode", "alltime", "--start", "2026-11-22 23:59:00", "--speed", "100",
+                     "--duration", "1920", "--slice", "10", "--ring-seconds", "60"}),
+        env);
+    ASSERT_EQ(r.status, 0) << r.out;
+
+    const std::string cloud = data + "/cloud";
+    const auto recordings = e2e::read_cloud(cloud, kDevice);
+    ASSERT_GE(recordings.size(), 3u) << r.out;
+    // 2026-11-23 00:00 and 00:30 local (UTC+2).
+    const uint32_t midnight = 1795384800;
+    const uint32_t half_past = midnight + 1800;
+    auto starts_near = [&](uint32_t t) {
+        return std::any_of(recordings.begin(), recordings.end(), [&](const RecordingContent &c) {
+            return c.info.start_time >= t && c.info.start_time <= t + 12;
+        });
+    };
+    EXPECT_LT(recordings.front().info.start_time, midnight);
+    EXPECT_TRUE(starts_near(midnight)) << "no recording starts at local midnight";
+    EXPECT_TRUE(starts_near(half_past)) << "no recording starts at 00:30";
+    for (size_t i = 0; i < recordings.size(); ++i) {
+        check_recording(recordings[i], cloud, key_set, 10, tmp.path(), i + 1 < recordings.size());
+    }
+}
+
+TEST(EndToEnd, RemoteTriggerStoresASnapshotAndARecording) {
+    e2e::TempDir tmp;
+    const std::string clip =
+        e2e::make_clip(tmp.path(), "clip.mp4", 320, 240, 20, 40, 4, "aac", 300);
+    const std::string data = tmp.path() + "/data";
+    const e2e::Result r = e2e::run(
+        camsim_args(data, clip, {"--speed", "4", "--duration", "24", "--trigger", "4:pic_v:6"}));
+    ASSERT_EQ(r.status, 0) << r.out;
+
+    const std::string cloud = data + "/cloud";
+    vexo_cloud::Options options;
+    options.data_dir = cloud;
+    vexo_cloud::Service service(options);
+    const auto alarms = service.alarms(kDevice);
+    ASSERT_EQ(alarms.size(), 1u) << r.out;
+    EXPECT_TRUE(alarms[0].with_picture);
+    EXPECT_NE(alarms[0].extra.find("camsim"), std::string::npos) << alarms[0].extra;
+    std::string errors;
+    const e2e::Result probe =
+        e2e::run({"ffprobe", "-v", "error", "-show_entries", "stream=codec_name,width,height",
+                  "-of", "csv=p=0", alarms[0].picture_path});
+    EXPECT_EQ(probe.out, "mjpeg,320,240\n") << "the snapshot is a JPEG of the scene";
+    EXPECT_EQ(e2e::read_cloud(cloud, kDevice).size(), 1u) << "the triggered recording";
+}
+
+TEST(EndToEnd, AKilledCameraKeepsItsKeyAndRecordsAgain) {
+    e2e::TempDir tmp;
+    const std::string clip =
+        e2e::make_clip(tmp.path(), "clip.mp4", 160, 120, 10, 20, 4, "aac", 100);
+    const std::string data = tmp.path() + "/data";
+
+    // First run: all-time, killed without warning once the key is stored and files flow.
+    std::vector<std::string> argv =
+        camsim_args(data, clip, {"--mode", "alltime", "--speed", "4", "--duration", "600"});
+    std::vector<char *> args;
+    for (std::string &a : argv) {
+        args.push_back(a.data());
+    }
+    args.push_back(nullptr);
+    pid_t pid = 0;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    ASSERT_EQ(posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ), 0);
+    posix_spawn_file_actions_destroy(&actions);
+    const std::string cloud = data + "/cloud";
+    bool flowing = false;
+    for (int i = 0; i < 600 && !flowing; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        if (!fs::is_directory(cloud + "/" + kDevice)) {
+            continue; // the camera is still starting
+        }
+        const auto recs = vexo_cloud::read_recordings(cloud, kDevice);
+        flowing = !recs.empty() && recs.front().files.size() >= 2;
+    }
+    kill(pid, SIGKILL);
+    int wstatus = 0;
+    waitpid(pid, &wstatus, 0);
+    ASSERT_TRUE(flowing) << "the first run uploaded nothing";
+
+    // Second run on the same store: the key read back is the one the cloud issued.
+    const e2e::Result r = e2e::run(
+        camsim_args(data, clip, {"--mode", "alltime", "--speed", "4", "--duration", "12"}));
+    ASSERT_EQ(r.status, 0) << r.out;
+    const auto recordings = e2e::read_cloud(cloud, kDevice);
+    ASSERT_EQ(recordings.size(), 2u);
+    EXPECT_EQ(recordings[1].info.announced_md5, recordings[0].info.key_md5)
+        << "the second run did not find the stored key";
+    EXPECT_TRUE(recordings[1].faults.empty());
+}
+
+} // namespace
