@@ -21,9 +21,9 @@
 namespace vexo_cloud {
 
 struct Request {
-    std::string method; // "GET", "POST", "PUT"
-    std::string path;   // without the query
-    std::string query;  // without the '?'
+    std::string method;                         // "GET", "POST", "PUT"
+    std::string path;                           // without the query
+    std::string query;                          // without the '?'
     std::map<std::string, std::string> headers; // names in lower case
     std::string body;
 };
@@ -42,7 +42,7 @@ struct Order {
     int32_t silence_interval = 60;    // seconds
     int32_t daily_events = 20;        // allowance per day
     bool expired = false;
-    bool aborted = false;             // storage/config answers "none"
+    bool aborted = false; // storage/config answers "none"
 };
 
 /// A partial change of an order: unset members stay as they are.
@@ -64,14 +64,14 @@ struct MediaFileInfo {
 struct Recording {
     std::string device;
     uint32_t start_time = 0;
-    uint32_t end_time = 0;       // 0 while open
-    std::string payload_info;    // the JSON text the device sent
-    int32_t mtu = 0;             // slice duration, seconds
-    std::string announced_md5;   // enKeyMd5 of the (last) start notification
-    std::string key;             // the key its files are encrypted with (16 characters)
+    uint32_t end_time = 0;     // 0 while open
+    std::string payload_info;  // the JSON text the device sent
+    int32_t mtu = 0;           // slice duration, seconds
+    std::string announced_md5; // enKeyMd5 of the (last) start notification
+    std::string key;           // the key its files are encrypted with (16 characters)
     std::string key_md5;
     std::vector<MediaFileInfo> files; // sorted by name
-    std::string directory;       // where the files are
+    std::string directory;            // where the files are
 };
 
 struct Alarm {
@@ -100,7 +100,7 @@ struct Options {
 };
 
 class Service {
-public:
+  public:
     /// Reads back the state kept in options.data_dir (created when missing) and creates the
     /// devices of options.tokens it does not know yet. Throws std::invalid_argument for bad
     /// options and std::runtime_error naming the file when a state file is unreadable or
@@ -134,7 +134,7 @@ public:
     std::vector<Recording> recordings(const std::string &device) const;
     std::vector<Alarm> alarms(const std::string &device) const;
 
-private:
+  private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };
@@ -146,6 +146,17 @@ private:
 /// file when the directory or a recording.json cannot be read. recordings() and alarms()
 /// throw the same way.
 std::vector<Recording> read_recordings(const std::string &data_dir, const std::string &device);
+
+/// The same, for tools that must show what is left of a directory with a damaged recording:
+/// with damaged not null, a recording whose recording.json cannot be read or is damaged is
+/// still listed, without its metadata (start time from its directory name, its media files;
+/// end_time, mtu, key, key_md5, announced_md5 and payload_info empty), and one line
+/// "<directory>/recording.json: <reason>" per such recording is appended to *damaged, where
+/// <directory> is the recording's Recording::directory. The file is left as it is. Still
+/// throws as above for an invalid device id or a directory that cannot be listed. damaged
+/// null: the two-argument form.
+std::vector<Recording> read_recordings(const std::string &data_dir, const std::string &device,
+                                       std::vector<std::string> *damaged);
 
 /// True when a device id is 1..64 characters of A-Z a-z 0-9 . _ - and neither "." nor "..",
 /// which would name a directory other than the device's own.

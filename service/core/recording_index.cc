@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <limits>
 #include <stdexcept>
@@ -46,10 +47,13 @@ Json recording_to_json(const RecordingState &recording) {
                 {"keyMd5", recording.key_md5}};
 }
 
-RecordingState load_recording(const std::string &path, uint32_t start_time) {
-    const std::optional<Json> json = parse_object(read_file(path));
+/// The recording a recording.json text describes; nullopt with *reason when it is not one.
+std::optional<RecordingState> parse_recording(const std::string &text, uint32_t start_time,
+                                              std::string *reason) {
+    const std::optional<Json> json = parse_object(text);
     if (!json) {
-        corrupt(path, "not a JSON object");
+        *reason = "not a JSON object";
+        return std::nullopt;
     }
     RecordingState recording;
     if (!get_u32(*json, "startTime", &recording.start_time) ||
@@ -58,14 +62,48 @@ RecordingState load_recording(const std::string &path, uint32_t start_time) {
         !get_i32(*json, "mtu", &recording.mtu) ||
         !get_text(*json, "enKeyMd5", &recording.announced_md5) ||
         !get_text(*json, "key", &recording.key) || !get_text(*json, "keyMd5", &recording.key_md5)) {
-        corrupt(path, "a member is missing or of the wrong type");
+        *reason = "a member is missing or of the wrong type";
+        return std::nullopt;
     }
     if (recording.start_time != start_time) {
-        corrupt(path, "startTime differs from the directory name");
+        *reason = "startTime differs from the directory name";
+        return std::nullopt;
     }
     recording.payload = Json::parse(recording.payload_info, nullptr, false);
     if (recording.payload.is_discarded()) {
-        corrupt(path, "payloadInfo is not JSON");
+        *reason = "payloadInfo is not JSON";
+        return std::nullopt;
+    }
+    return recording;
+}
+
+RecordingState load_recording(const std::string &path, uint32_t start_time) {
+    std::string reason;
+    std::optional<RecordingState> recording = parse_recording(read_file(path), start_time, &reason);
+    if (!recording) {
+        corrupt(path, reason);
+    }
+    return std::move(*recording);
+}
+
+/// A recording's recording.json. With damaged null a damaged or unreadable file throws as
+/// load_recording does; otherwise it is nullopt and "<path>: <reason>" goes to *damaged.
+std::optional<RecordingState> read_metadata(const std::string &path, uint32_t start_time,
+                                            std::vector<std::string> *damaged) {
+    if (damaged == nullptr) {
+        return load_recording(path, start_time);
+    }
+    std::string text;
+    try {
+        text = read_file(path);
+    } catch (const FileError &e) {
+        damaged->push_back(path + ": cannot be read: " + std::strerror(e.error_number()));
+        return std::nullopt;
+    }
+    std::string reason;
+    std::optional<RecordingState> recording = parse_recording(text, start_time, &reason);
+    if (!recording) {
+        damaged->push_back(path + ": " + reason);
     }
     return recording;
 }
@@ -112,9 +150,9 @@ std::vector<MediaFileInfo> media_files(const std::string &dir) {
 }
 
 /// A device's recordings: every recording directory, with its recording.json when there is
-/// one (a directory that only received uploads has none).
+/// one (a directory that only received uploads has none) and is sound (see read_metadata).
 void read_device_recordings(const std::string &device_dir, const std::string &device,
-                            std::vector<Recording> *out) {
+                            std::vector<std::string> *damaged, std::vector<Recording> *out) {
     for (const auto &[start, dir] : recording_directories(device_dir)) {
         Recording recording;
         recording.device = device;
@@ -122,14 +160,15 @@ void read_device_recordings(const std::string &device_dir, const std::string &de
         recording.directory = dir;
         const std::string path = dir + "/" + kRecordingFile;
         std::error_code ec;
-        if (fs::exists(path, ec)) {
-            const RecordingState state = load_recording(path, start);
-            recording.end_time = state.end_time;
-            recording.payload_info = state.payload_info;
-            recording.mtu = state.mtu;
-            recording.announced_md5 = state.announced_md5;
-            recording.key = state.key;
-            recording.key_md5 = state.key_md5;
+        const std::optional<RecordingState> state =
+            fs::exists(path, ec) ? read_metadata(path, start, damaged) : std::nullopt;
+        if (state) {
+            recording.end_time = state->end_time;
+            recording.payload_info = state->payload_info;
+            recording.mtu = state->mtu;
+            recording.announced_md5 = state->announced_md5;
+            recording.key = state->key;
+            recording.key_md5 = state->key_md5;
         }
         recording.files = media_files(dir);
         out->push_back(std::move(recording));
@@ -187,6 +226,11 @@ std::map<uint32_t, RecordingState> load_recording_index(const std::string &devic
 }
 
 std::vector<Recording> read_recordings(const std::string &data_dir, const std::string &device) {
+    return read_recordings(data_dir, device, nullptr);
+}
+
+std::vector<Recording> read_recordings(const std::string &data_dir, const std::string &device,
+                                       std::vector<std::string> *damaged) {
     if (!device.empty() && !valid_device_id(device)) {
         throw std::invalid_argument("invalid device id: " + device);
     }
@@ -198,7 +242,7 @@ std::vector<Recording> read_recordings(const std::string &data_dir, const std::s
     if (!device.empty()) {
         const std::string device_dir = data_dir + "/" + device;
         if (fs::is_directory(device_dir, ec)) {
-            read_device_recordings(device_dir, device, &recordings);
+            read_device_recordings(device_dir, device, damaged, &recordings);
         }
         return recordings;
     }
@@ -215,7 +259,7 @@ std::vector<Recording> read_recordings(const std::string &data_dir, const std::s
     }
     std::sort(devices.begin(), devices.end());
     for (const std::string &name : devices) {
-        read_device_recordings(data_dir + "/" + name, name, &recordings);
+        read_device_recordings(data_dir + "/" + name, name, damaged, &recordings);
     }
     return recordings;
 }

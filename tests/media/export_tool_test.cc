@@ -196,6 +196,18 @@ class MediaTool : public ::testing::Test {
                 data_.write("cam-1/" + name + "/" + name + "_0001.media", files[1])};
     }
 
+    /// A second recording of cam-1, a minute after the first, with copies of its media files
+    /// and a recording.json cut short; returns that recording.json's path.
+    std::string write_damaged_copy(const std::vector<std::string> &paths) const {
+        const std::string name = std::to_string(kStart + 60);
+        for (size_t i = 0; i < paths.size(); ++i) {
+            data_.write("cam-1/" + name + "/" + name + "_000" + std::to_string(i) + ".media",
+                        read_all(paths[i]));
+        }
+        const std::string cut = "{\"startTime\":" + name + ",\"endTime\":";
+        return data_.write("cam-1/" + name + "/recording.json", Bytes(cut.begin(), cut.end()));
+    }
+
     RunResult tool(const std::string &args) const {
         return run(std::string(VEXO_MEDIA_TOOL) + " " + args + " --data " + data_.path());
     }
@@ -300,6 +312,66 @@ TEST_F(MediaTool, VerifyAndListAGoodRecording) {
     EXPECT_EQ(ls.status, 0) << ls.output;
     EXPECT_NE(ls.output.find(std::to_string(kStart)), std::string::npos) << ls.output;
     EXPECT_NE(ls.output.find(kKeyMd5), std::string::npos) << ls.output;
+}
+
+/// The lines of the output that mention a text.
+std::string lines_with(const std::string &output, const std::string &text) {
+    std::istringstream in(output);
+    std::string found;
+    for (std::string line; std::getline(in, line);) {
+        if (line.find(text) != std::string::npos) {
+            found += line + "\n";
+        }
+    }
+    return found;
+}
+
+TEST_F(MediaTool, ListAndVerifyGoOnPastADamagedRecordingJson) {
+    const std::string damaged = write_damaged_copy(write_recording(false));
+    const std::string good = std::to_string(kStart);
+    const std::string bad = std::to_string(kStart + 60);
+
+    const RunResult ls = tool("ls");
+    EXPECT_EQ(ls.status, 1) << ls.output;
+    EXPECT_NE(ls.output.find("warning: " + damaged + ": not a JSON object"), std::string::npos)
+        << ls.output;
+    EXPECT_NE(lines_with(ls.output, good).find(kKeyMd5), std::string::npos) << ls.output;
+    EXPECT_NE(lines_with(ls.output, " " + bad + " ").find("damaged"), std::string::npos)
+        << ls.output;
+
+    // Without a key the damaged recording's files are still checked for their structure.
+    const RunResult verify = tool("verify");
+    EXPECT_EQ(verify.status, 1) << verify.output;
+    EXPECT_NE(lines_with(verify.output, "cam-1 " + good + ":").find(": ok"), std::string::npos)
+        << verify.output;
+    EXPECT_NE(lines_with(verify.output, "cam-1 " + bad + ":").find("2 files"), std::string::npos)
+        << verify.output;
+    EXPECT_NE(verify.output.find("  recording.json: not a JSON object"), std::string::npos)
+        << verify.output;
+
+    // With --key its entries are decrypted too: the damaged metadata is its only fault.
+    const RunResult keyed = tool("verify --key " + std::string(kKeyText) + " " + bad);
+    EXPECT_EQ(keyed.status, 1) << keyed.output;
+    EXPECT_EQ(lines_with(keyed.output, "no key"), "") << keyed.output;
+    EXPECT_NE(keyed.output.find(": 1 faults"), std::string::npos) << keyed.output;
+}
+
+TEST_F(MediaTool, ExportAllSkipsOnlyTheRecordingWithDamagedMetadata) {
+    const std::string damaged = write_damaged_copy(write_recording(false));
+    const std::string bad_file = out("all/cam-1_" + std::to_string(kStart + 60) + ".mp4");
+
+    const RunResult all = tool("export --all --out-dir " + out("all"));
+    EXPECT_EQ(all.status, 1) << all.output;
+    EXPECT_NE(all.output.find(damaged + ": not a JSON object"), std::string::npos) << all.output;
+    EXPECT_EQ(probe(out("all/cam-1_" + std::to_string(kStart) + ".mp4"), "v"), "h264,20");
+    EXPECT_FALSE(std::ifstream(bad_file).good());
+    EXPECT_FALSE(std::ifstream(bad_file + ".part").good());
+
+    const RunResult one = tool("export --key " + std::string(kKeyText) + " " +
+                               std::to_string(kStart + 60) + " -o " + out("one.mp4"));
+    EXPECT_EQ(one.status, 1) << one.output;
+    EXPECT_NE(one.output.find(damaged), std::string::npos) << one.output;
+    EXPECT_FALSE(std::ifstream(out("one.mp4")).good());
 }
 
 TEST_F(MediaTool, CommandErrorsExitWithTwo) {

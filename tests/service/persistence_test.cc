@@ -1,6 +1,7 @@
 /// State on disk: a new service on the same data directory carries on where the last one
-/// stopped, read_recordings reads the index without a service, and damaged state files are
-/// reported instead of being used or overwritten.
+/// stopped, read_recordings reads the index without a service (and, when asked, lists
+/// recordings whose recording.json is damaged), and damaged state files are reported instead
+/// of being used or overwritten.
 #include <filesystem>
 #include <fstream>
 
@@ -108,6 +109,59 @@ TEST_F(ServicePersistenceTest, ReadRecordingsWorksWithoutAService) {
     EXPECT_TRUE(vexo_cloud::read_recordings(data, "nobody").empty());
     EXPECT_THROW(vexo_cloud::read_recordings(data, "../cam1"), std::invalid_argument);
     EXPECT_THROW(vexo_cloud::read_recordings(dir_ + "/missing", ""), std::runtime_error);
+}
+
+TEST_F(ServicePersistenceTest, TolerantReadListsRecordingsWhoseMetadataIsDamaged) {
+    std::string key;
+    {
+        auto service = start_service();
+        add_device(*service, "cam1");
+        key = start(*service, "cam1", kNoon, kNoKeyMd5)["encryptKey"];
+        start(*service, "cam1", kNoon + 60, md5_hex(key));
+        start(*service, "cam1", kNoon + 120, md5_hex(key));
+        put_media(*service, "cam1", "1710072060_0000.media", "abcd");
+        put_media(*service, "cam1", "1710000000_0000.media", "z");
+    }
+    const std::string data = dir_ + "/data";
+    const std::string cut = data + "/cam1/1710072060/recording.json";
+    const std::string unreadable = data + "/cam1/1710072120/recording.json";
+    const std::string cut_text = "{\"startTime\":1710072060,";
+    write(cut, cut_text);
+    // A recording.json that open() accepts and read() refuses, whoever runs the test.
+    ASSERT_TRUE(fs::remove(unreadable));
+    ASSERT_TRUE(fs::create_directory(unreadable));
+
+    std::vector<std::string> damaged{"kept"};
+    const auto all = vexo_cloud::read_recordings(data, "cam1", &damaged);
+    ASSERT_EQ(all.size(), 4u);
+    // Uploads without a start notification are not damage.
+    EXPECT_EQ(all[0].start_time, 1710000000u);
+    EXPECT_EQ(all[1].start_time, kNoon);
+    EXPECT_EQ(all[1].key, key);
+    EXPECT_EQ(Json::parse(all[1].payload_info)["vWide"], 640);
+    const vexo_cloud::Recording &listed = all[2];
+    EXPECT_EQ(listed.start_time, kNoon + 60);
+    EXPECT_EQ(listed.directory, data + "/cam1/1710072060");
+    EXPECT_EQ(listed.end_time, 0u);
+    EXPECT_EQ(listed.key, "");
+    EXPECT_EQ(listed.key_md5, "");
+    EXPECT_EQ(listed.payload_info, "");
+    ASSERT_EQ(listed.files.size(), 1u);
+    EXPECT_EQ(listed.files[0].name, "1710072060_0000.media");
+    EXPECT_EQ(listed.files[0].bytes, 4u);
+    EXPECT_EQ(all[3].start_time, kNoon + 120);
+    EXPECT_EQ(all[3].key, "");
+
+    ASSERT_EQ(damaged.size(), 3u) << "lines are appended, one per damaged recording";
+    EXPECT_EQ(damaged[0], "kept");
+    EXPECT_EQ(damaged[1], cut + ": not a JSON object");
+    EXPECT_EQ(damaged[2].rfind(unreadable + ": cannot be read: ", 0), 0u) << damaged[2];
+
+    // Nothing was repaired, and the strict forms still refuse the directory.
+    std::ifstream in(cut, std::ios::binary);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), cut_text);
+    EXPECT_THROW(vexo_cloud::read_recordings(data, "cam1"), std::runtime_error);
+    EXPECT_THROW(vexo_cloud::read_recordings(data, "", nullptr), std::runtime_error);
 }
 
 TEST_F(ServicePersistenceTest, DamagedStateFilesAreReportedAndLeftAlone) {

@@ -43,7 +43,8 @@ std::optional<uint32_t> parse_epoch(const std::string &text) {
 
 } // namespace
 
-std::vector<Recording> load_recordings(const std::string &data_dir, const std::string &device) {
+std::vector<Recording> load_recordings(const std::string &data_dir, const std::string &device,
+                                       std::vector<std::string> *damaged) {
     if (!device.empty() && !vexo_cloud::valid_device_id(device)) {
         throw ToolError("not a device id: '" + device + "'");
     }
@@ -53,7 +54,7 @@ std::vector<Recording> load_recordings(const std::string &data_dir, const std::s
     }
     std::vector<Recording> recordings;
     try {
-        recordings = vexo_cloud::read_recordings(data_dir, device);
+        recordings = vexo_cloud::read_recordings(data_dir, device, damaged);
     } catch (const std::exception &e) {
         throw ToolError("cannot read the recordings of " + data_dir + ": " + e.what());
     }
@@ -61,6 +62,21 @@ std::vector<Recording> load_recordings(const std::string &data_dir, const std::s
         return std::tie(a.device, a.start_time) < std::tie(b.device, b.start_time);
     });
     return recordings;
+}
+
+std::optional<std::string> metadata_damage(const Recording &recording,
+                                           const std::vector<std::string> &damaged) {
+    const std::string prefix = metadata_path(recording) + ": ";
+    for (const std::string &line : damaged) {
+        if (line.compare(0, prefix.size(), prefix) == 0) {
+            return line.substr(prefix.size());
+        }
+    }
+    return std::nullopt;
+}
+
+std::string metadata_path(const Recording &recording) {
+    return recording.directory + "/recording.json";
 }
 
 std::vector<Recording> select_starts(const std::vector<Recording> &all,

@@ -18,9 +18,19 @@ using vexo_cloud::Recording;
 constexpr const char *kDefaultDataDir = "./vexo-data/cloud";
 
 /// Every recording under data_dir (of one device when device is not empty), ordered by device
-/// and start time. Throws ToolError when the directory cannot be read or device is not a
-/// valid device id.
-std::vector<Recording> load_recordings(const std::string &data_dir, const std::string &device);
+/// and start time. A recording whose recording.json is damaged or unreadable is listed without
+/// its metadata, and "<path>: <reason>" is appended to *damaged for it. Throws ToolError when
+/// the directory cannot be read or device is not a valid device id.
+std::vector<Recording> load_recordings(const std::string &data_dir, const std::string &device,
+                                       std::vector<std::string> *damaged);
+
+/// Why a recording's recording.json could not be used, taken from the lines load_recordings
+/// gave; nullopt when the file is sound or absent.
+std::optional<std::string> metadata_damage(const Recording &recording,
+                                           const std::vector<std::string> &damaged);
+
+/// The path of a recording's recording.json.
+std::string metadata_path(const Recording &recording);
 
 /// The recordings whose start time is one of starts (epoch seconds as text). Throws ToolError
 /// for a start that is not a number or that matches no recording.

@@ -24,7 +24,9 @@ const char kHelp[] =
     "encoded to AAC for MP4. --all names its files <device>_<start>.<ext>.\n"
     "A damaged media file is reported (file, offset); what was read before the damage is kept\n"
     "and the export goes on with the next file. Exit status 1 when a fault was met; 2 for a\n"
-    "missing key, an unknown recording or an output that cannot be written.\n"
+    "missing key, an unknown recording or an output that cannot be written. A recording whose\n"
+    "recording.json is damaged cannot be exported (its codecs are not known): it is reported,\n"
+    "--all goes on with the others, and the exit status is 1.\n"
     "\n"
     "  --data DIR      the cloud service's data directory (default ./vexo-data/cloud, where "
     "vexo-camsim keeps its cloud)\n"
@@ -47,10 +49,17 @@ std::optional<Container> container_named(std::string name) {
     return std::nullopt;
 }
 
-/// Exports one recording and prints its summary; returns its exit status.
-int export_one(const Recording &recording, const std::optional<std::string> &key_text,
-               const std::string &out_path, Container container) {
+/// Exports one recording and prints its summary; returns its exit status. damage: why its
+/// recording.json could not be used, when it could not.
+int export_one(const Recording &recording, const std::optional<std::string> &damage,
+               const std::optional<std::string> &key_text, const std::string &out_path,
+               Container container) {
     const std::string name = recording.device + " " + std::to_string(recording.start_time);
+    if (damage) {
+        throw ToolError("recording " + name + " cannot be exported: " + metadata_path(recording) +
+                            ": " + *damage + "; without it the codecs are not known",
+                        kExitFault);
+    }
     const std::optional<vexo_media::Key> key = recording_key(recording, key_text);
     if (!key) {
         throw ToolError("recording " + name + " has no key in its directory; give --key");
@@ -82,7 +91,8 @@ int export_one(const Recording &recording, const std::optional<std::string> &key
     return s.faults.empty() ? kExitOk : kExitFault;
 }
 
-int export_single(const CliArgs &cli, const std::vector<Recording> &all) {
+int export_single(const CliArgs &cli, const std::vector<Recording> &all,
+                  const std::vector<std::string> &damaged) {
     if (cli.positional().size() != 1) {
         throw ToolError("export needs one START (or --all); see --help");
     }
@@ -106,10 +116,12 @@ int export_single(const CliArgs &cli, const std::vector<Recording> &all) {
         throw ToolError("recordings of several devices start at " + cli.positional()[0] +
                         "; choose one with --device");
     }
-    return export_one(chosen[0], cli.value("--key"), *out, *container);
+    return export_one(chosen[0], metadata_damage(chosen[0], damaged), cli.value("--key"), *out,
+                      *container);
 }
 
-int export_all(const CliArgs &cli, const std::vector<Recording> &all) {
+int export_all(const CliArgs &cli, const std::vector<Recording> &all,
+               const std::vector<std::string> &damaged) {
     if (!cli.positional().empty() || cli.value("--output")) {
         throw ToolError("--all takes neither START nor -o; it writes into --out-dir");
     }
@@ -138,7 +150,8 @@ int export_all(const CliArgs &cli, const std::vector<Recording> &all) {
                                    "." + container_extension(*container)))
                                      .string();
         try {
-            status = std::max(status, export_one(recording, cli.value("--key"), path, *container));
+            status = std::max(status, export_one(recording, metadata_damage(recording, damaged),
+                                                 cli.value("--key"), path, *container));
         } catch (const ToolError &e) {
             std::fprintf(stderr, "vexo-media export: %s\n", e.what());
             status = std::max(status, e.status());
@@ -162,9 +175,10 @@ int run_export(const std::vector<std::string> &args) {
             throw ToolError("--key must be 16 characters, got " + std::to_string(key->size()));
         }
     }
-    const std::vector<Recording> all =
-        load_recordings(cli.value_or("--data", kDefaultDataDir), cli.value_or("--device", ""));
-    return cli.flag("--all") ? export_all(cli, all) : export_single(cli, all);
+    std::vector<std::string> damaged;
+    const std::vector<Recording> all = load_recordings(cli.value_or("--data", kDefaultDataDir),
+                                                       cli.value_or("--device", ""), &damaged);
+    return cli.flag("--all") ? export_all(cli, all, damaged) : export_single(cli, all, damaged);
 }
 
 } // namespace vexo_tool

@@ -15,7 +15,8 @@ const char kHelp[] =
     "Lists the recordings of the data directory (default ./vexo-data/cloud), one per line: "
     "device,\n"
     "start (local time and epoch seconds), end (or 'open'), duration, media files, bytes and\n"
-    "the md5 of the recording's key.\n"
+    "the md5 of the recording's key. A recording whose recording.json is damaged is listed\n"
+    "from its directory and files alone, with a warning on stderr; the exit status is then 1.\n"
     "\n"
     "  --data DIR    the cloud service's data directory\n"
     "  --device D    only this device\n";
@@ -39,8 +40,13 @@ int run_ls(const std::vector<std::string> &args) {
     if (!cli.positional().empty()) {
         throw ToolError("ls takes no arguments besides its options");
     }
-    const std::vector<Recording> recordings =
-        load_recordings(cli.value_or("--data", kDefaultDataDir), cli.value_or("--device", ""));
+    std::vector<std::string> damaged;
+    const std::vector<Recording> recordings = load_recordings(
+        cli.value_or("--data", kDefaultDataDir), cli.value_or("--device", ""), &damaged);
+    for (const std::string &line : damaged) {
+        std::fprintf(stderr, "vexo-media ls: warning: %s (listed without its metadata)\n",
+                     line.c_str());
+    }
     std::printf("%-20s %-19s %-10s %-19s %-16s %5s %12s  %s\n", "DEVICE", "START", "EPOCH", "END",
                 "DURATION", "FILES", "BYTES", "KEY MD5");
     for (const Recording &r : recordings) {
@@ -48,9 +54,11 @@ int run_ls(const std::vector<std::string> &args) {
         for (const vexo_cloud::MediaFileInfo &file : r.files) {
             bytes += file.bytes;
         }
+        const bool broken = metadata_damage(r, damaged).has_value();
         const bool open = r.end_time == 0;
-        const std::string end = open ? "open" : local_time_text(r.end_time);
-        const std::string duration = open ? "-"
+        const std::string end = broken ? "damaged" : open ? "open" : local_time_text(r.end_time);
+        const std::string duration = broken ? "?"
+                                     : open ? "-"
                                      : r.end_time < r.start_time
                                          ? "?"
                                          : duration_text(r.end_time - r.start_time);
@@ -59,7 +67,7 @@ int run_ls(const std::vector<std::string> &args) {
                     duration.c_str(), media_paths(r).size(), static_cast<unsigned long long>(bytes),
                     key_md5_of(r).c_str());
     }
-    return kExitOk;
+    return damaged.empty() ? kExitOk : kExitFault;
 }
 
 } // namespace vexo_tool

@@ -17,6 +17,8 @@ const char kHelp[] =
     "recording: entry structure, cipher lengths, the first entry of each file, time stamp\n"
     "order, and - with the recording's key or --key - decryption of every encrypted entry.\n"
     "Prints one line per recording, 'ok' or its faults as '<file>: offset N: message'.\n"
+    "A damaged recording.json is a fault of its recording; its files are then checked with\n"
+    "--key, or for their structure alone.\n"
     "Exit status 0 only when every recording is ok.\n"
     "\n"
     "  --data DIR    the cloud service's data directory (default ./vexo-data/cloud, where "
@@ -41,12 +43,17 @@ std::string counts_text(const vexo_media::VerifyReport &report) {
     return text;
 }
 
-/// Checks one recording and prints its lines; true when it is ok.
-bool verify_one(const Recording &recording, const std::optional<std::string> &key_text) {
+/// Checks one recording and prints its lines; true when it is ok. damage: why its
+/// recording.json could not be used, when it could not.
+bool verify_one(const Recording &recording, const std::optional<std::string> &key_text,
+                const std::optional<std::string> &damage) {
     const std::optional<vexo_media::Key> key = recording_key(recording, key_text);
     vexo_media::VerifyReport report =
         vexo_media::verify_files(media_paths(recording), key ? &*key : nullptr);
     std::vector<std::string> problems;
+    if (damage) {
+        problems.push_back("recording.json: " + *damage);
+    }
     if (key && !key_text && !recording.key_md5.empty() &&
         vexo_media::key_md5(*key) != recording.key_md5) {
         problems.push_back("recording.json: its key does not match its keyMd5 " +
@@ -70,8 +77,9 @@ int run_verify(const std::vector<std::string> &args) {
         std::fputs(kHelp, stdout);
         return kExitOk;
     }
-    const std::vector<Recording> all =
-        load_recordings(cli.value_or("--data", kDefaultDataDir), cli.value_or("--device", ""));
+    std::vector<std::string> damaged;
+    const std::vector<Recording> all = load_recordings(cli.value_or("--data", kDefaultDataDir),
+                                                       cli.value_or("--device", ""), &damaged);
     const std::vector<Recording> chosen =
         cli.positional().empty() ? all : select_starts(all, cli.positional());
     if (chosen.empty()) {
@@ -80,7 +88,8 @@ int run_verify(const std::vector<std::string> &args) {
     }
     bool all_ok = true;
     for (const Recording &recording : chosen) {
-        all_ok = verify_one(recording, cli.value("--key")) && all_ok;
+        all_ok = verify_one(recording, cli.value("--key"), metadata_damage(recording, damaged)) &&
+                 all_ok;
     }
     return all_ok ? kExitOk : kExitFault;
 }
