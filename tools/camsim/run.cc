@@ -7,8 +7,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <exception>
 #include <cstdio>
+#include <exception>
 #include <memory>
 #include <string>
 #include <thread>
