@@ -60,7 +60,7 @@ CloudRequest make_request(const char *method, std::string path, uint32_t timeout
 }
 
 CloudResponse send(const CloudRequest &req) {
-    const std::shared_ptr<CloudTransport> transport = internal::options().cloud;
+    const std::shared_ptr<CloudTransport> transport = internal::cloud();
     if (!transport) {
         internal::log_error("cloud: no transport (kit not started)");
         return {};

@@ -14,6 +14,9 @@ namespace hostkit::internal {
 const Options &options();
 /// True between start() and stop().
 bool started();
+/// The cloud transport, or null after stop(): a thread detached by DeleteThrdHandle may still
+/// make a cloud call while the kit stops.
+std::shared_ptr<CloudTransport> cloud();
 
 /// Kit log line to stderr: "<kit time> <E|D|T> file:line message". Thread-safe.
 void log_line(LogLevel level, const char *file, int32_t line, const char *fmt, va_list args);

@@ -62,6 +62,11 @@ bool started() {
     return g_started;
 }
 
+std::shared_ptr<CloudTransport> cloud() {
+    std::lock_guard<std::mutex> lock(g_mu);
+    return g_options.cloud;
+}
+
 void count_upload(const std::string &name, uint64_t bytes, bool ok) {
     std::lock_guard<std::mutex> lock(g_mu);
     if (ok) {
