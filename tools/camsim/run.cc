@@ -3,9 +3,11 @@
 // uninitialise and summarise what the cloud received.
 #include "run.h"
 
+#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <exception>
@@ -28,6 +30,13 @@ namespace {
 constexpr uint32_t kMaxBitrateKbps = 2048;
 /// Real seconds to wait for the module's first configuration.
 constexpr int kConfigWaitRealS = 15;
+
+/// Set by Ctrl-C or SIGTERM: the run ends early but still uninitialises and summarises.
+std::atomic<bool> g_interrupted{false};
+
+void on_signal(int) {
+    g_interrupted = true;
+}
 
 std::string input_path(const Options &o) {
     return o.input.empty() ? std::string(VEXO_CAMSIM_SAMPLE) : o.input;
@@ -158,7 +167,7 @@ void show_progress(double elapsed_s, double total_s, const Feeder &feeder, const
 }
 
 void summarise(const Options &o, vexo_cloud::Service &cloud, const Feeder &feeder,
-               const Tally &tally, double real_s) {
+               const Tally &tally, double ran_s, double real_s) {
     const hostkit::Counters c = hostkit::counters();
     std::vector<vexo_cloud::Recording> recordings;
     try {
@@ -167,7 +176,7 @@ void summarise(const Options &o, vexo_cloud::Service &cloud, const Feeder &feede
         std::printf("cannot read the recordings back: %s\n", e.what());
     }
     std::printf("\n== vexo-camsim summary ==\n");
-    std::printf("ran %.1f s of camera time in %.1f s real time (speed %g)\n", o.duration_s, real_s,
+    std::printf("ran %.1f s of camera time in %.1f s real time (speed %g)\n", ran_s, real_s,
                 o.speed);
     std::printf("camera: %llu video and %llu audio frames fed\n",
                 static_cast<unsigned long long>(feeder.video_frames()),
@@ -307,7 +316,11 @@ int run(const Options &o) {
     size_t next = 0;
     Tally tally;
     double last_shown = -1e9;
-    for (;;) {
+    struct sigaction action {};
+    action.sa_handler = on_signal;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+    while (!g_interrupted) {
         const double elapsed = static_cast<double>(hostkit::now_ms() - t0) / 1000.0;
         while (next < steps.size() && steps[next].at_s <= elapsed) {
             perform(steps[next++], o, *service, &tally);
@@ -323,9 +336,14 @@ int run(const Options &o) {
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
+    const double ran_s =
+        std::min(o.duration_s, static_cast<double>(hostkit::now_ms() - t0) / 1000.0);
     if (!o.quiet) {
-        show_progress(o.duration_s, o.duration_s, feeder, tally, tty);
+        show_progress(ran_s, o.duration_s, feeder, tally, tty);
         std::fputc('\n', stderr);
+    }
+    if (g_interrupted) {
+        std::fprintf(stderr, "[camsim] interrupted after %.1f s\n", ran_s);
     }
 
     std::fprintf(stderr, "[camsim] stopping: uninit the module\n");
@@ -338,7 +356,7 @@ int run(const Options &o) {
     }
     const double real_s =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - real_start).count();
-    summarise(o, *service, feeder, tally, real_s);
+    summarise(o, *service, feeder, tally, ran_s, real_s);
     hostkit::stop();
     return status;
 }
