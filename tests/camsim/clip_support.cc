@@ -15,6 +15,8 @@ extern "C" {
 #include <libavutil/pixdesc.h>
 }
 
+#include "libav_handles.h"
+
 namespace camsim_test {
 namespace {
 
@@ -142,12 +144,9 @@ std::vector<camsim::MediaFrame> read_frames(camsim::MediaSource *source, size_t 
 
 bool decode_jpeg(const std::vector<uint8_t> &jpeg, Picture *picture) {
     const AVCodec *codec = avcodec_find_decoder(AV_CODEC_ID_MJPEG);
-    std::unique_ptr<AVCodecContext, void (*)(AVCodecContext *)> ctx(
-        avcodec_alloc_context3(codec), [](AVCodecContext *c) { avcodec_free_context(&c); });
-    std::unique_ptr<AVPacket, void (*)(AVPacket *)> pkt(av_packet_alloc(),
-                                                        [](AVPacket *p) { av_packet_free(&p); });
-    std::unique_ptr<AVFrame, void (*)(AVFrame *)> frame(av_frame_alloc(),
-                                                        [](AVFrame *f) { av_frame_free(&f); });
+    libav::CodecPtr ctx(avcodec_alloc_context3(codec));
+    libav::PacketPtr pkt(av_packet_alloc());
+    libav::FramePtr frame(av_frame_alloc());
     if (!ctx || !pkt || !frame || avcodec_open2(ctx.get(), codec, nullptr) < 0 ||
         av_new_packet(pkt.get(), static_cast<int>(jpeg.size())) < 0) {
         return false;

@@ -17,6 +17,7 @@ extern "C" {
 
 #include "adts.h"
 #include "annexb.h"
+#include "libav_handles.h"
 #include "vexo_media_info.h"
 
 namespace camsim {
@@ -27,24 +28,9 @@ constexpr int64_t kNoTimestamp = INT64_MIN; // AV_NOPTS_VALUE
 // Time stamps beyond about 35 years are damage; the bound keeps all time arithmetic in range.
 constexpr int64_t kMaxTimeUs = int64_t{1} << 50;
 
-struct FormatCloser {
-    void operator()(AVFormatContext *ctx) const { avformat_close_input(&ctx); }
-};
-struct BsfFreer {
-    void operator()(AVBSFContext *ctx) const { av_bsf_free(&ctx); }
-};
-struct PacketFreer {
-    void operator()(AVPacket *pkt) const { av_packet_free(&pkt); }
-};
-using FormatPtr = std::unique_ptr<AVFormatContext, FormatCloser>;
-using BsfPtr = std::unique_ptr<AVBSFContext, BsfFreer>;
-using PacketPtr = std::unique_ptr<AVPacket, PacketFreer>;
-
-std::string av_error_text(int code) {
-    char text[AV_ERROR_MAX_STRING_SIZE] = {0};
-    av_strerror(code, text, sizeof text);
-    return text;
-}
+using FormatPtr = libav::InputPtr;
+using libav::BsfPtr;
+using libav::PacketPtr;
 
 uint32_t audio_codec_code(AVCodecID id) {
     switch (id) {
@@ -75,7 +61,7 @@ class ClipReader::Impl {
             int rc = av_read_frame(format_.get(), packet_.get());
             if (rc < 0) {
                 if (rc != AVERROR_EOF) {
-                    fail("read error: " + av_error_text(rc));
+                    fail("read error: " + libav::error_text(rc));
                 } else {
                     take_video(nullptr);
                 }
@@ -104,13 +90,13 @@ class ClipReader::Impl {
         AVFormatContext *raw = nullptr;
         int rc = avformat_open_input(&raw, path.c_str(), nullptr, nullptr);
         if (rc < 0) {
-            *error = "cannot open " + path + ": " + av_error_text(rc);
+            *error = "cannot open " + path + ": " + libav::error_text(rc);
             return false;
         }
         format_.reset(raw);
         rc = avformat_find_stream_info(format_.get(), nullptr);
         if (rc < 0) {
-            *error = "cannot read the streams of " + path + ": " + av_error_text(rc);
+            *error = "cannot read the streams of " + path + ": " + libav::error_text(rc);
             return false;
         }
         packet_.reset(av_packet_alloc());
@@ -179,7 +165,7 @@ class ClipReader::Impl {
         }
         if (rc < 0) {
             *error = std::string("cannot convert the video of ") + path + " with " + name + ": " +
-                     av_error_text(rc);
+                     libav::error_text(rc);
             return false;
         }
         writer_.learn(bsf_->par_out->extradata, static_cast<size_t>(bsf_->par_out->extradata_size));
@@ -265,7 +251,7 @@ class ClipReader::Impl {
         }
         if (rc != AVERROR(EAGAIN) && rc != AVERROR_EOF) {
             fail("video packet at byte " + std::to_string(pos) +
-                 " cannot be converted: " + av_error_text(rc));
+                 " cannot be converted: " + libav::error_text(rc));
         }
     }
 

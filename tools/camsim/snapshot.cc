@@ -12,6 +12,8 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
+#include "libav_handles.h"
+
 namespace camsim {
 namespace {
 
@@ -21,28 +23,10 @@ constexpr size_t kMaxGroupBytes = 64u << 20;
 // MJPEG quantiser scale: 2 (best) .. 31.
 constexpr int kJpegQuantiser = 3;
 
-struct CodecFreer {
-    void operator()(AVCodecContext *ctx) const { avcodec_free_context(&ctx); }
-};
-struct FrameFreer {
-    void operator()(AVFrame *frame) const { av_frame_free(&frame); }
-};
-struct PacketFreer {
-    void operator()(AVPacket *pkt) const { av_packet_free(&pkt); }
-};
-struct ScalerFreer {
-    void operator()(SwsContext *ctx) const { sws_freeContext(ctx); }
-};
-using CodecPtr = std::unique_ptr<AVCodecContext, CodecFreer>;
-using FramePtr = std::unique_ptr<AVFrame, FrameFreer>;
-using PacketPtr = std::unique_ptr<AVPacket, PacketFreer>;
-using ScalerPtr = std::unique_ptr<SwsContext, ScalerFreer>;
-
-std::string av_error_text(int code) {
-    char text[AV_ERROR_MAX_STRING_SIZE] = {0};
-    av_strerror(code, text, sizeof text);
-    return text;
-}
+using libav::CodecPtr;
+using libav::FramePtr;
+using libav::PacketPtr;
+using libav::ScalerPtr;
 
 // Single-threaded codec contexts: a snapshot is one small picture, and libavcodec's own
 // threads would only add start-up cost.
@@ -59,7 +43,7 @@ CodecPtr open_codec(const AVCodec *codec, void (*configure)(AVCodecContext *, co
     }
     int rc = avcodec_open2(ctx.get(), codec, nullptr);
     if (rc < 0) {
-        *error = std::string("cannot open the ") + codec->name + " codec: " + av_error_text(rc);
+        *error = std::string("cannot open the ") + codec->name + " codec: " + libav::error_text(rc);
         return nullptr;
     }
     return ctx;
@@ -144,7 +128,7 @@ bool to_jpeg_range(const AVFrame *picture, AVFrame *yuv, std::string *error) {
     yuv->height = picture->height;
     int rc = av_frame_get_buffer(yuv, 0);
     if (rc < 0) {
-        *error = "cannot allocate a picture: " + av_error_text(rc);
+        *error = "cannot allocate a picture: " + libav::error_text(rc);
         return false;
     }
     sws_scale(scaler.get(), picture->data, picture->linesize, 0, picture->height, yuv->data,
@@ -186,7 +170,7 @@ bool encode_jpeg(const AVFrame *picture, std::vector<uint8_t> *out, std::string 
         rc = avcodec_receive_packet(ctx.get(), pkt.get());
     }
     if (rc < 0) {
-        *error = "JPEG encoding failed: " + av_error_text(rc);
+        *error = "JPEG encoding failed: " + libav::error_text(rc);
         return false;
     }
     out->assign(pkt->data, pkt->data + pkt->size);

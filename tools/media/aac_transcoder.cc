@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <string>
 
+#include "libav_handles.h"
 #include "payload_info.h"
 #include "tool_error.h"
 
@@ -24,33 +25,12 @@ constexpr int64_t kGapMs = 100;
 /// Gaps up to this are filled with silence; beyond it the time stamps jump instead.
 constexpr int64_t kMaxFillMs = 10000;
 
-struct CodecFree {
-    void operator()(AVCodecContext *c) const { avcodec_free_context(&c); }
-};
-struct FrameFree {
-    void operator()(AVFrame *f) const { av_frame_free(&f); }
-};
-struct PacketFree {
-    void operator()(AVPacket *p) const { av_packet_free(&p); }
-};
-struct SwrFree {
-    void operator()(SwrContext *s) const { swr_free(&s); }
-};
-struct FifoFree {
-    void operator()(AVAudioFifo *f) const { av_audio_fifo_free(f); }
-};
-
-std::string av_error_text(int result) {
-    char text[AV_ERROR_MAX_STRING_SIZE] = {};
-    av_strerror(result, text, sizeof text);
-    return text;
-}
-
 /// Out of memory ends the command; anything else the codecs refuse comes from what the
 /// recording announced or holds, a fault of the recording.
 void check(int result, const char *what) {
     if (result < 0) {
-        throw ToolError(std::string("audio transcoding (") + what + "): " + av_error_text(result),
+        throw ToolError(std::string("audio transcoding (") + what +
+                            "): " + libav::error_text(result),
                         result == AVERROR(ENOMEM) ? kExitError : kExitFault);
     }
 }
@@ -89,12 +69,12 @@ int encoder_rate(const AVCodec *codec, int rate) {
 } // namespace
 
 struct AacTranscoder::State {
-    std::unique_ptr<AVCodecContext, CodecFree> decoder;
-    std::unique_ptr<AVCodecContext, CodecFree> encoder;
-    std::unique_ptr<SwrContext, SwrFree> resampler;
-    std::unique_ptr<AVAudioFifo, FifoFree> fifo;
-    std::unique_ptr<AVFrame, FrameFree> decoded;
-    std::unique_ptr<AVPacket, PacketFree> packet;
+    libav::CodecPtr decoder;
+    libav::CodecPtr encoder;
+    libav::ResamplerPtr resampler;
+    libav::AudioFifoPtr fifo;
+    libav::FramePtr decoded;
+    libav::PacketPtr packet;
     bool started = false;
     int64_t next_pts = 0; // encoder samples: time stamp of the first sample in the fifo
 
@@ -119,7 +99,7 @@ struct AacTranscoder::State {
         while (av_audio_fifo_size(fifo.get()) >= frame_size ||
                (final && av_audio_fifo_size(fifo.get()) > 0)) {
             const int count = std::min(frame_size, av_audio_fifo_size(fifo.get()));
-            std::unique_ptr<AVFrame, FrameFree> frame(av_frame_alloc());
+            libav::FramePtr frame(av_frame_alloc());
             if (!frame) {
                 throw ToolError("out of memory");
             }
@@ -139,7 +119,7 @@ struct AacTranscoder::State {
     }
 
     void write_silence(int64_t samples) {
-        std::unique_ptr<AVFrame, FrameFree> silence(av_frame_alloc());
+        libav::FramePtr silence(av_frame_alloc());
         if (!silence) {
             throw ToolError("out of memory");
         }
@@ -189,7 +169,7 @@ struct AacTranscoder::State {
         if (room == 0) {
             return;
         }
-        std::unique_ptr<AVFrame, FrameFree> out(av_frame_alloc());
+        libav::FramePtr out(av_frame_alloc());
         if (!out) {
             throw ToolError("out of memory");
         }
@@ -269,7 +249,7 @@ bool AacTranscoder::push(const std::vector<uint8_t> &bytes, int64_t pts_ms, cons
         return false;
     }
     s.align(pts_ms, sink);
-    std::unique_ptr<AVPacket, PacketFree> packet(av_packet_alloc());
+    libav::PacketPtr packet(av_packet_alloc());
     if (!packet || av_new_packet(packet.get(), static_cast<int>(usable)) < 0) {
         throw ToolError("out of memory");
     }

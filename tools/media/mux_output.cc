@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <memory>
 
+#include "libav_handles.h"
 #include "tool_error.h"
 
 extern "C" {
@@ -18,16 +19,6 @@ namespace {
 
 constexpr AVRational kMillisecond = {1, 1000};
 
-std::string av_error_text(int result) {
-    char text[AV_ERROR_MAX_STRING_SIZE] = {};
-    av_strerror(result, text, sizeof text);
-    return text;
-}
-
-struct PacketFree {
-    void operator()(AVPacket *packet) const { av_packet_free(&packet); }
-};
-
 } // namespace
 
 const char *container_extension(Container container) {
@@ -38,7 +29,7 @@ MuxOutput::MuxOutput(const std::string &path, Container container) : path_(path)
     const char *format = container == Container::kMp4 ? "mp4" : "matroska";
     const int result = avformat_alloc_output_context2(&context_, nullptr, format, path.c_str());
     if (result < 0 || context_ == nullptr) {
-        throw ToolError("cannot set up " + path + ": " + av_error_text(result));
+        throw ToolError("cannot set up " + path + ": " + libav::error_text(result));
     }
 }
 
@@ -63,10 +54,10 @@ void MuxOutput::check(int result, const char *what) const {
                            result == AVERROR(ENOMEM) || result == AVERROR(EIO) ||
                            result == AVERROR(ENOSPC);
     if (io_failed) {
-        throw ToolError("cannot write " + path_ + " (" + what + "): " + av_error_text(result));
+        throw ToolError("cannot write " + path_ + " (" + what + "): " + libav::error_text(result));
     }
     throw ToolError("the " + std::string(context_->oformat->name) + " muxer refused the " + what +
-                        " of this recording: " + av_error_text(result),
+                        " of this recording: " + libav::error_text(result),
                     kExitFault);
 }
 
@@ -118,7 +109,7 @@ int MuxOutput::add_encoded(const AVCodecContext *encoder) {
 void MuxOutput::open() {
     const int opened = avio_open(&context_->pb, path_.c_str(), AVIO_FLAG_WRITE);
     if (opened < 0) {
-        throw ToolError("cannot open " + path_ + " for writing: " + av_error_text(opened));
+        throw ToolError("cannot open " + path_ + " for writing: " + libav::error_text(opened));
     }
     opened_ = true;
     check(avformat_write_header(context_, nullptr), "stream header");
@@ -126,7 +117,7 @@ void MuxOutput::open() {
 
 bool MuxOutput::write_ms(int stream, const uint8_t *data, size_t size, int64_t pts_ms,
                          int64_t duration_ms, bool key) {
-    std::unique_ptr<AVPacket, PacketFree> packet(av_packet_alloc());
+    libav::PacketPtr packet(av_packet_alloc());
     if (!packet || size > INT32_MAX - AV_INPUT_BUFFER_PADDING_SIZE ||
         av_new_packet(packet.get(), static_cast<int>(size)) < 0) {
         throw ToolError("out of memory for a packet of " + std::to_string(size) + " bytes");
