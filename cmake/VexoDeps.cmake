@@ -61,4 +61,11 @@ if(VEXO_BUILD_HOST)
     pkg_check_modules(VEXO_LIBAV REQUIRED IMPORTED_TARGET
         libavformat libavcodec libavutil libswscale libswresample)
     add_library(vexo::libav ALIAS PkgConfig::VEXO_LIBAV)
+    # The kit's network transport: libcurl for the cloud calls, libmosquitto for commands.
+    find_package(CURL REQUIRED)
+    pkg_check_modules(VEXO_MOSQUITTO REQUIRED IMPORTED_TARGET libmosquitto)
+    add_library(vexo::mosquitto ALIAS PkgConfig::VEXO_MOSQUITTO)
+    # The cloud service's HTTP server (cpp-httplib, built by Debian with OpenSSL).
+    pkg_check_modules(VEXO_HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
+    add_library(vexo::httplib ALIAS PkgConfig::VEXO_HTTPLIB)
 endif()

@@ -2,7 +2,8 @@
 # Installs what the build and the tests need on Debian 12 (bookworm), idempotently:
 #   - host packages from apt (compilers, CMake, cJSON, OpenSSL, GoogleTest, Google Benchmark,
 #     the arm-linux-gnueabihf cross compiler, qemu-user, clang-format, gcovr; for the host
-#     kit and tools: FFmpeg's libraries and command-line tools, nlohmann-json, pkg-config);
+#     kit and tools: FFmpeg's libraries and command-line tools, nlohmann-json, pkg-config; for the network cloud: libcurl,
+#     libmosquitto and the mosquitto broker, cpp-httplib);
 #   - an armhf sysroot with cJSON and OpenSSL's libcrypto, built from the armhf .debs with
 #     `dpkg-deb -x` (no multiarch install: amd64 and armhf versions of Multi-Arch: same
 #     packages can be out of step on the mirrors, which makes apt refuse the install).
@@ -28,6 +29,7 @@ HOST_PACKAGES=(
     gcovr
     pkg-config nlohmann-json3-dev openssl
     ffmpeg libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev
+    libcurl4-openssl-dev libmosquitto-dev mosquitto libcpp-httplib-dev
 )
 # armhf packages unpacked into the sysroot; each -dev package is paired with its runtime
 # package at the same version.
