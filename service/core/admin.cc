@@ -1,5 +1,7 @@
 /// The admin calls: order changes and remote triggers, each published to the device as an
 /// MQTT message after the service lock is released.
+#include <algorithm>
+#include <cstdint>
 #include <set>
 
 #include "device_state.h"
@@ -65,8 +67,23 @@ bool Service::set_order(const std::string &device, const OrderChange &change, st
     {
         std::lock_guard<std::mutex> lock(core.mutex);
         Order order = current_order(core, device);
+        OrderChange effective = change;
+        if (change.events_left) {
+            if (*change.events_left < 0) {
+                return fail(error, "events left must not be negative");
+            }
+            // Today's starts stay counted: the allowance grows or shrinks around them.
+            const auto it = core.devices.find(device);
+            const Allowance none;
+            const Allowance &allowance =
+                it == core.devices.end() ? none : it->second.state.allowance;
+            const int32_t today = local_day(core.now());
+            const int64_t started = allowance.day == today ? allowance.events_started : 0;
+            effective.daily_events =
+                static_cast<int32_t>(std::min<int64_t>(started + *change.events_left, INT32_MAX));
+        }
         std::string problem;
-        if (!apply_order_change(&order, change, &problem)) {
+        if (!apply_order_change(&order, effective, &problem)) {
             return fail(error, problem);
         }
         order.aborted = false;

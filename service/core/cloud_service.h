@@ -10,6 +10,7 @@
 #ifndef VEXO_CLOUD_SERVICE_H
 #define VEXO_CLOUD_SERVICE_H
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -27,6 +28,11 @@ struct Request {
     std::map<std::string, std::string> headers; // names in lower case
     std::string body;
 };
+
+/// Hands a request body to sink piece by piece, in order, until the body ends or the sink
+/// returns false. True when the whole body was handed over.
+using BodySink = std::function<bool(const char *data, size_t size)>;
+using BodyReader = std::function<bool(const BodySink &sink)>;
 
 struct Response {
     int32_t status = 500;
@@ -52,6 +58,8 @@ struct OrderChange {
     std::optional<int32_t> slice_duration;
     std::optional<int32_t> silence_interval;
     std::optional<int32_t> daily_events;
+    /// Events left today: sets the daily allowance to today's started events plus this.
+    std::optional<int32_t> events_left;
     std::optional<bool> expired;
 };
 
@@ -97,6 +105,8 @@ struct Options {
     uint64_t max_body = 64ull << 20;
     /// Order given to a device the service has not seen before.
     Order default_order;
+    /// What storage/config answers as "addressSuffix": where the service is reached.
+    std::string address_suffix = "embedded";
 };
 
 class Service {
@@ -113,6 +123,15 @@ class Service {
     /// Answers one device request (storage/config, storage/restriction, api calls, media
     /// upload, alarms). Bad requests get a 4xx with {"error":"..."} and change nothing.
     Response handle(const Request &request);
+
+    /// The same for a request whose body has not been read yet (head.body is ignored):
+    /// content_length is the length the client announced, and read_body hands the body to a
+    /// sink piece by piece. The request is checked before any of the body is read; a refused
+    /// one leaves its body unread. A media upload streams to a temporary file that appears
+    /// under its name only when content_length bytes arrived and were stored; a short or
+    /// long body gets 400 and leaves nothing. Other requests are read whole, up to max_body.
+    Response handle_streamed(const Request &head, uint64_t content_length,
+                             const BodyReader &read_body);
 
     // ---- admin ----
     /// Changes a device's order (creating the device if needed) and publishes it (protocol

@@ -19,8 +19,9 @@ constexpr int32_t kBadRequest = 400;
 
 // ---- exported calls ------------------------------------------------------------------------
 
-Response store_media_upload(ServiceCore &core, const std::string &device,
-                            const std::string &file_name, const std::string &body) {
+Response stream_media_upload(ServiceCore &core, const std::string &device,
+                             const std::string &file_name, uint64_t content_length,
+                             const BodyReader &read_body) {
     const std::optional<uint32_t> start = parse_media_name(file_name);
     if (!start) {
         return error_answer(kBadRequest, "a media file name is <start>_<index>.media");
@@ -28,8 +29,32 @@ Response store_media_upload(ServiceCore &core, const std::string &device,
     // The order's state does not matter: the device decides what it records.
     const std::string dir = core.device_dir(device) + "/" + std::to_string(*start);
     make_directory(dir);
-    write_file_atomic(dir, file_name, body);
+    AtomicFile file(dir, file_name);
+    bool too_long = false;
+    const bool whole = read_body([&](const char *data, size_t size) {
+        if (file.written() + size > content_length) {
+            too_long = true;
+            return false;
+        }
+        file.write(data, size);
+        return true;
+    });
+    if (too_long) {
+        return error_answer(kBadRequest, "body longer than its Content-Length");
+    }
+    if (!whole || file.written() != content_length) {
+        return error_answer(kBadRequest, "upload incomplete: " + std::to_string(file.written()) +
+                                             " of " + std::to_string(content_length) + " bytes");
+    }
+    file.commit();
     return json_answer(kOk, Json::object());
+}
+
+Response store_media_upload(ServiceCore &core, const std::string &device,
+                            const std::string &file_name, const std::string &body) {
+    return stream_media_upload(core, device, file_name, body.size(), [&body](const BodySink &sink) {
+        return body.empty() || sink(body.data(), body.size());
+    });
 }
 
 Response store_alarm_request(ServiceCore &core, const std::string &device,

@@ -45,10 +45,10 @@ class Descriptor {
     int fd_;
 };
 
-void write_all(int fd, const std::string &bytes, const std::string &path) {
+void write_all(int fd, const char *data, size_t size, const std::string &path) {
     size_t done = 0;
-    while (done < bytes.size()) {
-        const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+    while (done < size) {
+        const ssize_t n = ::write(fd, data + done, size - done);
         if (n < 0) {
             if (errno == EINTR) {
                 continue;
@@ -77,21 +77,6 @@ std::string parent_of(const std::string &path) {
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
-/// Writes, syncs and closes the temporary file; the caller removes it on failure.
-void fill_temporary(int fd_value, const std::string &path, const std::string &bytes) {
-    Descriptor fd(fd_value);
-    if (::fchmod(fd.get(), kFileMode) != 0) {
-        fail("cannot set the mode of", path, errno);
-    }
-    write_all(fd.get(), bytes, path);
-    if (::fsync(fd.get()) != 0) {
-        fail("cannot sync", path, errno);
-    }
-    if (!fd.close_checked()) {
-        fail("cannot close", path, errno);
-    }
-}
-
 } // namespace
 
 // ---- exported calls ------------------------------------------------------------------------
@@ -114,27 +99,70 @@ bool make_directory(const std::string &path) {
     return true;
 }
 
-void write_file_atomic(const std::string &dir, const std::string &name, const std::string &bytes) {
+AtomicFile::AtomicFile(const std::string &dir, const std::string &name)
+    : dir_(dir), target_(dir + "/" + name) {
     // The temporary name starts with a dot: directory listings of the service skip it.
     std::string pattern = dir + "/." + name + ".tmp-XXXXXX";
     std::vector<char> buffer(pattern.begin(), pattern.end());
     buffer.push_back('\0');
-    const int fd = ::mkostemp(buffer.data(), O_CLOEXEC);
-    if (fd < 0) {
+    fd_ = ::mkostemp(buffer.data(), O_CLOEXEC);
+    if (fd_ < 0) {
         fail("cannot create a temporary file in", dir, errno);
     }
-    const std::string temporary(buffer.data());
-    const std::string target = dir + "/" + name;
-    try {
-        fill_temporary(fd, temporary, bytes);
-        if (::rename(temporary.c_str(), target.c_str()) != 0) {
-            fail("cannot rename to", target, errno);
-        }
-    } catch (...) {
-        ::unlink(temporary.c_str());
-        throw;
+    temporary_.assign(buffer.data());
+    if (::fchmod(fd_, kFileMode) != 0) {
+        const int error_number = errno;
+        discard();
+        fail("cannot set the mode of", temporary_, error_number);
     }
-    sync_directory(dir);
+}
+
+AtomicFile::~AtomicFile() {
+    discard();
+}
+
+void AtomicFile::discard() {
+    if (fd_ >= 0) {
+        ::close(fd_);
+        fd_ = -1;
+    }
+    if (!committed_ && !temporary_.empty()) {
+        ::unlink(temporary_.c_str());
+        temporary_.clear();
+    }
+}
+
+void AtomicFile::write(const char *data, size_t size) {
+    if (fd_ < 0) {
+        throw FileError("write after the end of " + target_, EBADF);
+    }
+    write_all(fd_, data, size, temporary_);
+    written_ += size;
+}
+
+void AtomicFile::commit() {
+    if (fd_ < 0) {
+        throw FileError("commit after the end of " + target_, EBADF);
+    }
+    Descriptor fd(fd_);
+    fd_ = -1;
+    if (::fsync(fd.get()) != 0) {
+        fail("cannot sync", temporary_, errno);
+    }
+    if (!fd.close_checked()) {
+        fail("cannot close", temporary_, errno);
+    }
+    if (::rename(temporary_.c_str(), target_.c_str()) != 0) {
+        fail("cannot rename to", target_, errno);
+    }
+    committed_ = true;
+    sync_directory(dir_);
+}
+
+void write_file_atomic(const std::string &dir, const std::string &name, const std::string &bytes) {
+    AtomicFile file(dir, name);
+    file.write(bytes.data(), bytes.size());
+    file.commit();
 }
 
 void append_line(const std::string &path, const std::string &line) {
@@ -147,7 +175,8 @@ void append_line(const std::string &path, const std::string &line) {
         fail("cannot stat", path, errno);
     }
     try {
-        write_all(fd.get(), line + "\n", path);
+        const std::string text = line + "\n";
+        write_all(fd.get(), text.data(), text.size(), path);
         if (::fsync(fd.get()) != 0) {
             fail("cannot sync", path, errno);
         }

@@ -4,6 +4,8 @@
 #ifndef VEXO_CLOUD_DURABLE_FILE_H
 #define VEXO_CLOUD_DURABLE_FILE_H
 
+#include <cstddef>
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 
@@ -22,6 +24,32 @@ class FileError : public std::runtime_error {
 /// Creates a directory whose parent exists and fsyncs the parent. True when it was created,
 /// false when it was already there; throws FileError otherwise.
 bool make_directory(const std::string &path);
+
+/// A file written piece by piece that appears under its name only when committed: the
+/// pieces go to a temporary name in dir (skipped by the service's listings), commit() syncs
+/// it, renames it over dir/name and syncs dir. Destroyed without a commit, or after a failed
+/// one, it removes the temporary file. Every failure throws FileError.
+class AtomicFile {
+  public:
+    AtomicFile(const std::string &dir, const std::string &name);
+    ~AtomicFile();
+    AtomicFile(const AtomicFile &) = delete;
+    AtomicFile &operator=(const AtomicFile &) = delete;
+
+    void write(const char *data, size_t size);
+    void commit();
+    uint64_t written() const { return written_; }
+
+  private:
+    void discard();
+
+    std::string dir_;
+    std::string target_;
+    std::string temporary_;
+    int fd_ = -1;
+    bool committed_ = false;
+    uint64_t written_ = 0;
+};
 
 /// Replaces dir/name with bytes: written to a temporary name in dir, fsync'd, renamed over
 /// name, then dir fsync'd. A reader sees the old file or the new one, never a part. On

@@ -92,14 +92,20 @@ bool token_matches(const Request &request, const std::string &token) {
 }
 
 /// The refusal a request gets before its handler runs; nullopt when it may go on.
+Response too_large(const ServiceCore &core) {
+    return error_answer(kPayloadTooLarge,
+                        "body larger than " + std::to_string(core.options.max_body) + " bytes");
+}
+
+/// body_size: the body's length, or the length announced for a body not read yet.
 std::optional<Response> check_request(ServiceCore &core, const Request &request,
-                                      const Target &target, const std::string &device) {
+                                      const Target &target, const std::string &device,
+                                      uint64_t body_size) {
     if (request.method != target.method) {
         return error_answer(kMethodNotAllowed, "method " + request.method + " not allowed");
     }
-    if (request.body.size() > core.options.max_body) {
-        return error_answer(kPayloadTooLarge,
-                            "body larger than " + std::to_string(core.options.max_body) + " bytes");
+    if (body_size > core.options.max_body) {
+        return too_large(core);
     }
     if (request.headers.count(kDeviceHeader) == 0) {
         return error_answer(kBadRequest, "X-Vexo-Device header missing");
@@ -146,10 +152,45 @@ Response route(ServiceCore &core, const Request &request) {
         return error_answer(kNotFound, "no such resource");
     }
     const std::string device = header(request, kDeviceHeader);
-    if (std::optional<Response> refusal = check_request(core, request, *target, device)) {
+    if (std::optional<Response> refusal =
+            check_request(core, request, *target, device, request.body.size())) {
         return *refusal;
     }
     return dispatch(core, request, *target, device);
+}
+
+Response route_streamed(ServiceCore &core, const Request &head, uint64_t content_length,
+                        const BodyReader &read_body) {
+    const std::optional<Target> target = match_path(head.path);
+    if (!target) {
+        return error_answer(kNotFound, "no such resource");
+    }
+    const std::string device = header(head, kDeviceHeader);
+    if (std::optional<Response> refusal =
+            check_request(core, head, *target, device, content_length)) {
+        return *refusal;
+    }
+    if (target->endpoint == Endpoint::kMedia) {
+        return stream_media_upload(core, device, target->name, content_length, read_body);
+    }
+    // Everything else is small: read it whole, within the limit, and answer as usual.
+    Request whole = head;
+    bool too_long = false;
+    const bool complete = read_body([&](const char *data, size_t size) {
+        if (whole.body.size() + size > core.options.max_body) {
+            too_long = true;
+            return false;
+        }
+        whole.body.append(data, size);
+        return true;
+    });
+    if (too_long) {
+        return too_large(core);
+    }
+    if (!complete) {
+        return error_answer(kBadRequest, "request body incomplete");
+    }
+    return dispatch(core, whole, *target, device);
 }
 
 } // namespace
@@ -159,6 +200,17 @@ Response route(ServiceCore &core, const Request &request) {
 Response Service::handle(const Request &request) {
     try {
         return route(impl_->core, request);
+    } catch (const FileError &e) {
+        return storage_failure_answer(e.error_number(), e.what());
+    } catch (const std::exception &e) {
+        return error_answer(kInternalError, e.what());
+    }
+}
+
+Response Service::handle_streamed(const Request &head, uint64_t content_length,
+                                  const BodyReader &read_body) {
+    try {
+        return route_streamed(impl_->core, head, content_length, read_body);
     } catch (const FileError &e) {
         return storage_failure_answer(e.error_number(), e.what());
     } catch (const std::exception &e) {

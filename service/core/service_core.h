@@ -62,9 +62,15 @@ Response answer_storage_restriction(ServiceCore &core, const std::string &device
 Response answer_api_call(ServiceCore &core, const std::string &device, const std::string &api,
                          const std::string &query, const std::string &body);
 
-/// PUT media/<file_name>.
+/// PUT media/<file_name>, the body already read.
 Response store_media_upload(ServiceCore &core, const std::string &device,
                             const std::string &file_name, const std::string &body);
+
+/// PUT media/<file_name>, the body read as it is stored: nothing shows under the file's name
+/// unless exactly content_length bytes arrived and were stored.
+Response stream_media_upload(ServiceCore &core, const std::string &device,
+                             const std::string &file_name, uint64_t content_length,
+                             const BodyReader &read_body);
 
 /// POST alarms.
 Response store_alarm_request(ServiceCore &core, const std::string &device, const std::string &body);

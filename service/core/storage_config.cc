@@ -14,7 +14,6 @@ constexpr int32_t kGone = 410;
 /// Media files are stored by this service itself, under "media/".
 constexpr char kCloudType[] = "local";
 constexpr char kAddressPrefix[] = "media";
-constexpr char kAddressSuffix[] = "embedded";
 
 } // namespace
 
@@ -30,7 +29,7 @@ Response answer_storage_config(ServiceCore &core, const std::string &device) {
     const int32_t left = events_left(order, state.allowance, local_day(core.now()));
     return json_answer(kOk, Json{{"cloudType", kCloudType},
                                  {"addressPrefix", kAddressPrefix},
-                                 {"addressSuffix", kAddressSuffix},
+                                 {"addressSuffix", core.options.address_suffix},
                                  {"storeMode", effective_store_mode(order)},
                                  {"eventDuration", order.event_duration},
                                  {"sliceDuration", order.slice_duration},

@@ -1,0 +1,38 @@
+/// The service's admin interface in HTTP form, under /v1/admin/: an operator (or the camera
+/// simulator) reads and changes device orders, aborts them, and asks a device for a remote
+/// recording or picture. Changes go through the service, which publishes them to the device.
+///
+///   GET  /v1/admin/devices                     {"devices":["D",...]}
+///   GET  /v1/admin/devices/D/order             the order (below)
+///   PUT  /v1/admin/devices/D/order             change: any of "storeMode", "eventDuration",
+///                                              "sliceDuration", "silenceInterval",
+///                                              "dailyEvents", "countLeft", "expired";
+///                                              answers the order
+///   POST /v1/admin/devices/D/abort             answers the order
+///   POST /v1/admin/devices/D/trigger           {"action":"record"|"pic"|"pic_v",
+///                                               "duration":N,"ext":{...}}
+///   GET  /v1/admin/devices/D/recordings        {"recordings":[{"startTime","endTime",
+///                                               "files","bytes","keyMd5"}]}
+///   GET  /v1/admin/devices/D/alarms            {"alarms":[{"time","withPicture","extra",
+///                                               "pictureBytes"}]}
+///
+/// The order: {"storeMode","eventDuration","sliceDuration","silenceInterval","dailyEvents",
+/// "countLeft","expired","aborted"}. Refusals are 4xx with {"error":"..."}.
+#ifndef VEXO_CLOUD_ADMIN_API_H
+#define VEXO_CLOUD_ADMIN_API_H
+
+#include <string>
+
+#include "cloud_service.h"
+
+namespace vexo_cloud {
+
+constexpr char kAdminPrefix[] = "/v1/admin/";
+
+/// Answers one admin request (path starting with kAdminPrefix). token: when not empty, the
+/// request must carry "authorization: Bearer <token>" or gets 401.
+Response handle_admin(Service &service, const Request &request, const std::string &token);
+
+} // namespace vexo_cloud
+
+#endif

@@ -1,0 +1,274 @@
+/// Parsing vexo-cloud's command line into a serve run or one admin request.
+#include "cli_options.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+#include "json_fields.h"
+
+namespace vexo_cloud {
+
+// ---- constants -----------------------------------------------------------------------------
+
+namespace {
+
+constexpr char kUsage[] =
+    "usage:\n"
+    "  vexo-cloud serve --data DIR [--listen HOST:PORT] [--mqtt mqtt://HOST:PORT]\n"
+    "                   [--token DEVICE=TOKEN ...] [--admin-token TOKEN]\n"
+    "                   [--tls-cert FILE --tls-key FILE] [--max-body BYTES] [--quiet]\n"
+    "      Serves the devices' cloud protocol and the admin interface. --listen defaults to\n"
+    "      127.0.0.1:8080 (port 0: any free port; the line \"vexo-cloud: listening on URL\"\n"
+    "      says which). With --token, devices must send their bearer token.\n"
+    "\n"
+    "  vexo-cloud order DEVICE [--store-mode alltime|event|none] [--event-duration S]\n"
+    "                   [--slice S] [--silence S] [--daily N] [--count-left N]\n"
+    "                   [--expired yes|no]         show or change a device's order\n"
+    "  vexo-cloud abort DEVICE                     abort the device's order\n"
+    "  vexo-cloud trigger DEVICE record|pic|pic_v [--duration S] [--ext JSON]\n"
+    "                                              ask for a remote recording or picture\n"
+    "  vexo-cloud recordings DEVICE | alarms DEVICE | devices\n"
+    "      Admin commands talk to a running service: --server URL (default\n"
+    "      $VEXO_CLOUD_URL or http://127.0.0.1:8080), --admin-token TOKEN, --ca FILE.\n";
+
+// ---- helpers -------------------------------------------------------------------------------
+
+std::nullopt_t fail(const std::string &message) {
+    std::fprintf(stderr, "vexo-cloud: %s\n%s", message.c_str(), kUsage);
+    return std::nullopt;
+}
+
+bool parse_int(const std::string &text, int64_t low, int64_t high, int64_t *out) {
+    if (text.empty() || text.size() > 12) {
+        return false;
+    }
+    char *end = nullptr;
+    const long long value = std::strtoll(text.c_str(), &end, 10);
+    if (*end != '\0' || value < low || value > high) {
+        return false;
+    }
+    *out = value;
+    return true;
+}
+
+std::optional<Command> parse_serve(const std::vector<std::string> &args) {
+    Command command;
+    command.serve = true;
+    ServeOptions &o = command.serve_options;
+    std::string listen = "127.0.0.1:8080";
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string &arg = args[i];
+        if (arg == "--quiet") {
+            o.http.access_log = false;
+            continue;
+        }
+        if (i + 1 >= args.size()) {
+            return fail(arg.rfind("--", 0) == 0 ? "missing value for " + arg
+                                                : "unexpected argument " + arg);
+        }
+        const std::string &value = args[++i];
+        if (arg == "--data") {
+            o.data_dir = value;
+        } else if (arg == "--listen") {
+            listen = value;
+        } else if (arg == "--mqtt") {
+            o.mqtt_url = value;
+        } else if (arg == "--token") {
+            const size_t equals = value.find('=');
+            if (equals == std::string::npos || equals == 0 || equals + 1 == value.size()) {
+                return fail("--token takes DEVICE=TOKEN");
+            }
+            o.tokens[value.substr(0, equals)] = value.substr(equals + 1);
+        } else if (arg == "--admin-token") {
+            o.http.admin_token = value;
+        } else if (arg == "--tls-cert") {
+            o.http.tls_cert = value;
+        } else if (arg == "--tls-key") {
+            o.http.tls_key = value;
+        } else if (arg == "--max-body") {
+            int64_t bytes = 0;
+            if (!parse_int(value, 1, int64_t{1} << 40, &bytes)) {
+                return fail("--max-body takes a number of bytes");
+            }
+            o.http.max_body = static_cast<uint64_t>(bytes);
+        } else {
+            return fail("unknown option " + arg);
+        }
+    }
+    if (o.data_dir.empty()) {
+        return fail("serve needs --data DIR");
+    }
+    if (!parse_listen(listen, &o.http.host, &o.http.port)) {
+        return fail("--listen takes HOST:PORT, not \"" + listen + "\"");
+    }
+    if (o.http.tls_cert.empty() != o.http.tls_key.empty()) {
+        return fail("--tls-cert and --tls-key go together");
+    }
+    return command;
+}
+
+/// The order members the "order" command's options set.
+bool order_member(const std::string &arg, const std::string &value, Json *change,
+                  std::string *error) {
+    struct Number {
+        const char *option;
+        const char *member;
+    };
+    static const Number kNumbers[] = {{"--event-duration", "eventDuration"},
+                                      {"--slice", "sliceDuration"},
+                                      {"--silence", "silenceInterval"},
+                                      {"--daily", "dailyEvents"},
+                                      {"--count-left", "countLeft"}};
+    if (arg == "--store-mode") {
+        (*change)["storeMode"] = value;
+        return true;
+    }
+    if (arg == "--expired") {
+        if (value != "yes" && value != "no") {
+            *error = "--expired takes yes or no";
+            return false;
+        }
+        (*change)["expired"] = value == "yes";
+        return true;
+    }
+    for (const Number &n : kNumbers) {
+        if (arg == n.option) {
+            int64_t number = 0;
+            if (!parse_int(value, INT32_MIN, INT32_MAX, &number)) {
+                *error = arg + " takes a whole number";
+                return false;
+            }
+            (*change)[n.member] = number;
+            return true;
+        }
+    }
+    *error = "unknown option " + arg;
+    return false;
+}
+
+std::optional<Command> parse_admin(const std::string &verb, const std::vector<std::string> &args) {
+    Command command;
+    AdminCommand &a = command.admin;
+    if (const char *url = std::getenv("VEXO_CLOUD_URL"); url != nullptr && *url != '\0') {
+        a.server = url;
+    }
+    std::vector<std::string> words;
+    Json change = Json::object();
+    Json trigger = Json::object();
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string &arg = args[i];
+        if (arg.rfind("--", 0) != 0) {
+            words.push_back(arg);
+            continue;
+        }
+        if (i + 1 >= args.size()) {
+            return fail("missing value for " + arg);
+        }
+        const std::string &value = args[++i];
+        std::string error;
+        if (arg == "--server") {
+            a.server = value;
+        } else if (arg == "--admin-token") {
+            a.admin_token = value;
+        } else if (arg == "--ca") {
+            a.ca_file = value;
+        } else if (verb == "trigger" && arg == "--duration") {
+            int64_t seconds = 0;
+            if (!parse_int(value, INT32_MIN, INT32_MAX, &seconds)) {
+                return fail("--duration takes a number of seconds");
+            }
+            trigger["duration"] = seconds;
+        } else if (verb == "trigger" && arg == "--ext") {
+            const Json ext = Json::parse(value, nullptr, false);
+            if (ext.is_discarded()) {
+                return fail("--ext takes JSON, e.g. {\"user\":\"u1\"}");
+            }
+            trigger["ext"] = ext;
+        } else if (verb == "order") {
+            if (!order_member(arg, value, &change, &error)) {
+                return fail(error);
+            }
+        } else {
+            return fail("unknown option " + arg + " for " + verb);
+        }
+    }
+    const size_t wanted = verb == "devices" ? 0 : verb == "trigger" ? 2 : 1;
+    if (words.size() != wanted) {
+        return fail(verb + " takes " +
+                    (wanted == 0   ? "no device"
+                     : wanted == 1 ? "a device"
+                                   : "a device and an action"));
+    }
+    const std::string device_path = wanted == 0 ? "" : "/v1/admin/devices/" + words[0];
+    if (verb == "devices") {
+        a.method = "GET";
+        a.path = "/v1/admin/devices";
+    } else if (verb == "order") {
+        a.method = change.empty() ? "GET" : "PUT";
+        a.path = device_path + "/order";
+        a.body = change.empty() ? "" : to_text(change);
+    } else if (verb == "abort") {
+        a.method = "POST";
+        a.path = device_path + "/abort";
+        a.body = "{}";
+    } else if (verb == "trigger") {
+        trigger["action"] = words[1];
+        if (!trigger.contains("duration")) {
+            trigger["duration"] = words[1] == "pic" ? 0 : 30;
+        }
+        a.method = "POST";
+        a.path = device_path + "/trigger";
+        a.body = to_text(trigger);
+    } else {
+        a.method = "GET";
+        a.path = device_path + "/" + verb;
+    }
+    return command;
+}
+
+} // namespace
+
+// ---- exported calls ------------------------------------------------------------------------
+
+bool parse_listen(const std::string &text, std::string *host, uint16_t *port) {
+    const size_t colon = text.rfind(':');
+    if (colon == std::string::npos || colon == 0) {
+        return false;
+    }
+    int64_t number = 0;
+    if (!parse_int(text.substr(colon + 1), 0, 65535, &number)) {
+        return false;
+    }
+    *host = text.substr(0, colon);
+    *port = static_cast<uint16_t>(number);
+    return true;
+}
+
+std::optional<Command> parse_command_line(int argc, char **argv, bool *exit_now) {
+    *exit_now = false;
+    std::vector<std::string> args(argv + 1, argv + argc);
+    for (const std::string &arg : args) {
+        if (arg == "--help" || arg == "-h") {
+            std::printf("%s", kUsage);
+            *exit_now = true;
+            return Command{};
+        }
+    }
+    if (args.empty()) {
+        return fail("no command given");
+    }
+    const std::string verb = args.front();
+    args.erase(args.begin());
+    if (verb == "serve") {
+        return parse_serve(args);
+    }
+    for (const char *admin : {"order", "abort", "trigger", "recordings", "alarms", "devices"}) {
+        if (verb == admin) {
+            return parse_admin(verb, args);
+        }
+    }
+    return fail("unknown command " + verb);
+}
+
+} // namespace vexo_cloud

@@ -1,0 +1,47 @@
+/// The command line of vexo-cloud: "serve" runs the service; the admin commands ("order",
+/// "abort", "trigger", "recordings", "alarms", "devices") call a running service's admin
+/// interface.
+#ifndef VEXO_CLOUD_CLI_OPTIONS_H
+#define VEXO_CLOUD_CLI_OPTIONS_H
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "http_server.h"
+
+namespace vexo_cloud {
+
+struct ServeOptions {
+    std::string data_dir;
+    HttpOptions http;
+    std::string mqtt_url;                      ///< empty: nothing is published
+    std::map<std::string, std::string> tokens; ///< device -> bearer token
+};
+
+struct AdminCommand {
+    std::string server = "http://127.0.0.1:8080";
+    std::string admin_token;
+    std::string ca_file; ///< for an https server with its own certificate
+    std::string method;  ///< of the admin request
+    std::string path;    ///< below the server, e.g. "/v1/admin/devices/D/order"
+    std::string body;    ///< JSON, or empty
+};
+
+struct Command {
+    bool serve = false;
+    ServeOptions serve_options;
+    AdminCommand admin;
+};
+
+/// Parses argv; nullopt after printing the reason and the usage (exit status 2). Sets
+/// *exit_now after printing the usage for --help (exit status 0).
+std::optional<Command> parse_command_line(int argc, char **argv, bool *exit_now);
+
+/// "HOST:PORT" split; false for anything else. Port 0 asks for any free port.
+bool parse_listen(const std::string &text, std::string *host, uint16_t *port);
+
+} // namespace vexo_cloud
+
+#endif

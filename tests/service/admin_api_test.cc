@@ -1,0 +1,149 @@
+/// The admin interface in HTTP form: order changes (partial, validated, published), abort,
+/// triggers, listings, the admin token, and refusals that change nothing.
+#include "service/http/admin_api.h"
+#include "service_fixture.h"
+
+namespace service_test {
+namespace {
+
+using vexo_cloud::Request;
+using vexo_cloud::Response;
+
+class AdminApiTest : public ServiceTest {
+  protected:
+    static Request admin(const std::string &method, const std::string &path,
+                         const std::string &body = "") {
+        Request r;
+        r.method = method;
+        r.path = "/v1/admin/" + path;
+        r.body = body;
+        return r;
+    }
+    Response call(vexo_cloud::Service &service, const Request &r, const std::string &token = "") {
+        return vexo_cloud::handle_admin(service, r, token);
+    }
+};
+
+TEST_F(AdminApiTest, OrderChangesArePartialPublishedAndAnsweredByStorageConfig) {
+    auto service = start_service();
+    auto answer = call(*service, admin("PUT", "devices/cam1/order",
+                                       R"({"storeMode":"alltime","sliceDuration":20})"));
+    ASSERT_EQ(answer.status, 200) << answer.body;
+    EXPECT_EQ(body_of(answer)["storeMode"], "alltime");
+    EXPECT_EQ(body_of(answer)["sliceDuration"], 20);
+
+    answer = call(*service, admin("PUT", "devices/cam1/order", R"({"expired":true})"));
+    ASSERT_EQ(answer.status, 200) << answer.body;
+    EXPECT_EQ(body_of(answer)["storeMode"], "alltime"); // untouched by a partial change
+    EXPECT_EQ(body_of(answer)["expired"], true);
+    EXPECT_EQ(get_config(*service, "cam1").status, 410);
+
+    call(*service, admin("PUT", "devices/cam1/order", R"({"expired":false})"));
+    const Json config = body_of(get_config(*service, "cam1"));
+    EXPECT_EQ(config["storeMode"], "alltime");
+    EXPECT_EQ(config["sliceDuration"], 20);
+
+    const auto messages = published();
+    ASSERT_EQ(messages.size(), 3u);
+    for (const auto &m : messages) {
+        EXPECT_EQ(m.first, "cam1");
+        EXPECT_EQ(Json::parse(m.second)["protocol"], 300);
+    }
+}
+
+TEST_F(AdminApiTest, CountLeftSetsWhatIsLeftTodayAroundTheStartsAlreadyMade) {
+    auto service = start_service();
+    call(*service, admin("PUT", "devices/cam1/order", R"({"storeMode":"event","dailyEvents":5})"));
+    start(*service, "cam1", kNoon, kNoKeyMd5);
+    start(*service, "cam1", kNoon + 100, kNoKeyMd5);
+    EXPECT_EQ(body_of(get_config(*service, "cam1"))["countLeft"], 3);
+    const auto answer = call(*service, admin("PUT", "devices/cam1/order", R"({"countLeft":1})"));
+    ASSERT_EQ(answer.status, 200) << answer.body;
+    EXPECT_EQ(body_of(answer)["dailyEvents"], 3);
+    EXPECT_EQ(body_of(get_config(*service, "cam1"))["countLeft"], 1);
+    EXPECT_EQ(call(*service, admin("PUT", "devices/cam1/order", R"({"countLeft":-1})")).status,
+              400);
+}
+
+TEST_F(AdminApiTest, AbortAndTriggerArePublishedInTheirProtocolForm) {
+    auto service = start_service();
+    add_device(*service, "cam1");
+    auto answer = call(*service, admin("POST", "devices/cam1/abort", "{}"));
+    ASSERT_EQ(answer.status, 200) << answer.body;
+    EXPECT_EQ(body_of(answer)["aborted"], true);
+    EXPECT_EQ(body_of(get_config(*service, "cam1"))["storeMode"], "none");
+
+    answer = call(*service, admin("POST", "devices/cam1/trigger",
+                                  R"({"action":"pic_v","duration":15,"ext":{"user":"u1"}})"));
+    ASSERT_EQ(answer.status, 200) << answer.body;
+    const auto messages = published();
+    ASSERT_EQ(messages.size(), 3u); // the order that made the device, the abort, the trigger
+    EXPECT_EQ(Json::parse(messages[1].second),
+              Json::parse(R"({"protocol":300,"data":{"action":"abort"}})"));
+    EXPECT_EQ(Json::parse(messages[2].second),
+              Json::parse(R"({"protocol":307,"data":{"action":"pic_v","duration":15,
+                              "ext":{"user":"u1"}}})"));
+}
+
+TEST_F(AdminApiTest, RefusalsAre4xxWithAnErrorAndChangeNothing) {
+    auto service = start_service();
+    add_device(*service, "cam1");
+    const auto before = snapshot();
+    const size_t published_before = published().size();
+    const std::pair<Request, int32_t> cases[] = {
+        {admin("PUT", "devices/cam1/order", "{\"storeMode\":"), 400},
+        {admin("PUT", "devices/cam1/order", "[]"), 400},
+        {admin("PUT", "devices/cam1/order", R"({"colour":"red"})"), 400},
+        {admin("PUT", "devices/cam1/order", R"({"eventDuration":"30"})"), 400},
+        {admin("PUT", "devices/cam1/order", R"({"eventDuration":-4})"), 400},
+        {admin("PUT", "devices/../order", R"({"storeMode":"event"})"), 400},
+        {admin("POST", "devices/ghost/abort", "{}"), 404},
+        {admin("POST", "devices/ghost/trigger", R"({"action":"record","duration":5})"), 404},
+        {admin("POST", "devices/cam1/trigger", R"({"action":"dance","duration":5})"), 400},
+        {admin("POST", "devices/cam1/trigger", R"({"action":"record","duration":0})"), 400},
+        {admin("POST", "devices/cam1/trigger", R"({"duration":5})"), 400},
+        {admin("GET", "devices/ghost/order"), 404},
+        {admin("GET", "devices/cam1/colour"), 404},
+        {admin("DELETE", "devices/cam1/order"), 405},
+        {admin("POST", "devices"), 405},
+    };
+    for (const auto &c : cases) {
+        const Response answer = call(*service, c.first);
+        EXPECT_EQ(answer.status, c.second)
+            << c.first.method << " " << c.first.path << " " << c.first.body;
+        EXPECT_TRUE(body_of(answer).contains("error")) << answer.body;
+    }
+    EXPECT_EQ(snapshot(), before);
+    EXPECT_EQ(published().size(), published_before);
+}
+
+TEST_F(AdminApiTest, AdminTokenIsRequiredWhenSet) {
+    auto service = start_service();
+    Request change = admin("PUT", "devices/cam1/order", R"({"storeMode":"event"})");
+    EXPECT_EQ(call(*service, change, "s3cret").status, 401);
+    change.headers["authorization"] = "Bearer wrong!";
+    EXPECT_EQ(call(*service, change, "s3cret").status, 401);
+    EXPECT_TRUE(service->devices().empty());
+    change.headers["authorization"] = "Bearer s3cret";
+    EXPECT_EQ(call(*service, change, "s3cret").status, 200);
+}
+
+TEST_F(AdminApiTest, ListingsShowRecordingsAndAlarms) {
+    auto service = start_service();
+    add_device(*service, "cam1");
+    start(*service, "cam1", kNoon, kNoKeyMd5);
+    ASSERT_EQ(put_media(*service, "cam1", "1710072000_0000.media", "12345").status, 200);
+    auto recordings = body_of(call(*service, admin("GET", "devices/cam1/recordings")));
+    ASSERT_EQ(recordings["recordings"].size(), 1u);
+    EXPECT_EQ(recordings["recordings"][0]["startTime"], kNoon);
+    EXPECT_EQ(recordings["recordings"][0]["files"], 1);
+    EXPECT_EQ(recordings["recordings"][0]["bytes"], 5);
+    EXPECT_EQ(recordings["recordings"][0]["endTime"], 0);
+    auto devices = body_of(call(*service, admin("GET", "devices")));
+    EXPECT_EQ(devices["devices"], Json::array({"cam1"}));
+    auto alarms = body_of(call(*service, admin("GET", "devices/cam1/alarms")));
+    EXPECT_TRUE(alarms["alarms"].empty());
+}
+
+} // namespace
+} // namespace service_test
