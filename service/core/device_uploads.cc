@@ -26,10 +26,11 @@ Response stream_media_upload(ServiceCore &core, const std::string &device,
     if (!start) {
         return error_answer(kBadRequest, "a media file name is <start>_<index>.media");
     }
-    // The order's state does not matter: the device decides what it records.
+    // The order's state does not matter: the device decides what it records. The bytes
+    // wait in the device's directory; the recording's directory and the file appear only
+    // when all of them arrived.
     const std::string dir = core.device_dir(device) + "/" + std::to_string(*start);
-    make_directory(dir);
-    AtomicFile file(dir, file_name);
+    AtomicFile file(core.device_dir(device), file_name, dir);
     bool too_long = false;
     const bool whole = read_body([&](const char *data, size_t size) {
         if (file.written() + size > content_length) {
@@ -46,6 +47,7 @@ Response stream_media_upload(ServiceCore &core, const std::string &device,
         return error_answer(kBadRequest, "upload incomplete: " + std::to_string(file.written()) +
                                              " of " + std::to_string(content_length) + " bytes");
     }
+    make_directory(dir);
     file.commit();
     return json_answer(kOk, Json::object());
 }

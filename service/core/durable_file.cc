@@ -100,7 +100,11 @@ bool make_directory(const std::string &path) {
 }
 
 AtomicFile::AtomicFile(const std::string &dir, const std::string &name)
-    : dir_(dir), target_(dir + "/" + name) {
+    : AtomicFile(dir, name, dir) {}
+
+AtomicFile::AtomicFile(const std::string &dir, const std::string &name,
+                       const std::string &target_dir)
+    : dir_(dir), target_dir_(target_dir), target_(target_dir + "/" + name) {
     // The temporary name starts with a dot: directory listings of the service skip it.
     std::string pattern = dir + "/." + name + ".tmp-XXXXXX";
     std::vector<char> buffer(pattern.begin(), pattern.end());
@@ -156,7 +160,10 @@ void AtomicFile::commit() {
         fail("cannot rename to", target_, errno);
     }
     committed_ = true;
-    sync_directory(dir_);
+    sync_directory(target_dir_);
+    if (target_dir_ != dir_) {
+        sync_directory(dir_);
+    }
 }
 
 void write_file_atomic(const std::string &dir, const std::string &name, const std::string &bytes) {

@@ -26,12 +26,14 @@ class FileError : public std::runtime_error {
 bool make_directory(const std::string &path);
 
 /// A file written piece by piece that appears under its name only when committed: the
-/// pieces go to a temporary name in dir (skipped by the service's listings), commit() syncs
-/// it, renames it over dir/name and syncs dir. Destroyed without a commit, or after a failed
+/// pieces go to a temporary name in dir (a dot name, skipped by the service's listings);
+/// commit() syncs it, renames it over target_dir/name (target_dir on the same file system,
+/// by default dir) and syncs the directories. Destroyed without a commit, or after a failed
 /// one, it removes the temporary file. Every failure throws FileError.
 class AtomicFile {
   public:
     AtomicFile(const std::string &dir, const std::string &name);
+    AtomicFile(const std::string &dir, const std::string &name, const std::string &target_dir);
     ~AtomicFile();
     AtomicFile(const AtomicFile &) = delete;
     AtomicFile &operator=(const AtomicFile &) = delete;
@@ -44,6 +46,7 @@ class AtomicFile {
     void discard();
 
     std::string dir_;
+    std::string target_dir_;
     std::string target_;
     std::string temporary_;
     int fd_ = -1;
