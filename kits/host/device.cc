@@ -128,8 +128,13 @@ int32_t mqtt_attach(uint32_t protocol, vexo_mqtt_handler_t handler) {
     if (handler == nullptr) {
         return -1;
     }
-    std::lock_guard<std::mutex> lock(hostkit::g_mu);
-    hostkit::g_handlers[protocol] = handler;
+    {
+        std::lock_guard<std::mutex> lock(hostkit::g_mu);
+        hostkit::g_handlers[protocol] = handler;
+    }
+    // A network client connects now, so that the commands its broker kept for the camera
+    // find their handler.
+    hostkit::internal::mqtt_net_connect();
     return 0;
 }
 

@@ -31,6 +31,7 @@ void count_upload(const std::string &name, uint64_t bytes, bool ok);
 void count_api_post();
 void count_alarm();
 void count_mqtt();
+void set_mqtt_connected(bool connected);
 void count_frame_pushed();
 void count_frames_overwritten(uint64_t n);
 
@@ -42,6 +43,12 @@ void seq_log_stop();
 void ring_reset(const Options &options);
 void mqtt_start();
 void mqtt_stop();
+/// The network MQTT client (mqtt_client.cc), when Options::mqtt_url is set: made by start()
+/// (false with *error for a bad URL), connected when the module attaches its first handler,
+/// ended by stop() before the handlers are forgotten.
+bool mqtt_net_start(const Options &options, std::string *error);
+void mqtt_net_connect();
+void mqtt_net_stop();
 void device_reset();
 
 } // namespace hostkit::internal

@@ -32,6 +32,11 @@ struct Options {
     std::shared_ptr<CloudTransport> cloud;
     /// Sent as "Authorization: Bearer <token>" with every cloud request when not empty.
     std::string device_token;
+    /// The MQTT broker the cloud's commands come from, "mqtt://host[:port]" (default port
+    /// 1883); empty: none (an embedded cloud delivers them with mqtt_deliver). The kit
+    /// subscribes to "vexo/<device_id>/cmd" with QoS 1 and keeps its session across
+    /// reconnects; it connects once the module has attached its first MQTT handler.
+    std::string mqtt_url;
     /// Seconds of frames each ring-buffer stream holds.
     uint32_t ring_seconds = 10;
     /// A reader further than this behind the live end is "delayed" (if_delay), ms of stream
@@ -42,10 +47,11 @@ struct Options {
 };
 
 /// Starts the kit with these options; call before any module call. 0 on success, -1 with an
-/// error on stderr when an option is invalid or the data directory cannot be made.
+/// error on stderr when an option is invalid (a bad mqtt_url included) or the data directory
+/// cannot be made. A broker that is not reachable yet is not an error: the kit keeps trying.
 int32_t start(const Options &options);
-/// Stops the kit's own threads (MQTT dispatcher) and forgets readers, handlers and streams.
-/// Call after the module is uninitialised.
+/// Stops the kit's own threads (MQTT dispatcher, MQTT client) and forgets readers, handlers
+/// and streams; no MQTT handler runs once it returns. Call after the module is uninitialised.
 void stop();
 
 // ---- clock ----
@@ -84,6 +90,8 @@ struct Counters {
     uint64_t api_posts = 0; ///< notifications sent
     uint64_t alarms = 0;
     uint64_t mqtt_messages = 0; ///< dispatched to a handler
+    /// The MQTT client is connected to its broker and subscribed to its command topic.
+    bool mqtt_connected = false;
     uint64_t frames_pushed = 0;
     uint64_t frames_overwritten = 0; ///< fell out of the ring before a reader got them
     std::string last_upload;         ///< file name of the newest accepted upload

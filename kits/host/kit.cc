@@ -93,6 +93,11 @@ void count_mqtt() {
     ++g_counters.mqtt_messages;
 }
 
+void set_mqtt_connected(bool connected) {
+    std::lock_guard<std::mutex> lock(g_mu);
+    g_counters.mqtt_connected = connected;
+}
+
 void count_frame_pushed() {
     std::lock_guard<std::mutex> lock(g_mu);
     ++g_counters.frames_pushed;
@@ -128,10 +133,18 @@ int32_t start(const Options &options) {
                      options.ring_seconds);
         return -1;
     }
+    // The MQTT client is made (not connected yet) before anything is written: a bad URL
+    // leaves everything as it was.
+    std::string mqtt_error;
+    if (!internal::mqtt_net_start(options, &mqtt_error)) {
+        std::fprintf(stderr, "hostkit: mqtt: %s\n", mqtt_error.c_str());
+        return -1;
+    }
     if (options.data_dir.empty() || !make_dirs(options.data_dir) ||
         !make_dirs(options.data_dir + "/kv")) {
         std::fprintf(stderr, "hostkit: cannot make data directory '%s': %s\n",
                      options.data_dir.c_str(), std::strerror(errno));
+        internal::mqtt_net_stop();
         return -1;
     }
     {
@@ -156,6 +169,7 @@ void stop() {
     if (!internal::started()) {
         return;
     }
+    internal::mqtt_net_stop();
     internal::mqtt_stop();
     internal::ring_reset(g_options);
     internal::device_reset();

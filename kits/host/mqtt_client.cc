@@ -1,0 +1,266 @@
+// The kit's MQTT client on libmosquitto. The client runs the network loop on a thread of its
+// own (mosquitto_loop with a short wait) rather than the library's thread: connecting is
+// non-blocking and the thread checks its stop flag between steps, so stopping takes at most
+// one step, whatever state the connection is in.
+#include "mqtt_client.h"
+
+#include <mosquitto.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+#include "host_internal.h"
+
+namespace hostkit {
+namespace {
+
+constexpr int kQos = 1;
+/// Long enough for a command handler that makes a cloud call (up to 30 s) without the
+/// broker taking the client for gone.
+constexpr int kKeepaliveS = 60;
+constexpr int kLoopWaitMs = 100;
+constexpr uint32_t kMaxRetryDelayS = 10;
+/// Commands are small JSON objects; anything larger is dropped unread.
+constexpr int kMaxPayload = 64 * 1024;
+
+std::string error_text(int rc, int saved_errno) {
+    if (rc == MOSQ_ERR_ERRNO) {
+        return std::strerror(saved_errno);
+    }
+    return mosquitto_strerror(rc);
+}
+
+} // namespace
+
+std::unique_ptr<MqttClient> MqttClient::create(const MqttAddress &address,
+                                               const std::string &device_id, std::string *error) {
+    mosquitto_lib_init();
+    const std::string client_id = "vexo-cam-" + device_id;
+    // clean_session false: the broker keeps the subscription and queues QoS 1 commands
+    // while the camera is away.
+    mosquitto *mosq = mosquitto_new(client_id.c_str(), false, nullptr);
+    if (mosq == nullptr) {
+        *error = std::string("cannot create an MQTT client: ") + std::strerror(errno);
+        mosquitto_lib_cleanup();
+        return nullptr;
+    }
+    mosquitto_int_option(mosq, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V311);
+    std::unique_ptr<MqttClient> client(new MqttClient(address, device_id, mosq));
+    mosquitto_user_data_set(mosq, client.get());
+    mosquitto_connect_callback_set(mosq, on_connect);
+    mosquitto_disconnect_callback_set(mosq, on_disconnect);
+    mosquitto_subscribe_callback_set(mosq, on_subscribe);
+    mosquitto_message_callback_set(mosq, on_message);
+    client->thread_ = std::thread(&MqttClient::run, client.get());
+    return client;
+}
+
+MqttClient::MqttClient(const MqttAddress &address, const std::string &device_id, mosquitto *mosq)
+    : address_(address), topic_(topic_for(device_id)), mosq_(mosq) {}
+
+MqttClient::~MqttClient() {
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        stop_ = true;
+    }
+    cv_.notify_all();
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+    mosquitto_destroy(mosq_);
+    mosquitto_lib_cleanup();
+    internal::set_mqtt_connected(false);
+}
+
+void MqttClient::connect() {
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        go_ = true;
+    }
+    cv_.notify_all();
+}
+
+bool MqttClient::stopping() {
+    std::lock_guard<std::mutex> lock(mu_);
+    return stop_;
+}
+
+bool MqttClient::wait_before_retry() {
+    const uint32_t delay_s = retry_delay_s_;
+    retry_delay_s_ = std::min(retry_delay_s_ * 2, kMaxRetryDelayS);
+    std::unique_lock<std::mutex> lock(mu_);
+    return !cv_.wait_for(lock, std::chrono::seconds(delay_s), [this] { return stop_; });
+}
+
+void MqttClient::note_failure(const char *what, int rc, int saved_errno) {
+    // One line per outage, not one per attempt.
+    if (!outage_logged_) {
+        internal::log_error("mqtt: %s %s:%u: %s; retrying every %u..%u s", what,
+                            address_.host.c_str(), static_cast<unsigned>(address_.port),
+                            error_text(rc, saved_errno).c_str(), 1u, kMaxRetryDelayS);
+        outage_logged_ = true;
+    }
+}
+
+void MqttClient::run() {
+    {
+        std::unique_lock<std::mutex> lock(mu_);
+        cv_.wait(lock, [this] { return go_ || stop_; });
+    }
+    bool socket_open = false;
+    while (!stopping()) {
+        if (!socket_open) {
+            errno = 0;
+            const int rc =
+                mosquitto_connect_async(mosq_, address_.host.c_str(), address_.port, kKeepaliveS);
+            if (rc != MOSQ_ERR_SUCCESS) {
+                note_failure("cannot connect to", rc, errno);
+                if (!wait_before_retry()) {
+                    break;
+                }
+                continue;
+            }
+            socket_open = true;
+        }
+        errno = 0;
+        const int rc = mosquitto_loop(mosq_, kLoopWaitMs, 1);
+        if (rc != MOSQ_ERR_SUCCESS) {
+            // The connection failed or was lost; the library has closed the socket.
+            socket_open = false;
+            note_failure("no connection to", rc, errno);
+            if (!wait_before_retry()) {
+                break;
+            }
+        }
+    }
+    if (socket_open) {
+        mosquitto_disconnect(mosq_);
+        // Let the DISCONNECT go out; a broker that does not answer does not hold us up.
+        for (int i = 0; i < 5 && mosquitto_loop(mosq_, 20, 1) == MOSQ_ERR_SUCCESS; ++i) {
+        }
+    }
+}
+
+void MqttClient::on_connect(mosquitto *mosq, void *self, int rc) {
+    MqttClient *client = static_cast<MqttClient *>(self);
+    if (rc != 0) {
+        if (!client->outage_logged_) {
+            internal::log_error("mqtt: the broker at %s:%u refused the connection: %s",
+                                client->address_.host.c_str(),
+                                static_cast<unsigned>(client->address_.port),
+                                mosquitto_connack_string(rc));
+            client->outage_logged_ = true;
+        }
+        return;
+    }
+    client->connected_ = true;
+    client->outage_logged_ = false;
+    client->retry_delay_s_ = 1;
+    internal::log_debug("mqtt: connected to %s:%u", client->address_.host.c_str(),
+                        static_cast<unsigned>(client->address_.port));
+    // Every connection subscribes again: a broker that lost the session still gets it.
+    const int sub = mosquitto_subscribe(mosq, nullptr, client->topic_.c_str(), kQos);
+    if (sub != MOSQ_ERR_SUCCESS) {
+        internal::log_error("mqtt: cannot subscribe to %s: %s", client->topic_.c_str(),
+                            mosquitto_strerror(sub));
+    }
+}
+
+void MqttClient::on_disconnect(mosquitto *, void *self, int rc) {
+    MqttClient *client = static_cast<MqttClient *>(self);
+    if (!client->connected_) {
+        return; // a connection attempt that failed: reported by the loop
+    }
+    client->connected_ = false;
+    internal::set_mqtt_connected(false);
+    if (rc == 0) {
+        internal::log_debug("mqtt: disconnected from %s:%u", client->address_.host.c_str(),
+                            static_cast<unsigned>(client->address_.port));
+    } else {
+        internal::log_error("mqtt: lost the connection to %s:%u: %s; reconnecting",
+                            client->address_.host.c_str(),
+                            static_cast<unsigned>(client->address_.port), mosquitto_strerror(rc));
+        client->outage_logged_ = true;
+    }
+}
+
+void MqttClient::on_subscribe(mosquitto *, void *self, int, int count, const int *granted) {
+    MqttClient *client = static_cast<MqttClient *>(self);
+    if (count < 1 || granted == nullptr || granted[0] > kQos) {
+        internal::log_error("mqtt: the broker refused the subscription to %s",
+                            client->topic_.c_str());
+        return;
+    }
+    // Connected for the kit's users means commands can arrive now.
+    internal::set_mqtt_connected(true);
+    internal::log_debug("mqtt: subscribed to %s (QoS %d)", client->topic_.c_str(), granted[0]);
+}
+
+void MqttClient::on_message(mosquitto *, void *self, const mosquitto_message *message) {
+    MqttClient *client = static_cast<MqttClient *>(self);
+    if (message == nullptr || message->topic == nullptr || client->topic_ != message->topic) {
+        internal::log_error("mqtt: dropped a message on topic %s",
+                            message != nullptr && message->topic != nullptr ? message->topic
+                                                                            : "(none)");
+        return;
+    }
+    if (message->payloadlen < 0 || message->payloadlen > kMaxPayload) {
+        internal::log_error("mqtt: dropped a message of %d bytes (over %d)", message->payloadlen,
+                            kMaxPayload);
+        return;
+    }
+    try {
+        mqtt_dispatch(std::string(static_cast<const char *>(message->payload),
+                                  static_cast<size_t>(message->payloadlen)));
+    } catch (...) {
+        internal::log_error("mqtt: dropped a message: out of memory");
+    }
+}
+
+// ---- the kit's client, from start() to stop() ----
+
+namespace {
+std::mutex g_client_mu;
+std::unique_ptr<MqttClient> g_client;
+} // namespace
+
+namespace internal {
+
+bool mqtt_net_start(const Options &options, std::string *error) {
+    if (options.mqtt_url.empty()) {
+        return true;
+    }
+    MqttAddress address;
+    if (!parse_mqtt_url(options.mqtt_url, &address, error)) {
+        return false;
+    }
+    std::unique_ptr<MqttClient> client = MqttClient::create(address, options.device_id, error);
+    if (!client) {
+        return false;
+    }
+    std::lock_guard<std::mutex> lock(g_client_mu);
+    g_client = std::move(client);
+    return true;
+}
+
+void mqtt_net_connect() {
+    std::lock_guard<std::mutex> lock(g_client_mu);
+    if (g_client) {
+        g_client->connect();
+    }
+}
+
+void mqtt_net_stop() {
+    std::unique_ptr<MqttClient> client;
+    {
+        std::lock_guard<std::mutex> lock(g_client_mu);
+        client = std::move(g_client);
+    }
+    // Destroyed outside the lock: a handler still running on the client's thread may attach.
+    client.reset();
+}
+
+} // namespace internal
+} // namespace hostkit

@@ -1,0 +1,85 @@
+/// The kit's MQTT client: receives the cloud's commands for this device from a broker and
+/// hands each to the kit's dispatch (mqtt_dispatch) on the client's own thread, the kit's
+/// MQTT thread while a network broker is used.
+///
+/// The client keeps its session (clean session off) under a client id made from the device
+/// id and subscribes to "vexo/<device>/cmd" with QoS 1 on every connection, so commands the
+/// broker queued while the camera was away arrive when it comes back. It connects once the
+/// module attaches its first handler (so those queued commands find their handler), and
+/// reconnects by itself with a delay growing from 1 to 10 seconds.
+#ifndef VEXO_HOST_MQTT_CLIENT_H
+#define VEXO_HOST_MQTT_CLIENT_H
+
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+struct mosquitto;
+struct mosquitto_message;
+
+namespace hostkit {
+
+struct MqttAddress {
+    std::string host;
+    uint16_t port = 1883;
+};
+
+/// Parses "mqtt://host[:port]": host a name or IPv4 address, or an IPv6 address in brackets;
+/// port 1..65535, default 1883; nothing after the port but an optional '/'. False with
+/// *error for anything else (other schemes, user info, paths, queries, bad ports).
+bool parse_mqtt_url(const std::string &url, MqttAddress *out, std::string *error);
+
+class MqttClient {
+  public:
+    /// A client for the device, not connected yet. Null with *error when libmosquitto cannot
+    /// make one.
+    static std::unique_ptr<MqttClient> create(const MqttAddress &address,
+                                              const std::string &device_id, std::string *error);
+    /// Disconnects and ends the client's thread; no message is dispatched after it returns.
+    ~MqttClient();
+    MqttClient(const MqttClient &) = delete;
+    MqttClient &operator=(const MqttClient &) = delete;
+
+    /// Starts connecting (the first call; later calls do nothing). Returns at once.
+    void connect();
+
+    static std::string topic_for(const std::string &device_id) {
+        return "vexo/" + device_id + "/cmd";
+    }
+
+  private:
+    MqttClient(const MqttAddress &address, const std::string &device_id, mosquitto *mosq);
+    void run();
+    bool stopping();
+    /// Waits the current reconnect delay and doubles it (up to the maximum); false when the
+    /// client is stopping.
+    bool wait_before_retry();
+    void note_failure(const char *what, int rc, int saved_errno);
+
+    static void on_connect(mosquitto *mosq, void *self, int rc);
+    static void on_disconnect(mosquitto *mosq, void *self, int rc);
+    static void on_subscribe(mosquitto *mosq, void *self, int mid, int count, const int *granted);
+    static void on_message(mosquitto *mosq, void *self, const mosquitto_message *message);
+
+    const MqttAddress address_;
+    const std::string topic_;
+    mosquitto *mosq_;
+
+    std::mutex mu_;
+    std::condition_variable cv_;
+    bool go_ = false;
+    bool stop_ = false;
+    std::thread thread_;
+
+    // Used on the client's thread only.
+    bool connected_ = false;
+    bool outage_logged_ = false;
+    uint32_t retry_delay_s_ = 1;
+};
+
+} // namespace hostkit
+
+#endif

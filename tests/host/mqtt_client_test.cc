@@ -1,0 +1,252 @@
+// The kit's MQTT client: its broker URL, and commands through a real mosquitto broker started
+// by the test (delivery, bad messages, commands kept while the camera was away, a broker
+// that restarts or is not up yet).
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "host_kit.h"
+#include "mosquitto_broker.h"
+#include "mqtt_client.h"
+#include "temp_dir.h"
+#include "vexo_device.h"
+
+namespace {
+
+using hostkit::MqttAddress;
+
+TEST(MqttUrl, AcceptsHostAndOptionalPort) {
+    struct Case {
+        const char *url;
+        const char *host;
+        uint16_t port;
+    };
+    const Case cases[] = {
+        {"mqtt://127.0.0.1:1883", "127.0.0.1", 1883},
+        {"mqtt://broker.example", "broker.example", 1883},
+        {"mqtt://localhost:1", "localhost", 1},
+        {"MQTT://my-broker_1:65535/", "my-broker_1", 65535},
+        {"mqtt://[::1]:1884", "::1", 1884},
+        {"mqtt://[fe80::1]", "fe80::1", 1883},
+    };
+    for (const Case &c : cases) {
+        MqttAddress address;
+        std::string error;
+        ASSERT_TRUE(hostkit::parse_mqtt_url(c.url, &address, &error)) << c.url << ": " << error;
+        EXPECT_EQ(address.host, c.host) << c.url;
+        EXPECT_EQ(address.port, c.port) << c.url;
+    }
+}
+
+TEST(MqttUrl, RefusesEverythingElseWithAReason) {
+    for (const char *bad : {"",
+                            "127.0.0.1:1883",
+                            "tcp://h:1883",
+                            "http://h:1883",
+                            "mqtts://h:8883",
+                            "mqtt://",
+                            "mqtt://:1883",
+                            "mqtt://h:",
+                            "mqtt://h:0",
+                            "mqtt://h:65536",
+                            "mqtt://h:18a3",
+                            "mqtt://h:+1883",
+                            "mqtt://h:1883:1",
+                            "mqtt://h:1883/vexo",
+                            "mqtt://u:p@h:1883",
+                            "mqtt://h h:1883",
+                            "mqtt://h:1883?x=1",
+                            "mqtt://::1:1883",
+                            "mqtt://[::1",
+                            "mqtt://[::1]x",
+                            "mqtt://[]:1883",
+                            "mqtt://h//"}) {
+        MqttAddress address;
+        std::string error;
+        EXPECT_FALSE(hostkit::parse_mqtt_url(bad, &address, &error)) << bad;
+        EXPECT_FALSE(error.empty()) << bad;
+    }
+    MqttAddress address;
+    std::string error;
+    hostkit::parse_mqtt_url("mqtts://h:8883", &address, &error);
+    EXPECT_NE(error.find("TLS"), std::string::npos) << error;
+}
+
+/// A transport the MQTT tests never use.
+class NoCloud : public hostkit::CloudTransport {
+  public:
+    hostkit::CloudResponse exchange(const hostkit::CloudRequest &) override { return {}; }
+};
+
+hostkit::Options kit_options(const std::string &dir, const std::string &mqtt_url) {
+    hostkit::Options o;
+    o.data_dir = dir + "/camera";
+    o.device_id = "cam-mq";
+    o.cloud = std::make_shared<NoCloud>();
+    o.mqtt_url = mqtt_url;
+    o.log_level = hostkit::LogLevel::kError;
+    return o;
+}
+
+TEST(MqttKitStart, ABadUrlMakesStartFailAndWritesNothing) {
+    vexo_test::TempDir dir("vexo-mqtt-url");
+    ASSERT_FALSE(dir.path().empty());
+    for (const char *bad : {"127.0.0.1:1883", "mqtt://h:0", "mqtts://h:8883"}) {
+        EXPECT_EQ(hostkit::start(kit_options(dir.path(), bad)), -1) << bad;
+        EXPECT_FALSE(std::filesystem::exists(dir.path() + "/camera")) << bad;
+    }
+    // The kit was left stopped: a good start works.
+    ASSERT_EQ(hostkit::start(kit_options(dir.path(), "")), 0);
+    EXPECT_FALSE(hostkit::counters().mqtt_connected);
+    hostkit::stop();
+}
+
+// What the handler saw; handlers are plain functions.
+std::mutex g_mu;
+std::vector<std::string> g_actions; // data.action of each handled command
+std::vector<std::thread::id> g_threads;
+
+void record_handler(cJSON *root) {
+    const cJSON *data = cJSON_GetObjectItem(root, "data");
+    const cJSON *action = cJSON_GetObjectItem(data, "action");
+    std::lock_guard<std::mutex> lock(g_mu);
+    g_actions.push_back(cJSON_IsString(action) ? action->valuestring : "?");
+    g_threads.push_back(std::this_thread::get_id());
+}
+
+size_t handled() {
+    std::lock_guard<std::mutex> lock(g_mu);
+    return g_actions.size();
+}
+
+template <typename Pred> bool wait_for(Pred pred, int seconds = 20) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+bool connected() {
+    return hostkit::counters().mqtt_connected;
+}
+
+std::string command(const char *action) {
+    return std::string(R"({"protocol":307,"data":{"action":")") + action +
+           R"(","duration":30,"ext":{"user":"u1"}}})";
+}
+
+class MqttKitTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (!vexo_test::MosquittoBroker::available()) {
+            GTEST_SKIP() << vexo_test::MosquittoBroker::kBinary << " is not installed";
+        }
+        ASSERT_FALSE(dir_.path().empty());
+        broker_ = std::make_unique<vexo_test::MosquittoBroker>(dir_.path());
+        std::lock_guard<std::mutex> lock(g_mu);
+        g_actions.clear();
+        g_threads.clear();
+    }
+    void TearDown() override {
+        hostkit::stop();
+        broker_.reset();
+    }
+    void start_broker() {
+        std::string error;
+        ASSERT_TRUE(broker_->start(&error)) << error;
+    }
+    void start_kit() { ASSERT_EQ(hostkit::start(kit_options(dir_.path(), broker_->url())), 0); }
+    void send(const std::string &payload) {
+        std::string error;
+        ASSERT_TRUE(vexo_test::publish(broker_->port(), topic_, payload, &error)) << error;
+    }
+
+    vexo_test::TempDir dir_{"vexo-mqtt"};
+    std::unique_ptr<vexo_test::MosquittoBroker> broker_;
+    const std::string topic_ = hostkit::MqttClient::topic_for("cam-mq");
+};
+
+TEST_F(MqttKitTest, CommandsReachTheirHandlerOnTheClientThreadAndBadOnesAreDropped) {
+    EXPECT_EQ(topic_, "vexo/cam-mq/cmd");
+    start_broker();
+    start_kit();
+    ASSERT_EQ(mqtt_attach(307, record_handler), 0);
+    ASSERT_TRUE(wait_for(connected));
+
+    send(command("record"));
+    ASSERT_TRUE(wait_for([] { return handled() == 1; }));
+    for (const char *dropped : {R"({"protocol":999,"data":{"action":"x"}})", "not json", "[307]",
+                                R"({"data":{"action":"x"}})"}) {
+        send(dropped);
+    }
+    send(command("pic"));
+    ASSERT_TRUE(wait_for([] { return handled() == 2; }));
+    std::lock_guard<std::mutex> lock(g_mu);
+    EXPECT_EQ(g_actions, (std::vector<std::string>{"record", "pic"}));
+    EXPECT_NE(g_threads[0], std::this_thread::get_id());
+    EXPECT_EQ(g_threads[0], g_threads[1]) << "one MQTT thread";
+    EXPECT_EQ(hostkit::counters().mqtt_messages, 2u);
+}
+
+TEST_F(MqttKitTest, ACommandSentWhileTheCameraWasAwayArrivesWhenItComesBack) {
+    start_broker();
+    start_kit();
+    ASSERT_EQ(mqtt_attach(307, record_handler), 0);
+    ASSERT_TRUE(wait_for(connected));
+    hostkit::stop();
+    EXPECT_FALSE(connected());
+
+    // The broker keeps the camera's session and queues the command.
+    send(command("record"));
+    start_kit();
+    // Not connected before the module attaches its handlers: the queued command would find
+    // none.
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_FALSE(connected());
+    EXPECT_EQ(handled(), 0u);
+    ASSERT_EQ(mqtt_attach(307, record_handler), 0);
+    ASSERT_TRUE(wait_for([] { return handled() == 1; }));
+    EXPECT_TRUE(wait_for(connected));
+}
+
+TEST_F(MqttKitTest, TheClientReconnectsAndSubscribesAgainAfterTheBrokerRestarts) {
+    start_broker();
+    start_kit();
+    ASSERT_EQ(mqtt_attach(307, record_handler), 0);
+    ASSERT_TRUE(wait_for(connected));
+
+    // The new broker knows no session: only a new subscription brings commands.
+    broker_->stop();
+    ASSERT_TRUE(wait_for([] { return !connected(); }));
+    start_broker();
+    ASSERT_TRUE(wait_for(connected));
+    send(command("record"));
+    EXPECT_TRUE(wait_for([] { return handled() == 1; }));
+}
+
+TEST_F(MqttKitTest, ABrokerThatIsNotUpYetIsWaitedForAndStopDoesNotWaitForIt) {
+    start_kit();
+    ASSERT_EQ(mqtt_attach(307, record_handler), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_FALSE(connected());
+    hostkit::stop(); // returns although the client is between attempts
+
+    start_kit();
+    ASSERT_EQ(mqtt_attach(307, record_handler), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    start_broker();
+    ASSERT_TRUE(wait_for(connected));
+    send(command("pic_v"));
+    EXPECT_TRUE(wait_for([] { return handled() == 1; }));
+}
+
+} // namespace

@@ -1,0 +1,71 @@
+#include "test_certificate.h"
+
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+#include <openssl/x509v3.h>
+
+#include <cstdio>
+#include <memory>
+
+namespace vexo_test {
+namespace {
+
+struct KeyFree {
+    void operator()(EVP_PKEY *k) const { EVP_PKEY_free(k); }
+};
+struct CertFree {
+    void operator()(X509 *c) const { X509_free(c); }
+};
+struct ExtFree {
+    void operator()(X509_EXTENSION *e) const { X509_EXTENSION_free(e); }
+};
+struct FileClose {
+    void operator()(FILE *f) const { std::fclose(f); }
+};
+
+bool add_extension(X509 *cert, int nid, const char *value) {
+    X509V3_CTX ctx;
+    X509V3_set_ctx_nodb(&ctx);
+    X509V3_set_ctx(&ctx, cert, cert, nullptr, nullptr, 0);
+    std::unique_ptr<X509_EXTENSION, ExtFree> ext(X509V3_EXT_conf_nid(nullptr, &ctx, nid, value));
+    return ext && X509_add_ext(cert, ext.get(), -1) == 1;
+}
+
+} // namespace
+
+bool write_test_certificate(const std::string &dir, std::string *error) {
+    std::unique_ptr<EVP_PKEY, KeyFree> key(EVP_EC_gen("P-256"));
+    std::unique_ptr<X509, CertFree> cert(X509_new());
+    if (!key || !cert) {
+        *error = "cannot make a key";
+        return false;
+    }
+    X509_set_version(cert.get(), 2);
+    ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), 1);
+    X509_gmtime_adj(X509_getm_notBefore(cert.get()), -60);
+    X509_gmtime_adj(X509_getm_notAfter(cert.get()), 24 * 3600);
+    X509_set_pubkey(cert.get(), key.get());
+    X509_NAME *name = X509_get_subject_name(cert.get());
+    const unsigned char cn[] = "127.0.0.1";
+    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, cn, -1, -1, 0);
+    X509_set_issuer_name(cert.get(), name);
+    if (!add_extension(cert.get(), NID_subject_alt_name, "IP:127.0.0.1") ||
+        !add_extension(cert.get(), NID_basic_constraints, "critical,CA:TRUE") ||
+        X509_sign(cert.get(), key.get(), EVP_sha256()) == 0) {
+        *error = "cannot make the certificate";
+        return false;
+    }
+    std::unique_ptr<FILE, FileClose> key_file(std::fopen((dir + "/server.key").c_str(), "w"));
+    std::unique_ptr<FILE, FileClose> cert_file(std::fopen((dir + "/server.crt").c_str(), "w"));
+    if (!key_file || !cert_file ||
+        PEM_write_PrivateKey(key_file.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr) !=
+            1 ||
+        PEM_write_X509(cert_file.get(), cert.get()) != 1) {
+        *error = "cannot write the key and certificate to " + dir;
+        return false;
+    }
+    return true;
+}
+
+} // namespace vexo_test
