@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "mqtt_client.h"
+
 namespace camsim {
 namespace {
 
@@ -14,7 +16,8 @@ const char kUsage[] =
     "usage: vexo-camsim [options]\n"
     "\n"
     "Runs the cloud-recording module on the host kit: a camera fed from a media file, the\n"
-    "embedded cloud service storing what it uploads under DIR/cloud.\n"
+    "embedded cloud service storing what it uploads under DIR/cloud, or with --cloud a cloud\n"
+    "service on the network.\n"
     "\n"
     "  --input FILE          media file to play in a loop (H.264/H.265 with AAC, G.711 or PCM;\n"
     "                        default: the bundled sample)\n"
@@ -40,8 +43,31 @@ const char kUsage[] =
     "  -v, -vv               module debug / trace log lines\n"
     "  --help\n"
     "\n"
+    "A cloud on the network:\n"
+    "  --cloud URL           the cloud service at URL (http:// or https://) instead of the\n"
+    "                        embedded one; the order at start, --trigger, --abort, --order and\n"
+    "                        the summary's recordings go through its admin endpoints\n"
+    "  --cloud-ca FILE       PEM certificate authorities for an https cloud (default: the\n"
+    "                        system's); the server certificate is always verified\n"
+    "  --mqtt URL            the cloud's MQTT broker, mqtt://host[:port] (default port 1883)\n"
+    "  --token T             device token for the cloud calls\n"
+    "  --admin-token T       token for the admin calls\n"
+    "  --no-order            leave the cloud's order as it is (--mode and the order values\n"
+    "                        are not sent)\n"
+    "These five need --cloud. An order refused by the cloud, or a cloud that cannot be\n"
+    "reached at start, ends the run with status 2.\n"
+    "\n"
     "Without --motion/--trigger/--pause/--abort/--order: motion events at 8 s (10 s long) and\n"
-    "at 30 s.\n";
+    "at 30 s.\n"
+    "\n"
+    "Lines on stderr with a fixed form, for scripts (T: kit seconds since the start as \"%6.1f\";\n"
+    "OLD, NEW, MODE: alltime, event or \"no order\"; OLD is \"not configured\" when the\n"
+    "module gets its first configuration):\n"
+    "  [camsim] Ts store mode OLD -> NEW    the module's store mode changed, e.g.\n"
+    "                                       \"[camsim]   12.3s store mode event -> alltime\"\n"
+    "  [camsim] mqtt connected              connected to the broker and subscribed (--mqtt)\n"
+    "  [camsim] mqtt disconnected\n"
+    "The summary on stdout ends with \"store mode at end: MODE\".\n";
 
 bool parse_double(const char *text, double *out) {
     char *end = nullptr;
@@ -152,6 +178,8 @@ std::optional<Options> parse_options(int argc, char **argv, bool *exit_now) {
             o.verbosity = 1;
         } else if (arg == "-vv") {
             o.verbosity = 2;
+        } else if (arg == "--no-order") {
+            o.send_order = false;
         } else if (!value(&v)) {
             return fail(arg.rfind("--", 0) == 0 ? "missing value for " + arg
                                                 : "unknown argument " + arg);
@@ -223,6 +251,22 @@ std::optional<Options> parse_options(int argc, char **argv, bool *exit_now) {
                 return fail("bad " + arg + " " + std::string(v));
             }
             o.actions.push_back(a);
+        } else if (arg == "--cloud" || arg == "--cloud-ca" || arg == "--mqtt" || arg == "--token" ||
+                   arg == "--admin-token") {
+            if (*v == '\0') {
+                return fail("empty value for " + arg);
+            }
+            std::string &field = arg == "--cloud"      ? o.cloud_url
+                                 : arg == "--cloud-ca" ? o.cloud_ca
+                                 : arg == "--mqtt"     ? o.mqtt_url
+                                 : arg == "--token"    ? o.device_token
+                                                       : o.admin_token;
+            field = v;
+            hostkit::MqttAddress broker;
+            std::string why;
+            if (arg == "--mqtt" && !hostkit::parse_mqtt_url(v, &broker, &why)) {
+                return fail("bad --mqtt " + why);
+            }
         } else if (arg == "--order") {
             a.kind = Action::Kind::kOrder;
             if (!parse_order(v, &a)) {
@@ -231,6 +275,17 @@ std::optional<Options> parse_options(int argc, char **argv, bool *exit_now) {
             o.actions.push_back(a);
         } else {
             return fail("unknown option " + arg);
+        }
+    }
+    if (o.cloud_url.empty()) {
+        const char *needs_cloud = !o.mqtt_url.empty()       ? "--mqtt"
+                                  : !o.cloud_ca.empty()     ? "--cloud-ca"
+                                  : !o.device_token.empty() ? "--token"
+                                  : !o.admin_token.empty()  ? "--admin-token"
+                                  : !o.send_order           ? "--no-order"
+                                                            : nullptr;
+        if (needs_cloud != nullptr) {
+            return fail(std::string(needs_cloud) + " is only valid with --cloud");
         }
     }
     if (!o.actions.empty()) {

@@ -39,6 +39,14 @@ struct Options {
     int verbosity = 0;  // 0 errors, 1 debug, 2 trace (module log lines)
     std::vector<Action> actions;
     bool default_actions = true; // no --motion/--trigger/... given: a couple of motion events
+
+    // A cloud service on the network (--cloud) instead of the embedded one.
+    std::string cloud_url;    // empty: the embedded cloud in DATA/cloud
+    std::string cloud_ca;     // PEM authorities for an https cloud; empty: the system's
+    std::string mqtt_url;     // the cloud's broker, mqtt://host[:port]; empty: none
+    std::string device_token; // sent by the kit with every cloud call
+    std::string admin_token;  // sent with every admin call
+    bool send_order = true;   // false (--no-order): the cloud's order is left as it is
 };
 
 /// Parses argv. On a bad argument returns nullopt after printing the reason and the usage.

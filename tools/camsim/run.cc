@@ -1,6 +1,6 @@
-// One simulation run: set up the embedded cloud with the device's order, start the host kit
-// and the camera, initialise the module, play the schedule while showing progress, then
-// uninitialise and summarise what the cloud received.
+// One simulation run: set up the cloud (embedded, or on the network with --cloud) with the
+// device's order, start the host kit and the camera, initialise the module, play the
+// schedule while showing progress, then uninitialise and summarise what the cloud received.
 #include "run.h"
 
 #include <signal.h>
@@ -10,16 +10,16 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <exception>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "embedded_cloud.h"
+#include "cloud_control.h"
 #include "feeder.h"
 #include "host_kit.h"
 #include "media_source.h"
+#include "report.h"
 #include "snapshot.h"
 #include "vexo_ipc_cloud_storage.h"
 #include "vexo_ring_buffer.h"
@@ -42,38 +42,6 @@ std::string input_path(const Options &o) {
     return o.input.empty() ? std::string(VEXO_CAMSIM_SAMPLE) : o.input;
 }
 
-std::string human_bytes(uint64_t n) {
-    char buf[32];
-    if (n >= (1u << 20)) {
-        std::snprintf(buf, sizeof buf, "%.1f MB", static_cast<double>(n) / (1 << 20));
-    } else if (n >= 1024) {
-        std::snprintf(buf, sizeof buf, "%.1f kB", static_cast<double>(n) / 1024);
-    } else {
-        std::snprintf(buf, sizeof buf, "%llu B", static_cast<unsigned long long>(n));
-    }
-    return buf;
-}
-
-std::string local_time(uint32_t t) {
-    const time_t secs = t;
-    struct tm local {};
-    localtime_r(&secs, &local);
-    char buf[32];
-    std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &local);
-    return buf;
-}
-
-const char *mode_name(int32_t mode) {
-    switch (mode) {
-    case 0:
-        return "alltime";
-    case 1:
-        return "event";
-    default:
-        return "no order";
-    }
-}
-
 /// The schedule as a time-ordered list, with motion ends as actions of their own.
 struct Step {
     double at_s;
@@ -94,13 +62,7 @@ std::vector<Step> make_steps(const std::vector<Action> &actions) {
     return steps;
 }
 
-struct Tally {
-    int motion_started = 0;
-    int motion_refused = 0;
-    int triggers = 0;
-};
-
-void perform(const Step &step, const Options &o, vexo_cloud::Service &cloud, Tally *tally) {
+void perform(const Step &step, CloudControl &cloud, Tally *tally) {
     const Action &a = step.action;
     std::string error;
     switch (a.kind) {
@@ -117,8 +79,7 @@ void perform(const Step &step, const Options &o, vexo_cloud::Service &cloud, Tal
         break;
     case Action::Kind::kTrigger:
         ++tally->triggers;
-        if (!cloud.trigger(o.device_id, a.trigger_action, a.duration_s, "{\"user\":\"camsim\"}",
-                           &error)) {
+        if (!cloud.trigger(a.trigger_action, a.duration_s, &error)) {
             std::fprintf(stderr, "\n[camsim] trigger refused by the cloud: %s\n", error.c_str());
         } else {
             std::fprintf(stderr, "\n[camsim] %6.1fs cloud sends remote trigger \"%s\" (%d s)\n",
@@ -134,13 +95,16 @@ void perform(const Step &step, const Options &o, vexo_cloud::Service &cloud, Tal
         std::fprintf(stderr, "\n[camsim] %6.1fs resume\n", step.at_s);
         break;
     case Action::Kind::kAbort:
-        cloud.abort_order(o.device_id, &error);
-        std::fprintf(stderr, "\n[camsim] %6.1fs cloud aborts the order\n", step.at_s);
+        if (!cloud.abort_order(&error)) {
+            std::fprintf(stderr, "\n[camsim] abort refused: %s\n", error.c_str());
+        } else {
+            std::fprintf(stderr, "\n[camsim] %6.1fs cloud aborts the order\n", step.at_s);
+        }
         break;
     case Action::Kind::kOrder: {
         vexo_cloud::OrderChange change;
         change.store_mode = a.store_mode;
-        if (!cloud.set_order(o.device_id, change, &error)) {
+        if (!cloud.set_order(change, &error)) {
             std::fprintf(stderr, "\n[camsim] order refused: %s\n", error.c_str());
         } else {
             std::fprintf(stderr, "\n[camsim] %6.1fs cloud sets store mode \"%s\"\n", step.at_s,
@@ -149,59 +113,6 @@ void perform(const Step &step, const Options &o, vexo_cloud::Service &cloud, Tal
         break;
     }
     }
-}
-
-void show_progress(double elapsed_s, double total_s, const Feeder &feeder, const Tally &tally,
-                   bool tty) {
-    const hostkit::Counters c = hostkit::counters();
-    const bool recording = vexo_ipc_cloud_storage_get_status() == 1;
-    std::fprintf(
-        stderr,
-        "%s[%6.1fs/%.0fs] %-9s %-8s | frames %llu | uploaded %llu files, %s | "
-        "events %d | mqtt %llu%s",
-        tty ? "\r" : "", elapsed_s, total_s, mode_name(vexo_ipc_cloud_storage_get_store_mode()),
-        recording ? "RECORD" : "idle", static_cast<unsigned long long>(feeder.video_frames()),
-        static_cast<unsigned long long>(c.uploads), human_bytes(c.bytes_uploaded).c_str(),
-        tally.motion_started, static_cast<unsigned long long>(c.mqtt_messages), tty ? "   " : "\n");
-    std::fflush(stderr);
-}
-
-void summarise(const Options &o, vexo_cloud::Service &cloud, const Feeder &feeder,
-               const Tally &tally, double ran_s, double real_s) {
-    const hostkit::Counters c = hostkit::counters();
-    std::vector<vexo_cloud::Recording> recordings;
-    try {
-        recordings = cloud.recordings(o.device_id);
-    } catch (const std::exception &e) {
-        std::printf("cannot read the recordings back: %s\n", e.what());
-    }
-    std::printf("\n== vexo-camsim summary ==\n");
-    std::printf("ran %.1f s of camera time in %.1f s real time (speed %g)\n", ran_s, real_s,
-                o.speed);
-    std::printf("camera: %llu video and %llu audio frames fed\n",
-                static_cast<unsigned long long>(feeder.video_frames()),
-                static_cast<unsigned long long>(feeder.audio_frames()));
-    std::printf("module: %d motion events recorded, %d refused; %d remote triggers; %llu "
-                "alarms\n",
-                tally.motion_started, tally.motion_refused, tally.triggers,
-                static_cast<unsigned long long>(c.alarms));
-    std::printf("uploads: %llu files, %s, %llu failed\n",
-                static_cast<unsigned long long>(c.uploads), human_bytes(c.bytes_uploaded).c_str(),
-                static_cast<unsigned long long>(c.upload_failures));
-    std::printf("cloud %s/cloud, device %s: %zu recordings\n", o.data_dir.c_str(),
-                o.device_id.c_str(), recordings.size());
-    for (const vexo_cloud::Recording &r : recordings) {
-        uint64_t bytes = 0;
-        for (const auto &f : r.files) {
-            bytes += f.bytes;
-        }
-        std::printf("  %u  %s .. %s  %zu files  %s  key md5 %s\n", r.start_time,
-                    local_time(r.start_time).c_str(),
-                    r.end_time != 0 ? local_time(r.end_time).c_str() : "(open)", r.files.size(),
-                    human_bytes(bytes).c_str(), r.key_md5.c_str());
-    }
-    std::printf("play it back: vexo-media export --data %s/cloud --all --out-dir %s/export\n",
-                o.data_dir.c_str(), o.data_dir.c_str());
 }
 
 } // namespace
@@ -224,27 +135,26 @@ int run(const Options &o) {
     }
 
     // The cloud first, with the device's order, so the module's first fetch finds it.
-    const std::string cloud_dir = o.data_dir + "/cloud";
-    std::shared_ptr<vexo_cloud::Service> service;
-    try {
-        service = std::make_shared<vexo_cloud::Service>(
-            hostkit::EmbeddedCloud::service_options(cloud_dir, o.device_id));
-    } catch (const std::exception &e) {
-        // A damaged record in the cloud directory: say which, change nothing.
-        std::fprintf(stderr, "vexo-camsim: cannot open the cloud in %s: %s\n", cloud_dir.c_str(),
-                     e.what());
+    std::unique_ptr<CloudControl> cloud = make_cloud_control(o, &error);
+    if (!cloud) {
+        std::fprintf(stderr, "vexo-camsim: %s\n", error.c_str());
         return 2;
     }
-    vexo_cloud::OrderChange order;
-    order.store_mode = o.store_mode;
-    order.event_duration = o.event_duration;
-    order.slice_duration = o.slice_duration;
-    order.silence_interval = o.silence_interval;
-    order.daily_events = o.daily_events;
-    order.expired = false;
-    if (!service->set_order(o.device_id, order, &error)) {
-        std::fprintf(stderr, "vexo-camsim: the cloud refused the order: %s\n", error.c_str());
-        return 2;
+    if (o.send_order) {
+        vexo_cloud::OrderChange order;
+        order.store_mode = o.store_mode;
+        order.event_duration = o.event_duration;
+        order.slice_duration = o.slice_duration;
+        order.silence_interval = o.silence_interval;
+        order.daily_events = o.daily_events;
+        order.expired = false;
+        if (!cloud->set_order(order, &error)) {
+            // The embedded cloud's refusals are its own words; the network cloud's errors say
+            // whether it refused or could not be reached.
+            std::fprintf(stderr, "vexo-camsim: %s%s\n",
+                         o.cloud_url.empty() ? "the cloud refused the order: " : "", error.c_str());
+            return 2;
+        }
     }
 
     hostkit::Options kit;
@@ -255,7 +165,9 @@ int run(const Options &o) {
     kit.log_level = o.verbosity >= 2   ? hostkit::LogLevel::kTrace
                     : o.verbosity == 1 ? hostkit::LogLevel::kDebug
                                        : hostkit::LogLevel::kError;
-    kit.cloud = std::make_shared<hostkit::EmbeddedCloud>(service);
+    kit.cloud = cloud->transport();
+    kit.device_token = o.device_token;
+    kit.mqtt_url = o.mqtt_url;
     kit.ring_seconds = o.ring_seconds;
     if (hostkit::start(kit) != 0) {
         return 2;
@@ -282,8 +194,14 @@ int run(const Options &o) {
                  "clock %s x%g\n",
                  path.c_str(), params.video_codec == 4 ? "H.265" : "H.264", params.width,
                  params.height, params.fps, params.gop, params.bitrate_kbps,
-                 params.has_audio ? ", with audio" : "", o.device_id.c_str(), o.store_mode.c_str(),
+                 params.has_audio ? ", with audio" : "", o.device_id.c_str(),
+                 o.send_order ? o.store_mode.c_str() : "as the cloud has it",
                  local_time(static_cast<uint32_t>(hostkit::now_ms() / 1000)).c_str(), o.speed);
+    if (!o.cloud_url.empty()) {
+        std::fprintf(stderr, "[camsim] cloud %s, MQTT broker %s\n", o.cloud_url.c_str(),
+                     o.mqtt_url.empty() ? "none (the camera hears no commands)"
+                                        : o.mqtt_url.c_str());
+    }
 
     const auto real_start = std::chrono::steady_clock::now();
     vexo_ipc_media_info_t media{};
@@ -297,6 +215,8 @@ int run(const Options &o) {
         hostkit::stop();
         return 1;
     }
+    // From the store mode the module starts with: its first configuration shows as a change.
+    StateLines state_lines;
     if (o.pre_record >= 0 && vexo_ipc_cloud_storage_set_pre_record_time(o.pre_record) != 0) {
         std::fprintf(stderr, "vexo-camsim: pre-record %d s refused by the module\n",
                      static_cast<int>(o.pre_record));
@@ -322,8 +242,9 @@ int run(const Options &o) {
     sigaction(SIGTERM, &action, nullptr);
     while (!g_interrupted) {
         const double elapsed = static_cast<double>(hostkit::now_ms() - t0) / 1000.0;
+        state_lines.poll(elapsed);
         while (next < steps.size() && steps[next].at_s <= elapsed) {
-            perform(steps[next++], o, *service, &tally);
+            perform(steps[next++], *cloud, &tally);
         }
         if (elapsed >= o.duration_s) {
             break;
@@ -346,6 +267,8 @@ int run(const Options &o) {
         std::fprintf(stderr, "[camsim] interrupted after %.1f s\n", ran_s);
     }
 
+    state_lines.poll(ran_s);
+    const int32_t end_mode = vexo_ipc_cloud_storage_get_store_mode();
     std::fprintf(stderr, "[camsim] stopping: uninit the module\n");
     vexo_ipc_cloud_storage_uninit();
     feeder.stop();
@@ -354,9 +277,11 @@ int run(const Options &o) {
         std::fprintf(stderr, "vexo-camsim: the camera stopped: %s\n", feed_error.c_str());
         status = 1;
     }
-    const double real_s =
+    RunTimes times;
+    times.ran_s = ran_s;
+    times.real_s =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - real_start).count();
-    summarise(o, *service, feeder, tally, ran_s, real_s);
+    summarise(o, *cloud, feeder, tally, times, end_mode);
     hostkit::stop();
     return status;
 }
