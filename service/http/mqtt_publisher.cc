@@ -1,10 +1,12 @@
-/// The MQTT publisher on libmosquitto: its network thread (loop_start) connects, reconnects
-/// with a growing delay, and sends queued QoS 1 messages once a connection is up.
+/// The MQTT publisher on libmosquitto, with a thread of its own around the client's network
+/// loop, so that it controls when to connect again and a stop never waits on a connect.
 #include "mqtt_publisher.h"
 
 #include <mosquitto.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <mutex>
 
@@ -19,7 +21,10 @@ constexpr uint16_t kDefaultPort = 1883;
 constexpr int kKeepAliveS = 30;
 constexpr unsigned kReconnectMinS = 1;
 constexpr unsigned kReconnectMaxS = 10;
+constexpr int kLoopWaitMs = 100;
 constexpr int kQos = 1;
+/// Commands kept while the broker is away; beyond that new ones are dropped.
+constexpr size_t kMaxQueued = 1000;
 
 void init_library() {
     static std::once_flag once;
@@ -65,13 +70,11 @@ bool parse_mqtt_url(const std::string &url, std::string *host, uint16_t *port, s
 }
 
 std::unique_ptr<MqttPublisher> MqttPublisher::start(const std::string &url, std::string *error) {
-    std::string host;
-    uint16_t port = 0;
-    if (!parse_mqtt_url(url, &host, &port, error)) {
+    std::unique_ptr<MqttPublisher> self(new MqttPublisher());
+    if (!parse_mqtt_url(url, &self->host_, &self->port_, error)) {
         return nullptr;
     }
     init_library();
-    std::unique_ptr<MqttPublisher> self(new MqttPublisher());
     self->url_ = url;
     const std::string client_id = "vexo-cloud-" + std::to_string(::getpid());
     self->client_ = mosquitto_new(client_id.c_str(), true, self.get());
@@ -79,63 +82,133 @@ std::unique_ptr<MqttPublisher> MqttPublisher::start(const std::string &url, std:
         *error = "cannot create an MQTT client";
         return nullptr;
     }
+    // Publishing comes from the HTTP threads while this client's loop runs on its own.
+    mosquitto_threaded_set(self->client_, true);
     mosquitto_connect_callback_set(self->client_, &MqttPublisher::on_connect);
     mosquitto_disconnect_callback_set(self->client_, &MqttPublisher::on_disconnect);
-    mosquitto_reconnect_delay_set(self->client_, kReconnectMinS, kReconnectMaxS, true);
-    const int rc = mosquitto_connect_async(self->client_, host.c_str(), port, kKeepAliveS);
-    if (rc != MOSQ_ERR_SUCCESS) {
-        // The network thread keeps trying; say why the first attempt failed.
-        std::fprintf(stderr, "vexo-cloud: mqtt: %s not reachable yet: %s\n", url.c_str(),
-                     mosquitto_strerror(rc));
-    }
-    const int loop = mosquitto_loop_start(self->client_);
-    if (loop != MOSQ_ERR_SUCCESS) {
-        *error = std::string("cannot start the MQTT thread: ") + mosquitto_strerror(loop);
-        return nullptr;
-    }
+    self->thread_ = std::thread([publisher = self.get()] { publisher->run(); });
     return self;
 }
 
 MqttPublisher::~MqttPublisher() {
-    if (client_ == nullptr) {
-        return;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        stopping_ = true;
     }
-    const bool was_connected = connected_.load();
-    mosquitto_disconnect(client_);
-    // Without a connection the thread may sit in a reconnect delay: stop it outright.
-    mosquitto_loop_stop(client_, !was_connected);
-    mosquitto_destroy(client_);
+    wake_.notify_all();
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+    if (client_ != nullptr) {
+        mosquitto_destroy(client_);
+    }
+}
+
+void MqttPublisher::run() {
+    unsigned delay_s = kReconnectMinS;
+    bool socket_open = false;
+    bool ever_connected = false;
+    bool told_unreachable = false;
+    for (;;) {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (stopping_) {
+                break;
+            }
+        }
+        if (!socket_open) {
+            const int rc = ever_connected
+                               ? mosquitto_reconnect(client_)
+                               : mosquitto_connect(client_, host_.c_str(), port_, kKeepAliveS);
+            if (rc != MOSQ_ERR_SUCCESS) {
+                if (!told_unreachable) {
+                    std::fprintf(stderr, "vexo-cloud: mqtt: %s not reachable (%s); retrying\n",
+                                 url_.c_str(), mosquitto_strerror(rc));
+                    told_unreachable = true;
+                }
+                std::unique_lock<std::mutex> lock(mutex_);
+                wake_.wait_for(lock, std::chrono::seconds(delay_s), [this] { return stopping_; });
+                delay_s = std::min(delay_s * 2, kReconnectMaxS);
+                continue;
+            }
+            socket_open = true;
+            ever_connected = true;
+            told_unreachable = false;
+            delay_s = kReconnectMinS;
+        }
+        // Runs the callbacks (connect, disconnect) and sends what was published.
+        if (mosquitto_loop(client_, kLoopWaitMs, 1) != MOSQ_ERR_SUCCESS) {
+            socket_open = false;
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (connected_) {
+                connected_ = false;
+                std::fprintf(stderr, "vexo-cloud: mqtt: lost %s, reconnecting\n", url_.c_str());
+            }
+        }
+    }
+    if (socket_open) {
+        mosquitto_disconnect(client_);
+        mosquitto_loop(client_, kLoopWaitMs, 1);
+    }
+}
+
+void MqttPublisher::flush_locked() {
+    while (!queue_.empty() && connected_) {
+        const auto &[topic, payload] = queue_.front();
+        const int rc =
+            mosquitto_publish(client_, nullptr, topic.c_str(), static_cast<int>(payload.size()),
+                              payload.data(), kQos, false);
+        if (rc == MOSQ_ERR_NO_CONN) {
+            connected_ = false; // the loop notices and reconnects; keep the message
+            return;
+        }
+        if (rc != MOSQ_ERR_SUCCESS) {
+            std::fprintf(stderr, "vexo-cloud: mqtt: cannot publish to %s: %s; dropped\n",
+                         topic.c_str(), mosquitto_strerror(rc));
+        } else {
+            std::fprintf(stderr, "vexo-cloud: mqtt: published to %s %s\n", topic.c_str(),
+                         payload.c_str());
+        }
+        queue_.pop_front();
+    }
 }
 
 bool MqttPublisher::publish(const std::string &device, const std::string &payload) {
     const std::string topic = "vexo/" + device + "/cmd";
-    const int rc = mosquitto_publish(client_, nullptr, topic.c_str(),
-                                     static_cast<int>(payload.size()), payload.data(), kQos, false);
-    if (rc != MOSQ_ERR_SUCCESS) {
-        std::fprintf(stderr, "vexo-cloud: mqtt: cannot publish to %s: %s\n", topic.c_str(),
-                     mosquitto_strerror(rc));
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (queue_.size() >= kMaxQueued) {
+        std::fprintf(stderr, "vexo-cloud: mqtt: %zu commands wait for %s; %s for %s dropped\n",
+                     queue_.size(), url_.c_str(), payload.c_str(), topic.c_str());
         return false;
     }
-    std::fprintf(stderr, "vexo-cloud: mqtt: %s %s %s\n",
-                 connected() ? "published to" : "queued for", topic.c_str(), payload.c_str());
+    queue_.emplace_back(topic, payload);
+    if (!connected_) {
+        std::fprintf(stderr, "vexo-cloud: mqtt: queued for %s until %s is back: %s\n",
+                     topic.c_str(), url_.c_str(), payload.c_str());
+        return true;
+    }
+    flush_locked();
     return true;
 }
 
 void MqttPublisher::on_connect(struct mosquitto *, void *self, int result) {
     auto *publisher = static_cast<MqttPublisher *>(self);
-    if (result == 0) {
-        publisher->connected_ = true;
-        std::fprintf(stderr, "vexo-cloud: mqtt: connected to %s\n", publisher->url_.c_str());
-    } else {
+    if (result != 0) {
         std::fprintf(stderr, "vexo-cloud: mqtt: %s refused the connection: %s\n",
                      publisher->url_.c_str(), mosquitto_connack_string(result));
+        return;
     }
+    std::fprintf(stderr, "vexo-cloud: mqtt: connected to %s\n", publisher->url_.c_str());
+    std::lock_guard<std::mutex> lock(publisher->mutex_);
+    publisher->connected_ = true;
+    publisher->flush_locked();
 }
 
-void MqttPublisher::on_disconnect(struct mosquitto *, void *self, int reason) {
+void MqttPublisher::on_disconnect(struct mosquitto *, void *self, int) {
     auto *publisher = static_cast<MqttPublisher *>(self);
-    publisher->connected_ = false;
-    if (reason != 0) {
+    std::lock_guard<std::mutex> lock(publisher->mutex_);
+    if (publisher->connected_) {
+        publisher->connected_ = false;
         std::fprintf(stderr, "vexo-cloud: mqtt: lost %s, reconnecting\n", publisher->url_.c_str());
     }
 }

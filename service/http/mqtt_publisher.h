@@ -1,13 +1,19 @@
 /// Publishes the service's commands to devices over MQTT: topic "vexo/<device>/cmd", QoS 1.
-/// The client connects in the background and reconnects by itself; a command published while
-/// the broker is away is queued by the client and sent when the connection is back.
+/// A thread of its own connects, reconnects with a doubling delay (1 s up to 10 s) and runs
+/// the client's network loop. A command published while the broker is away waits in a
+/// bounded queue and goes out when the connection is back, in order.
 #ifndef VEXO_CLOUD_MQTT_PUBLISHER_H
 #define VEXO_CLOUD_MQTT_PUBLISHER_H
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
+#include <utility>
 
 struct mosquitto;
 
@@ -20,25 +26,34 @@ bool parse_mqtt_url(const std::string &url, std::string *host, uint16_t *port, s
 class MqttPublisher {
   public:
     /// Starts a client for the broker at url; nullptr with *error for a bad URL or when the
-    /// client cannot be made. A broker that is not up yet is not an error: the client keeps
-    /// trying.
+    /// client cannot be made. A broker that is not up yet is not an error.
     static std::unique_ptr<MqttPublisher> start(const std::string &url, std::string *error);
     ~MqttPublisher();
     MqttPublisher(const MqttPublisher &) = delete;
     MqttPublisher &operator=(const MqttPublisher &) = delete;
 
-    /// Publishes payload to the device's command topic. False (with a log line) when the
-    /// client refused the message.
+    /// Publishes payload to the device's command topic now, or queues it until the broker is
+    /// back. False (with a log line) when it had to be dropped.
     bool publish(const std::string &device, const std::string &payload);
     bool connected() const { return connected_.load(); }
 
   private:
     MqttPublisher() = default;
+    void run();
+    /// Sends what waits in the queue; the caller holds mutex_.
+    void flush_locked();
     static void on_connect(struct mosquitto *client, void *self, int result);
     static void on_disconnect(struct mosquitto *client, void *self, int reason);
 
     struct mosquitto *client_ = nullptr;
     std::string url_;
+    std::string host_;
+    uint16_t port_ = 0;
+    std::thread thread_;
+    std::mutex mutex_; // the queue, connected_ changes, stopping_
+    std::condition_variable wake_;
+    std::deque<std::pair<std::string, std::string>> queue_; // topic, payload
+    bool stopping_ = false;
     std::atomic<bool> connected_{false};
 };
 

@@ -228,4 +228,77 @@ int decoded_video_frames(const std::string &file, std::string *errors) {
     return std::atoi(count.out.c_str());
 }
 
+Counts count(const RecordingContent &rec) {
+    Counts c;
+    for (const vexo_media::Entry &e : rec.entries) {
+        if (e.type == vexo_media::kTypeAudio) {
+            ++c.audio;
+        } else {
+            ++c.video;
+            c.key += e.type == vexo_media::kTypeKey;
+        }
+    }
+    return c;
+}
+
+void check_recording(const std::string &media_tool, const std::string &device,
+                     const RecordingContent &rec, const std::string &data,
+                     const std::set<e2e::NalList> &source_keys, int fps, const std::string &out_dir,
+                     bool closed) {
+    SCOPED_TRACE("recording " + std::to_string(rec.info.start_time));
+    EXPECT_TRUE(rec.faults.empty()) << rec.faults.front();
+    ASSERT_FALSE(rec.entries.empty());
+    // Uninit leaves the recording in progress open: it sends no stop notification.
+    EXPECT_EQ(rec.info.end_time != 0, closed);
+    const uint32_t first_type = rec.entries.front().type;
+    EXPECT_TRUE(first_type == vexo_media::kTypeKey || first_type == vexo_media::kTypeAudio);
+
+    vexo_media::Key key{};
+    ASSERT_TRUE(vexo_media::key_from_text(rec.info.key, &key));
+    EXPECT_EQ(vexo_media::key_md5(key), rec.info.key_md5);
+
+    uint64_t first_video = 0;
+    uint64_t last_video = 0;
+    size_t video = 0;
+    size_t keys_matched = 0;
+    for (const vexo_media::Entry &e : rec.entries) {
+        if (e.type == vexo_media::kTypeAudio) {
+            continue;
+        }
+        if (video == 0) {
+            first_video = e.timestamp;
+        } else {
+            EXPECT_GT(e.timestamp, last_video) << "video time stamps out of order";
+        }
+        last_video = e.timestamp;
+        ++video;
+        if (e.type == vexo_media::kTypeKey) {
+            std::vector<uint8_t> plain;
+            ASSERT_TRUE(vexo_media::plain_payload(key, e, &plain)) << "offset " << e.offset;
+            keys_matched += source_keys.count(e2e::nal_list(plain));
+        }
+    }
+    const Counts c = count(rec);
+    EXPECT_GT(c.key, 0u);
+    EXPECT_EQ(keys_matched, c.key) << "key frames that are not the clip's";
+    // The camera stamps frame k at k * 1000 / fps ms: every frame of the window is there.
+    const uint64_t span_frames = (last_video - first_video) * static_cast<uint64_t>(fps) / 1000;
+    EXPECT_EQ(video, span_frames + 1)
+        << "video frames missing between " << first_video << " and " << last_video;
+
+    const std::string start = std::to_string(rec.info.start_time);
+    const e2e::Result verify =
+        e2e::run({media_tool, "verify", "--data", data, "--device", device, start});
+    EXPECT_EQ(verify.status, 0) << verify.out;
+
+    const std::string exported = out_dir + "/" + start + ".mp4";
+    const e2e::Result exp =
+        e2e::run({media_tool, "export", "--data", data, "--device", device, start, "-o", exported});
+    ASSERT_EQ(exp.status, 0) << exp.out;
+    std::string errors;
+    const int decoded = e2e::decoded_video_frames(exported, &errors);
+    EXPECT_EQ(errors, "") << "ffmpeg decode errors";
+    EXPECT_EQ(decoded, static_cast<int>(video)) << "frames in the export";
+}
+
 } // namespace e2e

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -60,6 +61,24 @@ std::vector<RecordingContent> read_cloud(const std::string &cloud_dir, const std
 
 /// Frames ffmpeg decodes from a file (video stream), or -1 with errors in *errors.
 int decoded_video_frames(const std::string &file, std::string *errors);
+
+struct Counts {
+    size_t video = 0;
+    size_t key = 0;
+    size_t audio = 0;
+};
+
+/// Video, key and audio entries of a recording.
+Counts count(const RecordingContent &rec);
+
+/// Checks one recording against the clip: well formed, closed or not as expected, its key is
+/// the cloud's, every key frame decrypts to a key frame of the clip, no video frame is
+/// missing inside its window, and the media tool verifies and exports it into a file ffmpeg
+/// decodes frame for frame.
+void check_recording(const std::string &media_tool, const std::string &device,
+                     const RecordingContent &rec, const std::string &data,
+                     const std::set<NalList> &source_keys, int fps, const std::string &out_dir,
+                     bool closed = true);
 
 } // namespace e2e
 

@@ -34,88 +34,6 @@ std::vector<std::string> camsim_args(const std::string &data, const std::string 
     return argv;
 }
 
-struct Counts {
-    size_t video = 0;
-    size_t key = 0;
-    size_t audio = 0;
-};
-
-Counts count(const RecordingContent &rec) {
-    Counts c;
-    for (const vexo_media::Entry &e : rec.entries) {
-        if (e.type == vexo_media::kTypeAudio) {
-            ++c.audio;
-        } else {
-            ++c.video;
-            c.key += e.type == vexo_media::kTypeKey;
-        }
-    }
-    return c;
-}
-
-/// Checks one recording against the clip: well formed, closed or not as expected, its key is
-/// the cloud's, every key
-/// frame decrypts to a key frame of the clip, no video frame is missing inside its window,
-/// and the media tool verifies and exports it into a file ffmpeg decodes frame for frame.
-void check_recording(const RecordingContent &rec, const std::string &data,
-                     const std::set<e2e::NalList> &source_keys, int fps, const std::string &out_dir,
-                     bool closed = true) {
-    SCOPED_TRACE("recording " + std::to_string(rec.info.start_time));
-    EXPECT_TRUE(rec.faults.empty()) << rec.faults.front();
-    ASSERT_FALSE(rec.entries.empty());
-    // Uninit leaves the recording in progress open: it sends no stop notification.
-    EXPECT_EQ(rec.info.end_time != 0, closed);
-    const uint32_t first_type = rec.entries.front().type;
-    EXPECT_TRUE(first_type == vexo_media::kTypeKey || first_type == vexo_media::kTypeAudio);
-
-    vexo_media::Key key{};
-    ASSERT_TRUE(vexo_media::key_from_text(rec.info.key, &key));
-    EXPECT_EQ(vexo_media::key_md5(key), rec.info.key_md5);
-
-    uint64_t first_video = 0;
-    uint64_t last_video = 0;
-    size_t video = 0;
-    size_t keys_matched = 0;
-    for (const vexo_media::Entry &e : rec.entries) {
-        if (e.type == vexo_media::kTypeAudio) {
-            continue;
-        }
-        if (video == 0) {
-            first_video = e.timestamp;
-        } else {
-            EXPECT_GT(e.timestamp, last_video) << "video time stamps out of order";
-        }
-        last_video = e.timestamp;
-        ++video;
-        if (e.type == vexo_media::kTypeKey) {
-            std::vector<uint8_t> plain;
-            ASSERT_TRUE(vexo_media::plain_payload(key, e, &plain)) << "offset " << e.offset;
-            keys_matched += source_keys.count(e2e::nal_list(plain));
-        }
-    }
-    const Counts c = count(rec);
-    EXPECT_GT(c.key, 0u);
-    EXPECT_EQ(keys_matched, c.key) << "key frames that are not the clip's";
-    // The camera stamps frame k at k * 1000 / fps ms: every frame of the window is there.
-    const uint64_t span_frames = (last_video - first_video) * static_cast<uint64_t>(fps) / 1000;
-    EXPECT_EQ(video, span_frames + 1)
-        << "video frames missing between " << first_video << " and " << last_video;
-
-    const std::string start = std::to_string(rec.info.start_time);
-    const e2e::Result verify =
-        e2e::run({kMedia, "verify", "--data", data, "--device", kDevice, start});
-    EXPECT_EQ(verify.status, 0) << verify.out;
-
-    const std::string exported = out_dir + "/" + start + ".mp4";
-    const e2e::Result exp =
-        e2e::run({kMedia, "export", "--data", data, "--device", kDevice, start, "-o", exported});
-    ASSERT_EQ(exp.status, 0) << exp.out;
-    std::string errors;
-    const int decoded = e2e::decoded_video_frames(exported, &errors);
-    EXPECT_EQ(errors, "") << "ffmpeg decode errors";
-    EXPECT_EQ(decoded, static_cast<int>(video)) << "frames in the export";
-}
-
 TEST(EndToEnd, EventModeRecordsEachMotionEventWithTheCloudsKey) {
     e2e::TempDir tmp;
     const std::string clip =
@@ -140,8 +58,8 @@ TEST(EndToEnd, EventModeRecordsEachMotionEventWithTheCloudsKey) {
     EXPECT_EQ(recordings[1].info.announced_md5, recordings[0].info.key_md5);
     EXPECT_EQ(recordings[1].info.key, recordings[0].info.key);
     for (const RecordingContent &rec : recordings) {
-        EXPECT_GT(count(rec).audio, 0u);
-        check_recording(rec, cloud, key_set, 20, tmp.path());
+        EXPECT_GT(e2e::count(rec).audio, 0u);
+        e2e::check_recording(kMedia, kDevice, rec, cloud, key_set, 20, tmp.path());
     }
 }
 
@@ -179,7 +97,8 @@ TEST(EndToEnd, AllTimeRecordingSplitsAtLocalMidnightAndTheHalfHour) {
     EXPECT_TRUE(starts_near(midnight)) << "no recording starts at local midnight";
     EXPECT_TRUE(starts_near(half_past)) << "no recording starts at 00:30";
     for (size_t i = 0; i < recordings.size(); ++i) {
-        check_recording(recordings[i], cloud, key_set, 10, tmp.path(), i + 1 < recordings.size());
+        e2e::check_recording(kMedia, kDevice, recordings[i], cloud, key_set, 10, tmp.path(),
+                             i + 1 < recordings.size());
     }
 }
 

@@ -1,0 +1,94 @@
+// Starting and stopping the broker and the cloud service of the integration tests.
+#include "network_cloud.h"
+
+#include <signal.h>
+
+#include <fstream>
+
+namespace integration {
+
+const std::string kCloudTool = VEXO_IT_CLOUD;
+const std::string kCamsim = VEXO_IT_CAMSIM;
+const std::string kMediaTool = VEXO_IT_MEDIA;
+
+namespace {
+
+const std::string kMosquitto = VEXO_IT_MOSQUITTO;
+constexpr double kStartTimeoutS = 30;
+constexpr char kListening[] = "vexo-cloud: listening on ";
+
+} // namespace
+
+Broker::Broker(const std::string &dir) : dir_(dir), port_(free_port()) {}
+
+bool Broker::start() {
+    const std::string config = dir_ + "/mosquitto.conf";
+    std::ofstream(config) << "listener " << port_ << " 127.0.0.1\n"
+                          << "allow_anonymous true\n"
+                          // Sessions survive a restart, as on a production broker: a camera's
+                          // subscription stays, and commands for it wait while it is away.
+                          << "persistence true\n"
+                          << "persistence_location " << dir_ << "/\n"
+                          << "log_dest stderr\n"
+                          << "log_type error\nlog_type warning\nlog_type notice\n"
+                          << "log_type information\n";
+    ++starts_;
+    process_ = std::make_unique<Process>(std::vector<std::string>{kMosquitto, "-c", config},
+                                         dir_ + "/mosquitto-" + std::to_string(starts_) + ".log");
+    return process_->wait_for("running", kStartTimeoutS);
+}
+
+void Broker::stop() {
+    if (process_) {
+        process_->signal(SIGTERM);
+        process_->wait(kStartTimeoutS);
+    }
+}
+
+std::string Broker::url() const {
+    return "mqtt://127.0.0.1:" + std::to_string(port_);
+}
+
+Cloud::Cloud(const std::string &dir, const std::string &broker_url,
+             const std::vector<std::string> &extra)
+    : data_(dir + "/cloud") {
+    std::vector<std::string> argv = {kCloudTool, "serve",    "--data",
+                                     data_,      "--listen", "127.0.0.1:0"};
+    if (!broker_url.empty()) {
+        argv.insert(argv.end(), {"--mqtt", broker_url});
+    }
+    argv.insert(argv.end(), extra.begin(), extra.end());
+    process_ = std::make_unique<Process>(argv, dir + "/vexo-cloud.log");
+    if (!process_->wait_for(kListening, kStartTimeoutS)) {
+        return;
+    }
+    const std::string text = process_->output();
+    const size_t from = text.find(kListening) + sizeof kListening - 1;
+    url_ = text.substr(from, text.find(' ', from) - from);
+}
+
+e2e::Result Cloud::admin(std::vector<std::string> args) const {
+    args.insert(args.begin(), kCloudTool);
+    args.insert(args.end(), {"--server", url_});
+    return e2e::run(args);
+}
+
+int Cloud::stop() {
+    process_->signal(SIGTERM);
+    return process_->wait(kStartTimeoutS);
+}
+
+std::vector<std::string> camsim_args(const Cloud &cloud, const std::string &broker_url,
+                                     const std::string &data, const std::string &clip,
+                                     const std::string &device,
+                                     const std::vector<std::string> &extra) {
+    std::vector<std::string> argv = {kCamsim, "--quiet",  "--input", clip,      "--data",
+                                     data,    "--device", device,    "--cloud", cloud.url()};
+    if (!broker_url.empty()) {
+        argv.insert(argv.end(), {"--mqtt", broker_url});
+    }
+    argv.insert(argv.end(), extra.begin(), extra.end());
+    return argv;
+}
+
+} // namespace integration

@@ -1,0 +1,66 @@
+// The network cloud of the integration tests: a mosquitto broker and a vexo-cloud service on
+// loopback ports, each a real program in the background, with their logs kept for a look.
+#ifndef VEXO_INTEGRATION_NETWORK_CLOUD_H
+#define VEXO_INTEGRATION_NETWORK_CLOUD_H
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "e2e_support.h"
+#include "processes.h"
+
+namespace integration {
+
+extern const std::string kCloudTool;
+extern const std::string kCamsim;
+extern const std::string kMediaTool;
+
+/// A mosquitto broker on a loopback port of its own, keeping its sessions across a restart.
+class Broker {
+  public:
+    explicit Broker(const std::string &dir);
+    /// Starts it (again, on the same port); false when it did not come up.
+    bool start();
+    /// Ends it with SIGTERM.
+    void stop();
+    std::string url() const;
+    std::string output() const { return process_ ? process_->output() : ""; }
+
+  private:
+    std::string dir_;
+    uint16_t port_;
+    int starts_ = 0;
+    std::unique_ptr<Process> process_;
+};
+
+/// vexo-cloud serve on any free loopback port, its data in dir/cloud.
+class Cloud {
+  public:
+    /// extra: more serve options (--token, --max-body, ...); broker_url may be empty.
+    Cloud(const std::string &dir, const std::string &broker_url,
+          const std::vector<std::string> &extra = {});
+    bool up() const { return !url_.empty(); }
+    const std::string &url() const { return url_; }
+    const std::string &data() const { return data_; }
+    std::string log() const { return process_->output(); }
+    /// Runs a vexo-cloud admin command against this service.
+    e2e::Result admin(std::vector<std::string> args) const;
+    /// Stops it (SIGTERM); its exit status.
+    int stop();
+
+  private:
+    std::string data_;
+    std::string url_;
+    std::unique_ptr<Process> process_;
+};
+
+/// vexo-camsim against the network cloud: quiet, the given clip and device, plus extra.
+std::vector<std::string> camsim_args(const Cloud &cloud, const std::string &broker_url,
+                                     const std::string &data, const std::string &clip,
+                                     const std::string &device,
+                                     const std::vector<std::string> &extra);
+
+} // namespace integration
+
+#endif

@@ -1,0 +1,400 @@
+// The camera against the network cloud: vexo-camsim on the host kit talking HTTP to a real
+// vexo-cloud and taking commands from a real mosquitto broker, all on loopback. Each run
+// checks what reached the cloud, and the failure runs check that the camera neither crashes
+// nor hammers a cloud that refuses it.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <httplib.h>
+#include <netinet/in.h>
+#include <nlohmann/json.hpp>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include "e2e_support.h"
+#include "network_cloud.h"
+#include "scripted_cloud.h"
+
+namespace integration {
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string kDevice = "it-cam";
+const std::string kConfigPath = "/v1/devices/" + kDevice + "/storage/config";
+/// 2026-01-01 10:05:00 UTC: far from the half hours at which all-time recordings split.
+const std::string kMorning = "1767261900";
+constexpr double kRunTimeoutS = 300;
+
+struct Clip {
+    std::string path;
+    std::set<e2e::NalList> keys;
+};
+
+/// A 6 s clip at 20 fps with a key frame every 2 s and G.711 audio (no encoder delay, so
+/// the loop has no gap in the video time line).
+Clip make_clip(const std::string &dir) {
+    Clip clip;
+    clip.path = e2e::make_clip(dir, "clip.mkv", 320, 240, 20, 40, 6, "pcm_mulaw", 300);
+    const auto keys = e2e::source_key_frames(dir, clip.path);
+    clip.keys.insert(keys.begin(), keys.end());
+    return clip;
+}
+
+std::string config_answers(int status) {
+    return "GET " + kConfigPath + " -> " + std::to_string(status);
+}
+
+/// Every file and directory below dir with the files' contents.
+std::map<std::string, std::string> snapshot(const std::string &dir) {
+    std::map<std::string, std::string> entries;
+    std::error_code ec;
+    for (fs::recursive_directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
+        const std::string name = fs::relative(it->path(), dir).string();
+        if (it->is_directory()) {
+            entries[name] = "<directory>";
+        } else {
+            std::ifstream in(it->path(), std::ios::binary);
+            std::stringstream text;
+            text << in.rdbuf();
+            entries[name] = text.str();
+        }
+    }
+    return entries;
+}
+
+class NetworkCloudTest : public ::testing::Test {
+  protected:
+    e2e::TempDir tmp_;
+};
+
+TEST_F(NetworkCloudTest, EventModeOverHttpGetsItsKeyFromTheCloudAndExports) {
+    Broker broker(tmp_.path());
+    ASSERT_TRUE(broker.start()) << broker.output();
+    Cloud cloud(tmp_.path(), broker.url());
+    ASSERT_TRUE(cloud.up()) << cloud.log();
+    const Clip clip = make_clip(tmp_.path());
+
+    const e2e::Result r = e2e::run(
+        camsim_args(cloud, broker.url(), tmp_.path() + "/camera", clip.path, kDevice,
+                    {"--speed", "4", "--duration", "40", "--event-duration", "8", "--slice", "4",
+                     "--silence", "3", "--motion", "6+6", "--motion", "26"}));
+    ASSERT_EQ(r.status, 0) << r.out;
+    EXPECT_NE(r.out.find("mqtt connected"), std::string::npos) << r.out;
+
+    const auto recordings = e2e::read_cloud(cloud.data(), kDevice);
+    ASSERT_EQ(recordings.size(), 2u) << r.out << cloud.log();
+    // The camera had no key: the cloud issued one at the first start, the camera started
+    // again with it, and the second recording announced the same key's md5.
+    EXPECT_EQ(occurrences(cloud.log(), "notify.upload.start -> 200"), 3u) << cloud.log();
+    EXPECT_EQ(recordings[0].info.announced_md5, recordings[0].info.key_md5);
+    EXPECT_EQ(recordings[1].info.announced_md5, recordings[0].info.key_md5);
+    EXPECT_EQ(recordings[1].info.key, recordings[0].info.key);
+    for (const e2e::RecordingContent &rec : recordings) {
+        e2e::check_recording(kMediaTool, kDevice, rec, cloud.data(), clip.keys, 20, tmp_.path());
+    }
+    EXPECT_EQ(cloud.stop(), 0);
+}
+
+TEST_F(NetworkCloudTest, RemoteTriggerOverMqttStoresTheSnapshotAndARecording) {
+    Broker broker(tmp_.path());
+    ASSERT_TRUE(broker.start()) << broker.output();
+    Cloud cloud(tmp_.path(), broker.url());
+    ASSERT_TRUE(cloud.up()) << cloud.log();
+    const Clip clip = make_clip(tmp_.path());
+
+    const e2e::Result r = e2e::run(camsim_args(
+        cloud, broker.url(), tmp_.path() + "/camera", clip.path, kDevice,
+        {"--speed", "2", "--duration", "24", "--slice", "4", "--trigger", "4:pic_v:8"}));
+    ASSERT_EQ(r.status, 0) << r.out;
+    EXPECT_NE(cloud.log().find("published to vexo/" + kDevice + "/cmd"), std::string::npos)
+        << cloud.log();
+    ASSERT_EQ(cloud.stop(), 0);
+
+    vexo_cloud::Options options;
+    options.data_dir = cloud.data();
+    vexo_cloud::Service service(options);
+    const auto alarms = service.alarms(kDevice);
+    ASSERT_EQ(alarms.size(), 1u) << r.out;
+    ASSERT_TRUE(alarms[0].with_picture);
+    const e2e::Result probe =
+        e2e::run({"ffprobe", "-v", "error", "-show_entries", "stream=codec_name,width,height",
+                  "-of", "csv=p=0", alarms[0].picture_path});
+    EXPECT_EQ(probe.out, "mjpeg,320,240\n");
+
+    const auto recordings = e2e::read_cloud(cloud.data(), kDevice);
+    ASSERT_EQ(recordings.size(), 1u) << r.out;
+    e2e::check_recording(kMediaTool, kDevice, recordings[0], cloud.data(), clip.keys, 20,
+                         tmp_.path());
+}
+
+TEST_F(NetworkCloudTest, AbortOverMqttStopsRecordingUntilTheOrderIsSetAgain) {
+    Broker broker(tmp_.path());
+    ASSERT_TRUE(broker.start()) << broker.output();
+    Cloud cloud(tmp_.path(), broker.url());
+    ASSERT_TRUE(cloud.up()) << cloud.log();
+    const Clip clip = make_clip(tmp_.path());
+
+    // All-time recording from 10:05:00; the order is aborted at 8 s and set again at 18 s.
+    const e2e::Result r = e2e::run(
+        camsim_args(cloud, broker.url(), tmp_.path() + "/camera", clip.path, kDevice,
+                    {"--mode", "alltime", "--start", kMorning, "--speed", "2", "--duration", "28",
+                     "--slice", "4", "--abort", "8", "--order", "18:alltime"}));
+    ASSERT_EQ(r.status, 0) << r.out;
+    const size_t stopped = r.out.find("store mode alltime -> no order");
+    const size_t resumed = r.out.find("store mode no order -> alltime");
+    ASSERT_NE(stopped, std::string::npos) << r.out;
+    ASSERT_NE(resumed, std::string::npos) << r.out;
+    EXPECT_LT(stopped, resumed);
+    // The abort itself needs no fetch; setting the order again makes the camera ask.
+    EXPECT_GE(occurrences(cloud.log(), config_answers(200)), 2u) << cloud.log();
+
+    // From the abort until the order came back the camera sent nothing at all; then it
+    // recorded again. (What the ring still held from the quiet time goes up afterwards.)
+    const std::string log = cloud.log();
+    const size_t aborted = log.find("POST /v1/admin/devices/" + kDevice + "/abort -> 200");
+    const size_t renewed = log.find("PUT /v1/admin/devices/" + kDevice + "/order -> 200", aborted);
+    ASSERT_NE(aborted, std::string::npos) << log;
+    ASSERT_NE(renewed, std::string::npos) << log;
+    const std::string quiet = log.substr(aborted, renewed - aborted);
+    EXPECT_EQ(occurrences(quiet, "/v1/devices/" + kDevice), 0u) << quiet;
+    EXPECT_EQ(occurrences(quiet, "/v1/api/"), 0u) << quiet;
+    const std::string later = log.substr(renewed);
+    EXPECT_GT(occurrences(later, "PUT /v1/devices/" + kDevice + "/media/"), 0u) << later;
+    for (const e2e::RecordingContent &rec : e2e::read_cloud(cloud.data(), kDevice)) {
+        EXPECT_TRUE(rec.faults.empty()) << rec.faults.front();
+    }
+    const e2e::Result verify =
+        e2e::run({kMediaTool, "verify", "--data", cloud.data(), "--device", kDevice});
+    EXPECT_EQ(verify.status, 0) << verify.out;
+}
+
+TEST_F(NetworkCloudTest, ExpiredOrderKeepsTheCameraQuietUntilItIsRenewed) {
+    Broker broker(tmp_.path());
+    ASSERT_TRUE(broker.start()) << broker.output();
+    Cloud cloud(tmp_.path(), broker.url());
+    ASSERT_TRUE(cloud.up()) << cloud.log();
+    const Clip clip = make_clip(tmp_.path());
+    const e2e::Result order =
+        cloud.admin({"order", kDevice, "--store-mode", "event", "--event-duration", "6", "--slice",
+                     "4", "--silence", "2", "--expired", "yes"});
+    ASSERT_EQ(order.status, 0) << order.out;
+
+    Process camsim(camsim_args(cloud, broker.url(), tmp_.path() + "/camera", clip.path, kDevice,
+                               {"--no-order", "--speed", "2", "--duration", "44", "--motion", "4",
+                                "--motion", "34+4"}),
+                   tmp_.path() + "/camsim.log");
+    // The expired order puts the camera in "no order" at once; the motion at 4 s (2 s real)
+    // records nothing, and the camera does not ask again and again.
+    ASSERT_TRUE(camsim.wait_for("store mode not configured -> no order", 60)) << camsim.output();
+    ASSERT_TRUE(camsim.wait_for("mqtt connected", 30)) << camsim.output();
+    ASSERT_TRUE(camsim.wait_for("4.0s motion event", 30)) << camsim.output();
+    std::this_thread::sleep_for(std::chrono::seconds(3));
+    EXPECT_EQ(occurrences(cloud.log(), config_answers(410)), 1u) << cloud.log();
+    EXPECT_EQ(occurrences(cloud.log(), "/v1/api/"), 0u) << cloud.log();
+
+    const e2e::Result renew = cloud.admin({"order", kDevice, "--expired", "no"});
+    ASSERT_EQ(renew.status, 0) << renew.out;
+    EXPECT_TRUE(camsim.wait_for("-> event", 60)) << camsim.output();
+    ASSERT_EQ(camsim.wait(kRunTimeoutS), 0) << camsim.output();
+    EXPECT_EQ(occurrences(cloud.log(), config_answers(410)), 1u) << cloud.log();
+
+    const auto recordings = e2e::read_cloud(cloud.data(), kDevice);
+    ASSERT_EQ(recordings.size(), 1u) << camsim.output();
+    e2e::check_recording(kMediaTool, kDevice, recordings[0], cloud.data(), clip.keys, 20,
+                         tmp_.path());
+}
+
+TEST_F(NetworkCloudTest, FailingServiceIsNotHammered) {
+    const Clip clip = make_clip(tmp_.path());
+    ScriptedCloud failing([](const std::string &, size_t) {
+        return ScriptedCloud::Answer{503, R"({"error":"maintenance"})"};
+    });
+    const std::string camera = tmp_.path() + "/camera";
+    std::vector<std::string> argv = {kCamsim,   "--quiet",     "--input",    clip.path,
+                                     "--data",  camera,        "--device",   kDevice,
+                                     "--cloud", failing.url(), "--no-order", "--duration",
+                                     "10",      "--motion",    "3"};
+    const e2e::Result r = e2e::run(argv);
+    // The module takes a failing service as "no valid order": it runs on, records nothing,
+    // and asks again only after an hour instead of retrying at once.
+    EXPECT_EQ(r.status, 0) << r.out;
+    EXPECT_NE(r.out.find("store mode not configured -> no order"), std::string::npos) << r.out;
+    EXPECT_EQ(failing.times(kConfigPath).size(), 1u);
+    EXPECT_EQ(failing.times("/v1/api/vexo.device.ipc.media.storage.notify.upload.start").size(),
+              0u);
+    std::ifstream seq(camera + "/camera/seq-log.jsonl");
+    std::stringstream text;
+    text << seq.rdbuf();
+    EXPECT_NE(text.str().find("-2006"), std::string::npos) << text.str();
+}
+
+TEST_F(NetworkCloudTest, UnusableConfigAnswersAreRetriedWithAGrowingDelay) {
+    const Clip clip = make_clip(tmp_.path());
+    constexpr size_t kBad = 4;
+    ScriptedCloud flaky([](const std::string &path, size_t n) {
+        if (path == kConfigPath) {
+            return n < kBad ? ScriptedCloud::Answer{200, "<html>gateway</html>"}
+                            : ScriptedCloud::Answer{200, R"({"cloudType":"local",
+                                  "storeMode":"event","eventDuration":6,"sliceDuration":4,
+                                  "silenceInterval":2,"countLeft":5})"};
+        }
+        if (path == "/v1/devices/" + kDevice + "/storage/restriction") {
+            return ScriptedCloud::Answer{200, R"({"eventDuration":6,"sliceDuration":4})"};
+        }
+        return ScriptedCloud::Answer{503, "{}"};
+    });
+    std::vector<std::string> argv = {
+        kCamsim,    "--quiet",  "--input", clip.path,   "--data",     tmp_.path() + "/camera",
+        "--device", kDevice,    "--cloud", flaky.url(), "--no-order", "--duration",
+        "3",        "--motion", "1"};
+    const e2e::Result r = e2e::run(argv);
+    EXPECT_EQ(r.status, 0) << r.out;
+    const std::vector<double> at = flaky.times(kConfigPath);
+    ASSERT_EQ(at.size(), kBad + 1) << r.out;
+    // Each retry waits at least twice as long as the one before, from half a second.
+    for (size_t i = 1; i < at.size(); ++i) {
+        EXPECT_GE(at[i] - at[i - 1], 0.45 * static_cast<double>(1u << (i - 1))) << "retry " << i;
+    }
+    EXPECT_NE(r.out.find("-> event"), std::string::npos) << r.out;
+}
+
+/// Sends a request head and only part of the body it announces, then hangs up.
+void send_cut_upload(const std::string &url, const std::string &path, const std::string &token) {
+    const uint16_t port = static_cast<uint16_t>(std::stoi(url.substr(url.rfind(':') + 1)));
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    const std::string request = "PUT " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\n" +
+                                "X-Vexo-Device: " + kDevice + "\r\nAuthorization: Bearer " + token +
+                                "\r\nContent-Length: 100000\r\n\r\n" + std::string(3000, 'x');
+    ASSERT_EQ(::send(fd, request.data(), request.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(request.size()));
+    ::close(fd);
+}
+
+TEST_F(NetworkCloudTest, BadRequestsGetAJsonErrorAndChangeNothing) {
+    Cloud cloud(tmp_.path(), "", {"--token", kDevice + "=secret", "--max-body", "4096"});
+    ASSERT_TRUE(cloud.up()) << cloud.log();
+    httplib::Client client(cloud.url());
+    const httplib::Headers good = {{"X-Vexo-Device", kDevice}, {"Authorization", "Bearer secret"}};
+    ASSERT_EQ(client.Get(kConfigPath.c_str(), good)->status, 200);
+    const auto before = snapshot(cloud.data());
+
+    const std::string media = "/v1/devices/" + kDevice + "/media/";
+    const std::string start_api = "/v1/api/vexo.device.ipc.media.storage.notify.upload.start?v=1.0";
+    struct Case {
+        const char *what;
+        std::function<httplib::Result()> send;
+        int status;
+    };
+    const std::vector<Case> cases = {
+        {"wrong token",
+         [&] {
+             return client.Get(kConfigPath.c_str(),
+                               {{"X-Vexo-Device", kDevice}, {"Authorization", "Bearer guess"}});
+         },
+         401},
+        {"no token",
+         [&] {
+             return client.Get(kConfigPath.c_str(), {{"X-Vexo-Device", kDevice}});
+         },
+         401},
+        {"unknown device", [&] { return client.Get("/v1/admin/devices/ghost/order"); }, 404},
+        {"bad JSON",
+         [&] {
+             return client.Post(start_api.c_str(), good, "{\"startTime\":", "application/json");
+         },
+         400},
+        {"oversize body",
+         [&] {
+             return client.Put((media + "1767261900_0000.media").c_str(), good,
+                               std::string(5000, 'x'), "media/av");
+         },
+         413},
+        {"path out of the data directory",
+         [&] {
+             return client.Put((media + "..%2F..%2F..%2Fescape.media").c_str(), good, "x",
+                               "media/av");
+         },
+         400},
+        {"device path out of the data directory",
+         [&] {
+             return client.Get(
+                 "/v1/devices/..%2F..%2Fetc/storage/config",
+                 {{"X-Vexo-Device", "../../etc"}, {"Authorization", "Bearer secret"}});
+         },
+         404},
+        {"bad admin JSON",
+         [&] {
+             return client.Put(("/v1/admin/devices/" + kDevice + "/order").c_str(), "{",
+                               "application/json");
+         },
+         400},
+        {"unknown method", [&] { return client.Delete(kConfigPath.c_str(), good); }, 404},
+    };
+    for (const Case &c : cases) {
+        const httplib::Result result = c.send();
+        ASSERT_TRUE(result) << c.what;
+        EXPECT_EQ(result->status, c.status) << c.what << ": " << result->body;
+        const auto body = nlohmann::json::parse(result->body, nullptr, false);
+        EXPECT_TRUE(body.is_object() && body.contains("error")) << c.what << ": " << result->body;
+    }
+    send_cut_upload(cloud.url(), media + "1767261900_0001.media", "secret");
+    // The server is still there, and nothing of the refused requests or of the cut-off
+    // upload shows in its data.
+    ASSERT_EQ(client.Get(kConfigPath.c_str(), good)->status, 200);
+    EXPECT_EQ(snapshot(cloud.data()), before);
+    EXPECT_FALSE(fs::exists(tmp_.path() + "/escape.media"));
+    EXPECT_EQ(cloud.stop(), 0);
+}
+
+TEST_F(NetworkCloudTest, BrokerRestartDuringARun) {
+    Broker broker(tmp_.path());
+    ASSERT_TRUE(broker.start()) << broker.output();
+    Cloud cloud(tmp_.path(), broker.url());
+    ASSERT_TRUE(cloud.up()) << cloud.log();
+    const Clip clip = make_clip(tmp_.path());
+    Process camsim(camsim_args(cloud, broker.url(), tmp_.path() + "/camera", clip.path, kDevice,
+                               // An order that changes nothing, so that no motion is made up.
+                               {"--duration", "50", "--event-duration", "6", "--slice", "4",
+                                "--silence", "2", "--order", "49:event"}),
+                   tmp_.path() + "/camsim.log");
+    ASSERT_TRUE(camsim.wait_for("mqtt connected", 30)) << camsim.output();
+
+    broker.stop();
+    ASSERT_TRUE(camsim.wait_for("mqtt disconnected", 30)) << camsim.output();
+    // A trigger while the broker is away waits in the service...
+    const e2e::Result trigger = cloud.admin({"trigger", kDevice, "record", "--duration", "6"});
+    ASSERT_EQ(trigger.status, 0) << trigger.out;
+    EXPECT_NE(cloud.log().find("queued for vexo/" + kDevice + "/cmd"), std::string::npos)
+        << cloud.log();
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    // ...and reaches the camera once both clients are back by themselves.
+    ASSERT_TRUE(broker.start()) << broker.output();
+    ASSERT_TRUE(camsim.wait_for("mqtt connected", 40, 2)) << camsim.output();
+    for (int i = 0; i < 400 && occurrences(cloud.log(), "mqtt: connected to") < 2; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    EXPECT_GE(occurrences(cloud.log(), "mqtt: connected to"), 2u) << cloud.log();
+    ASSERT_EQ(camsim.wait(kRunTimeoutS), 0) << camsim.output();
+    // The recording the trigger asked for after the restart, and nothing else.
+    const auto recordings = e2e::read_cloud(cloud.data(), kDevice);
+    ASSERT_EQ(recordings.size(), 1u) << camsim.output() << cloud.log();
+    for (const e2e::RecordingContent &rec : recordings) {
+        e2e::check_recording(kMediaTool, kDevice, rec, cloud.data(), clip.keys, 20, tmp_.path());
+    }
+}
+
+} // namespace
+} // namespace integration
