@@ -1,10 +1,9 @@
 // Helpers of the end-to-end tests.
 #include "e2e_support.h"
 
-#include <fcntl.h>
+#include "processes.h"
+
 #include <gtest/gtest.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -13,53 +12,26 @@
 #include <fstream>
 #include <sstream>
 
-extern char **environ;
 
 namespace e2e {
 namespace fs = std::filesystem;
 
 Result run(const std::vector<std::string> &argv, const std::vector<std::string> &env) {
-    Result r;
     const std::string log =
         (fs::temp_directory_path() /
          ("vexo-e2e-" + std::to_string(getpid()) + "-" + std::to_string(std::rand()) + ".log"))
             .string();
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, log.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
-    std::vector<char *> args;
-    for (const std::string &a : argv) {
-        args.push_back(const_cast<char *>(a.c_str()));
+    Result r;
+    {
+        Process process(argv, log, env);
+        if (!process.started()) {
+            r.out = "cannot start " + argv[0];
+            return r;
+        }
+        // Without a limit: the test's own time limit ends a run that hangs.
+        r.status = process.wait(1e9);
+        r.out = process.output();
     }
-    args.push_back(nullptr);
-    std::vector<std::string> env_text;
-    for (char **e = environ; *e != nullptr; ++e) {
-        env_text.emplace_back(*e);
-    }
-    for (const std::string &e : env) {
-        env_text.push_back(e);
-    }
-    std::vector<char *> envp;
-    for (std::string &e : env_text) {
-        envp.push_back(e.data());
-    }
-    envp.push_back(nullptr);
-    pid_t pid = 0;
-    if (posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), envp.data()) != 0) {
-        posix_spawn_file_actions_destroy(&actions);
-        r.out = "cannot start " + argv[0];
-        return r;
-    }
-    posix_spawn_file_actions_destroy(&actions);
-    int wstatus = 0;
-    waitpid(pid, &wstatus, 0);
-    r.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
-    std::ifstream in(log);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    r.out = ss.str();
     fs::remove(log);
     return r;
 }

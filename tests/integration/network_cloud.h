@@ -12,6 +12,10 @@
 
 namespace integration {
 
+using e2e::free_port;
+using e2e::occurrences;
+using e2e::Process;
+
 extern const std::string kCloudTool;
 extern const std::string kCamsim;
 extern const std::string kMediaTool;

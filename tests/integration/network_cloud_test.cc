@@ -75,16 +75,32 @@ class NetworkCloudTest : public ::testing::Test {
     e2e::TempDir tmp_;
 };
 
-TEST_F(NetworkCloudTest, EventModeOverHttpGetsItsKeyFromTheCloudAndExports) {
-    Broker broker(tmp_.path());
-    ASSERT_TRUE(broker.start()) << broker.output();
-    Cloud cloud(tmp_.path(), broker.url());
-    ASSERT_TRUE(cloud.up()) << cloud.log();
-    const Clip clip = make_clip(tmp_.path());
+/// A broker, the service publishing through it, and a clip for the camera.
+class CameraOnNetworkTest : public NetworkCloudTest {
+  protected:
+    void SetUp() override {
+        broker_ = std::make_unique<Broker>(tmp_.path());
+        ASSERT_TRUE(broker_->start()) << broker_->output();
+        cloud_ = std::make_unique<Cloud>(tmp_.path(), broker_->url());
+        ASSERT_TRUE(cloud_->up()) << cloud_->log();
+        clip_ = make_clip(tmp_.path());
+    }
+    /// vexo-camsim on the clip against this cloud and broker, keeping its data in camera/.
+    std::vector<std::string> camera_args(const std::vector<std::string> &extra) const {
+        return camsim_args(*cloud_, broker_->url(), tmp_.path() + "/camera", clip_.path, kDevice,
+                           extra);
+    }
+
+    std::unique_ptr<Broker> broker_;
+    std::unique_ptr<Cloud> cloud_;
+    Clip clip_;
+};
+
+TEST_F(CameraOnNetworkTest, EventModeOverHttpGetsItsKeyFromTheCloudAndExports) {
+    Cloud &cloud = *cloud_;
 
     const e2e::Result r = e2e::run(
-        camsim_args(cloud, broker.url(), tmp_.path() + "/camera", clip.path, kDevice,
-                    {"--speed", "4", "--duration", "40", "--event-duration", "8", "--slice", "4",
+        camera_args({"--speed", "4", "--duration", "40", "--event-duration", "8", "--slice", "4",
                      "--silence", "3", "--motion", "6+6", "--motion", "26"}));
     ASSERT_EQ(r.status, 0) << r.out;
     EXPECT_NE(r.out.find("mqtt connected"), std::string::npos) << r.out;
@@ -98,20 +114,15 @@ TEST_F(NetworkCloudTest, EventModeOverHttpGetsItsKeyFromTheCloudAndExports) {
     EXPECT_EQ(recordings[1].info.announced_md5, recordings[0].info.key_md5);
     EXPECT_EQ(recordings[1].info.key, recordings[0].info.key);
     for (const e2e::RecordingContent &rec : recordings) {
-        e2e::check_recording(kMediaTool, kDevice, rec, cloud.data(), clip.keys, 20, tmp_.path());
+        e2e::check_recording(kMediaTool, kDevice, rec, cloud.data(), clip_.keys, 20, tmp_.path());
     }
     EXPECT_EQ(cloud.stop(), 0);
 }
 
-TEST_F(NetworkCloudTest, RemoteTriggerOverMqttStoresTheSnapshotAndARecording) {
-    Broker broker(tmp_.path());
-    ASSERT_TRUE(broker.start()) << broker.output();
-    Cloud cloud(tmp_.path(), broker.url());
-    ASSERT_TRUE(cloud.up()) << cloud.log();
-    const Clip clip = make_clip(tmp_.path());
+TEST_F(CameraOnNetworkTest, RemoteTriggerOverMqttStoresTheSnapshotAndARecording) {
+    Cloud &cloud = *cloud_;
 
-    const e2e::Result r = e2e::run(camsim_args(
-        cloud, broker.url(), tmp_.path() + "/camera", clip.path, kDevice,
+    const e2e::Result r = e2e::run(camera_args(
         {"--speed", "2", "--duration", "24", "--slice", "4", "--trigger", "4:pic_v:8"}));
     ASSERT_EQ(r.status, 0) << r.out;
     EXPECT_NE(cloud.log().find("published to vexo/" + kDevice + "/cmd"), std::string::npos)
@@ -131,21 +142,16 @@ TEST_F(NetworkCloudTest, RemoteTriggerOverMqttStoresTheSnapshotAndARecording) {
 
     const auto recordings = e2e::read_cloud(cloud.data(), kDevice);
     ASSERT_EQ(recordings.size(), 1u) << r.out;
-    e2e::check_recording(kMediaTool, kDevice, recordings[0], cloud.data(), clip.keys, 20,
+    e2e::check_recording(kMediaTool, kDevice, recordings[0], cloud.data(), clip_.keys, 20,
                          tmp_.path());
 }
 
-TEST_F(NetworkCloudTest, AbortOverMqttStopsRecordingUntilTheOrderIsSetAgain) {
-    Broker broker(tmp_.path());
-    ASSERT_TRUE(broker.start()) << broker.output();
-    Cloud cloud(tmp_.path(), broker.url());
-    ASSERT_TRUE(cloud.up()) << cloud.log();
-    const Clip clip = make_clip(tmp_.path());
+TEST_F(CameraOnNetworkTest, AbortOverMqttStopsRecordingUntilTheOrderIsSetAgain) {
+    Cloud &cloud = *cloud_;
 
     // All-time recording from 10:05:00; the order is aborted at 8 s and set again at 18 s.
     const e2e::Result r = e2e::run(
-        camsim_args(cloud, broker.url(), tmp_.path() + "/camera", clip.path, kDevice,
-                    {"--mode", "alltime", "--start", kMorning, "--speed", "2", "--duration", "28",
+        camera_args({"--mode", "alltime", "--start", kMorning, "--speed", "2", "--duration", "28",
                      "--slice", "4", "--abort", "8", "--order", "18:alltime"}));
     ASSERT_EQ(r.status, 0) << r.out;
     const size_t stopped = r.out.find("store mode alltime -> no order");
@@ -176,19 +182,14 @@ TEST_F(NetworkCloudTest, AbortOverMqttStopsRecordingUntilTheOrderIsSetAgain) {
     EXPECT_EQ(verify.status, 0) << verify.out;
 }
 
-TEST_F(NetworkCloudTest, ExpiredOrderKeepsTheCameraQuietUntilItIsRenewed) {
-    Broker broker(tmp_.path());
-    ASSERT_TRUE(broker.start()) << broker.output();
-    Cloud cloud(tmp_.path(), broker.url());
-    ASSERT_TRUE(cloud.up()) << cloud.log();
-    const Clip clip = make_clip(tmp_.path());
+TEST_F(CameraOnNetworkTest, ExpiredOrderKeepsTheCameraQuietUntilItIsRenewed) {
+    Cloud &cloud = *cloud_;
     const e2e::Result order =
         cloud.admin({"order", kDevice, "--store-mode", "event", "--event-duration", "6", "--slice",
                      "4", "--silence", "2", "--expired", "yes"});
     ASSERT_EQ(order.status, 0) << order.out;
 
-    Process camsim(camsim_args(cloud, broker.url(), tmp_.path() + "/camera", clip.path, kDevice,
-                               {"--no-order", "--speed", "2", "--duration", "44", "--motion", "4",
+    Process camsim(camera_args({"--no-order", "--speed", "2", "--duration", "44", "--motion", "4",
                                 "--motion", "34+4"}),
                    tmp_.path() + "/camsim.log");
     // The expired order puts the camera in "no order" at once; the motion at 4 s (2 s real)
@@ -208,7 +209,7 @@ TEST_F(NetworkCloudTest, ExpiredOrderKeepsTheCameraQuietUntilItIsRenewed) {
 
     const auto recordings = e2e::read_cloud(cloud.data(), kDevice);
     ASSERT_EQ(recordings.size(), 1u) << camsim.output();
-    e2e::check_recording(kMediaTool, kDevice, recordings[0], cloud.data(), clip.keys, 20,
+    e2e::check_recording(kMediaTool, kDevice, recordings[0], cloud.data(), clip_.keys, 20,
                          tmp_.path());
 }
 
@@ -359,16 +360,12 @@ TEST_F(NetworkCloudTest, BadRequestsGetAJsonErrorAndChangeNothing) {
     EXPECT_EQ(cloud.stop(), 0);
 }
 
-TEST_F(NetworkCloudTest, BrokerRestartDuringARun) {
-    Broker broker(tmp_.path());
-    ASSERT_TRUE(broker.start()) << broker.output();
-    Cloud cloud(tmp_.path(), broker.url());
-    ASSERT_TRUE(cloud.up()) << cloud.log();
-    const Clip clip = make_clip(tmp_.path());
-    Process camsim(camsim_args(cloud, broker.url(), tmp_.path() + "/camera", clip.path, kDevice,
-                               // An order that changes nothing, so that no motion is made up.
-                               {"--duration", "50", "--event-duration", "6", "--slice", "4",
-                                "--silence", "2", "--order", "49:event"}),
+TEST_F(CameraOnNetworkTest, BrokerRestartDuringARun) {
+    Broker &broker = *broker_;
+    Cloud &cloud = *cloud_;
+    Process camsim(camera_args( // An order that changes nothing, so that no motion is made up.
+                       {"--duration", "50", "--event-duration", "6", "--slice", "4", "--silence",
+                        "2", "--order", "49:event"}),
                    tmp_.path() + "/camsim.log");
     ASSERT_TRUE(camsim.wait_for("mqtt connected", 30)) << camsim.output();
 
@@ -392,7 +389,7 @@ TEST_F(NetworkCloudTest, BrokerRestartDuringARun) {
     const auto recordings = e2e::read_cloud(cloud.data(), kDevice);
     ASSERT_EQ(recordings.size(), 1u) << camsim.output() << cloud.log();
     for (const e2e::RecordingContent &rec : recordings) {
-        e2e::check_recording(kMediaTool, kDevice, rec, cloud.data(), clip.keys, 20, tmp_.path());
+        e2e::check_recording(kMediaTool, kDevice, rec, cloud.data(), clip_.keys, 20, tmp_.path());
     }
 }
 

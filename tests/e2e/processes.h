@@ -1,7 +1,7 @@
-// Helpers of the integration tests: programs running beside the test (broker, cloud service,
-// camera simulator) with their output in a file, and free loopback ports.
-#ifndef VEXO_INTEGRATION_PROCESSES_H
-#define VEXO_INTEGRATION_PROCESSES_H
+// Programs the end-to-end and integration tests run: in the background (broker, cloud
+// service, camera simulator) with their output in a file, and free loopback ports.
+#ifndef VEXO_E2E_PROCESSES_H
+#define VEXO_E2E_PROCESSES_H
 
 #include <sys/types.h>
 
@@ -9,13 +9,15 @@
 #include <string>
 #include <vector>
 
-namespace integration {
+namespace e2e {
 
 /// A program started in the background, its stdout and stderr going to log_path. Killed
 /// (SIGKILL) and reaped when destroyed, if still running.
 class Process {
   public:
-    Process(const std::vector<std::string> &argv, const std::string &log_path);
+    /// env: NAME=value added to the test's own environment.
+    Process(const std::vector<std::string> &argv, const std::string &log_path,
+            const std::vector<std::string> &env = {});
     ~Process();
     Process(const Process &) = delete;
     Process &operator=(const Process &) = delete;
@@ -44,6 +46,6 @@ uint16_t free_port();
 /// How often text occurs in haystack.
 size_t occurrences(const std::string &haystack, const std::string &text);
 
-} // namespace integration
+} // namespace e2e
 
 #endif

@@ -1,4 +1,4 @@
-// Background programs for the integration tests, on posix_spawn.
+// Programs run by the tests, on posix_spawn.
 #include "processes.h"
 
 #include <arpa/inet.h>
@@ -17,7 +17,7 @@
 
 extern char **environ;
 
-namespace integration {
+namespace e2e {
 
 namespace {
 
@@ -29,7 +29,8 @@ double seconds_since(std::chrono::steady_clock::time_point start) {
 
 } // namespace
 
-Process::Process(const std::vector<std::string> &argv, const std::string &log_path)
+Process::Process(const std::vector<std::string> &argv, const std::string &log_path,
+                 const std::vector<std::string> &env)
     : log_path_(log_path) {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
@@ -41,8 +42,18 @@ Process::Process(const std::vector<std::string> &argv, const std::string &log_pa
         args.push_back(const_cast<char *>(a.c_str()));
     }
     args.push_back(nullptr);
+    std::vector<std::string> env_text;
+    for (char **e = environ; *e != nullptr; ++e) {
+        env_text.emplace_back(*e);
+    }
+    env_text.insert(env_text.end(), env.begin(), env.end());
+    std::vector<char *> envp;
+    for (std::string &e : env_text) {
+        envp.push_back(e.data());
+    }
+    envp.push_back(nullptr);
     pid_t pid = -1;
-    if (posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ) == 0) {
+    if (posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), envp.data()) == 0) {
         pid_ = pid;
     }
     posix_spawn_file_actions_destroy(&actions);
@@ -129,4 +140,4 @@ size_t occurrences(const std::string &haystack, const std::string &text) {
     return count;
 }
 
-} // namespace integration
+} // namespace e2e
