@@ -21,6 +21,7 @@
 #include "e2e_support.h"
 #include "network_cloud.h"
 #include "scripted_cloud.h"
+#include "tests/host/test_certificate.h"
 
 namespace integration {
 namespace {
@@ -265,6 +266,38 @@ TEST_F(NetworkCloudTest, UnusableConfigAnswersAreRetriedWithAGrowingDelay) {
         EXPECT_GE(at[i] - at[i - 1], 0.45 * static_cast<double>(1u << (i - 1))) << "retry " << i;
     }
     EXPECT_NE(r.out.find("-> event"), std::string::npos) << r.out;
+}
+
+TEST_F(NetworkCloudTest, HttpsWithTheServicesOwnCertificate) {
+    std::string error;
+    ASSERT_TRUE(vexo_test::write_test_certificate(tmp_.path(), &error)) << error;
+    const std::string certificate = tmp_.path() + "/server.crt";
+    Cloud cloud(tmp_.path(), "",
+                {"--tls-cert", certificate, "--tls-key", tmp_.path() + "/server.key"});
+    ASSERT_TRUE(cloud.up()) << cloud.log();
+    ASSERT_EQ(cloud.url().rfind("https://", 0), 0u) << cloud.url();
+    const Clip clip = make_clip(tmp_.path());
+    const std::vector<std::string> argv = {kCamsim,      "--quiet", "--input",
+                                           clip.path,    "--data",  tmp_.path() + "/camera",
+                                           "--device",   kDevice,   "--cloud",
+                                           cloud.url(),  "--speed", "2",
+                                           "--duration", "14",      "--event-duration",
+                                           "6",          "--slice", "4",
+                                           "--motion",   "2"};
+
+    // The camera checks the service's certificate: without its CA it does not connect.
+    const e2e::Result untrusted = e2e::run(argv);
+    EXPECT_EQ(untrusted.status, 2) << untrusted.out;
+    EXPECT_FALSE(fs::exists(cloud.data() + "/" + kDevice));
+
+    std::vector<std::string> trusted = argv;
+    trusted.insert(trusted.end(), {"--cloud-ca", certificate});
+    const e2e::Result r = e2e::run(trusted);
+    ASSERT_EQ(r.status, 0) << r.out;
+    const auto recordings = e2e::read_cloud(cloud.data(), kDevice);
+    ASSERT_EQ(recordings.size(), 1u) << r.out << cloud.log();
+    e2e::check_recording(kMediaTool, kDevice, recordings[0], cloud.data(), clip.keys, 20,
+                         tmp_.path());
 }
 
 /// Sends a request head and only part of the body it announces, then hangs up.
