@@ -28,6 +28,9 @@ bool Broker::start() {
                           // Sessions survive a restart, as on a production broker: a camera's
                           // subscription stays, and commands for it wait while it is away.
                           << "persistence true\n"
+                          // Run as root (CI), it would drop to the mosquitto user, which may
+                          // not write to the test's private directory.
+                          << "user root\n"
                           << "persistence_location " << dir_ << "/\n"
                           << "log_dest stderr\n"
                           << "log_type error\nlog_type warning\nlog_type notice\n"
