@@ -12,7 +12,6 @@
 #include <fstream>
 #include <sstream>
 
-
 namespace e2e {
 namespace fs = std::filesystem;
 
