@@ -207,10 +207,11 @@ void MqttPublisher::on_connect(struct mosquitto *, void *self, int result) {
 void MqttPublisher::on_disconnect(struct mosquitto *, void *self, int) {
     auto *publisher = static_cast<MqttPublisher *>(self);
     std::lock_guard<std::mutex> lock(publisher->mutex_);
-    if (publisher->connected_) {
-        publisher->connected_ = false;
+    // Our own disconnect at stop is no loss.
+    if (publisher->connected_ && !publisher->stopping_) {
         std::fprintf(stderr, "vexo-cloud: mqtt: lost %s, reconnecting\n", publisher->url_.c_str());
     }
+    publisher->connected_ = false;
 }
 
 } // namespace vexo_cloud
