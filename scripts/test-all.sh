@@ -97,7 +97,7 @@ stage_asan() {
 }
 
 stage_tsan() {
-    export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1${TSAN_OPTIONS:+ ${TSAN_OPTIONS}}"
+    export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=${ROOT}/scripts/tsan.supp${TSAN_OPTIONS:+ ${TSAN_OPTIONS}}"
     configure_and_build tsan -DCMAKE_BUILD_TYPE=Debug -DVEXO_SANITIZE=thread
     # gcc 12's ThreadSanitizer cannot map its shadow memory when the kernel randomises
     # mmap addresses with more than 28 bits; run the tests without address randomisation then.
