@@ -22,26 +22,6 @@ struct JsonGuard {
     ~JsonGuard() { cJSON_Delete(root); }
 };
 
-/// Percent-encodes everything but unreserved characters, for one path segment.
-std::string path_segment(const char *text) {
-    static const char kHex[] = "0123456789ABCDEF";
-    std::string out;
-    for (const char *p = text; *p != '\0'; ++p) {
-        const unsigned char c = static_cast<unsigned char>(*p);
-        const bool unreserved = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
-                                (c >= '0' && c <= '9') || c == '-' || c == '_' || c == '.' ||
-                                c == '~';
-        if (unreserved) {
-            out += static_cast<char>(c);
-        } else {
-            out += '%';
-            out += kHex[c >> 4];
-            out += kHex[c & 15];
-        }
-    }
-    return out;
-}
-
 std::string device_id() {
     return internal::options().device_id;
 }
@@ -74,7 +54,7 @@ CloudResponse send(const CloudRequest &req) {
 }
 
 std::string device_path(const char *tail) {
-    return "/v1/devices/" + path_segment(device_id().c_str()) + tail;
+    return "/v1/devices/" + path_segment(device_id()) + tail;
 }
 
 void copy_text(char *dst, size_t capacity, const cJSON *obj, const char *name) {
@@ -119,6 +99,25 @@ std::string base64(const uint8_t *data, uint32_t len) {
 }
 
 } // namespace
+std::string path_segment(const std::string &text) {
+    static const char kHex[] = "0123456789ABCDEF";
+    std::string out;
+    for (const char ch : text) {
+        const unsigned char c = static_cast<unsigned char>(ch);
+        const bool unreserved = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
+                                (c >= '0' && c <= '9') || c == '-' || c == '_' || c == '.' ||
+                                c == '~';
+        if (unreserved) {
+            out += static_cast<char>(c);
+        } else {
+            out += '%';
+            out += kHex[c >> 4];
+            out += kHex[c & 15];
+        }
+    }
+    return out;
+}
+
 } // namespace hostkit
 
 extern "C" {

@@ -28,6 +28,10 @@ struct CloudResponse {
     std::string body;
 };
 
+/// Percent-encodes everything but unreserved characters (A-Z a-z 0-9 - _ . ~), so that text
+/// goes into a request path as one segment.
+std::string path_segment(const std::string &text);
+
 class CloudTransport {
   public:
     virtual ~CloudTransport() = default;

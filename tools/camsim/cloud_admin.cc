@@ -1,7 +1,6 @@
 // The network cloud's admin client, on the kit's libcurl transport.
 #include "cloud_admin.h"
 
-#include <cctype>
 #include <cstdint>
 
 namespace camsim {
@@ -10,22 +9,6 @@ namespace {
 constexpr uint32_t kAdminTimeoutS = 15;
 /// A recordings list of a long run is larger than any device answer.
 constexpr size_t kAdminAnswerLimit = size_t{16} << 20;
-
-std::string path_segment(const std::string &text) {
-    static const char kHex[] = "0123456789ABCDEF";
-    std::string out;
-    for (const char ch : text) {
-        const unsigned char c = static_cast<unsigned char>(ch);
-        if (std::isalnum(c) != 0 || c == '-' || c == '_' || c == '.' || c == '~') {
-            out += static_cast<char>(c);
-        } else {
-            out += '%';
-            out += kHex[c >> 4];
-            out += kHex[c & 15];
-        }
-    }
-    return out;
-}
 
 /// "403 device unknown" from {"error":"device unknown"}, or the status and the start of a
 /// body that is not such an object.
@@ -76,7 +59,7 @@ bool CloudAdmin::call(const char *method, const char *what, const nlohmann::orde
                       std::string *answer, std::string *error) {
     hostkit::CloudRequest req;
     req.method = method;
-    req.path = "/v1/admin/devices/" + path_segment(device_id_) + "/" + what;
+    req.path = "/v1/admin/devices/" + hostkit::path_segment(device_id_) + "/" + what;
     req.timeout_s = kAdminTimeoutS;
     if (!admin_token_.empty()) {
         req.headers["authorization"] = "Bearer " + admin_token_;
