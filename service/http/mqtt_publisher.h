@@ -5,7 +5,6 @@
 #ifndef VEXO_CLOUD_MQTT_PUBLISHER_H
 #define VEXO_CLOUD_MQTT_PUBLISHER_H
 
-#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -35,7 +34,6 @@ class MqttPublisher {
     /// Publishes payload to the device's command topic now, or queues it until the broker is
     /// back. False (with a log line) when it had to be dropped.
     bool publish(const std::string &device, const std::string &payload);
-    bool connected() const { return connected_.load(); }
 
   private:
     MqttPublisher() = default;
@@ -50,11 +48,11 @@ class MqttPublisher {
     std::string host_;
     uint16_t port_ = 0;
     std::thread thread_;
-    std::mutex mutex_; // the queue, connected_ changes, stopping_
+    std::mutex mutex_; // everything below
     std::condition_variable wake_;
     std::deque<std::pair<std::string, std::string>> queue_; // topic, payload
     bool stopping_ = false;
-    std::atomic<bool> connected_{false};
+    bool connected_ = false;
 };
 
 } // namespace vexo_cloud

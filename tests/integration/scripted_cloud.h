@@ -64,10 +64,6 @@ class ScriptedCloud {
         }
         return out;
     }
-    size_t requests() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return seen_.size();
-    }
 
   private:
     struct Seen {
