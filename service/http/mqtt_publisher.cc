@@ -155,19 +155,22 @@ void MqttPublisher::run() {
 void MqttPublisher::flush_locked() {
     while (!queue_.empty() && connected_) {
         const auto &[topic, payload] = queue_.front();
+        // Told before the message leaves: libmosquitto may write it to the socket inside
+        // mosquitto_publish, and whatever a camera does in answer must show after this line.
+        std::fprintf(stderr, "vexo-cloud: mqtt: publishing to %s %s\n", topic.c_str(),
+                     payload.c_str());
         const int rc =
             mosquitto_publish(client_, nullptr, topic.c_str(), static_cast<int>(payload.size()),
                               payload.data(), kQos, false);
         if (rc == MOSQ_ERR_NO_CONN) {
+            std::fprintf(stderr, "vexo-cloud: mqtt: not connected; %s kept for %s\n",
+                         payload.c_str(), topic.c_str());
             connected_ = false; // the loop notices and reconnects; keep the message
             return;
         }
         if (rc != MOSQ_ERR_SUCCESS) {
             std::fprintf(stderr, "vexo-cloud: mqtt: cannot publish to %s: %s; dropped\n",
                          topic.c_str(), mosquitto_strerror(rc));
-        } else {
-            std::fprintf(stderr, "vexo-cloud: mqtt: published to %s %s\n", topic.c_str(),
-                         payload.c_str());
         }
         queue_.pop_front();
     }
