@@ -91,8 +91,8 @@ void handle_trigger(const trigger_action &action, int32_t duration, const cJSON 
         const int32_t mode = c->store_mode.load(kRelaxed);
         if (mode != STORE_MODE_ALLTIME && mode != STORE_MODE_EVENT) {
             CS_ERR("cloud storage type error %d", static_cast<int>(mode));
+            Free(snapshot);
             cJSON_free(ext_text);
-            // By design the snapshot buffer is not released on this path; leave it so.
             return;
         }
         const uint32_t end = now + static_cast<uint32_t>(duration);

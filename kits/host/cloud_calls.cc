@@ -65,11 +65,36 @@ void copy_text(char *dst, size_t capacity, const cJSON *obj, const char *name) {
     }
 }
 
-void copy_int(int32_t *dst, const cJSON *obj, const char *name) {
+/// What an answer's whole number beyond 0..INT32_MAX means for its field.
+enum class OutOfRange {
+    kRefuse, ///< the answer is broken: durations, for which no bound is a safe guess
+    kClamp,  ///< the nearest bound is meant: counts (below zero: none; huge: plenty)
+};
+
+/// Copies a numeric member into *dst as a whole number in 0..INT32_MAX. A missing member, or
+/// one of another type, leaves *dst alone. A fraction is refused; a whole number beyond the
+/// range is refused or clamped as `beyond` says, with a log line either way. False when the
+/// answer is to be refused.
+bool copy_int(int32_t *dst, const cJSON *obj, const char *name, OutOfRange beyond,
+              const char *answer) {
     const cJSON *item = cJSON_GetObjectItemCaseSensitive(obj, name);
-    if (cJSON_IsNumber(item)) {
-        *dst = static_cast<int32_t>(item->valuedouble);
+    if (!cJSON_IsNumber(item)) {
+        return true;
     }
+    int64_t value = 0;
+    const internal::WholeNumber read = internal::read_whole_number(item, 0, INT32_MAX, &value);
+    if (read == internal::WholeNumber::kRefused ||
+        (read == internal::WholeNumber::kClamped && beyond == OutOfRange::kRefuse)) {
+        internal::log_error("%s: \"%s\" %.17g is not a whole number 0..2147483647; answer refused",
+                            answer, name, item->valuedouble);
+        return false;
+    }
+    if (read == internal::WholeNumber::kClamped) {
+        internal::log_error("%s: \"%s\" %.17g taken as %lld", answer, name, item->valuedouble,
+                            static_cast<long long>(value));
+    }
+    *dst = static_cast<int32_t>(value);
+    return true;
 }
 
 std::string base64(const uint8_t *data, uint32_t len) {
@@ -144,15 +169,22 @@ int32_t cloud_get_storage_config(vexo_storage_config_t *cfg, int32_t flag) {
         internal::log_error("storage config: answer is not a JSON object");
         return -1;
     }
-    std::memset(cfg, 0, sizeof *cfg);
-    copy_text(cfg->cloud_type, sizeof cfg->cloud_type, json.root, "cloudType");
-    copy_text(cfg->address_prefix, sizeof cfg->address_prefix, json.root, "addressPrefix");
-    copy_text(cfg->address_suffix, sizeof cfg->address_suffix, json.root, "addressSuffix");
-    copy_text(cfg->store_mode, sizeof cfg->store_mode, json.root, "storeMode");
-    copy_int(&cfg->event_duration, json.root, "eventDuration");
-    copy_int(&cfg->slice_duration, json.root, "sliceDuration");
-    copy_int(&cfg->silence_interval, json.root, "silenceInterval");
-    copy_int(&cfg->count_left, json.root, "countLeft");
+    // The numbers are read into a copy first, so a refused answer leaves the record as it was.
+    vexo_storage_config_t next;
+    std::memset(&next, 0, sizeof next);
+    const char *what = "storage config";
+    if (!copy_int(&next.event_duration, json.root, "eventDuration", OutOfRange::kRefuse, what) ||
+        !copy_int(&next.slice_duration, json.root, "sliceDuration", OutOfRange::kRefuse, what) ||
+        !copy_int(&next.silence_interval, json.root, "silenceInterval", OutOfRange::kRefuse,
+                  what) ||
+        !copy_int(&next.count_left, json.root, "countLeft", OutOfRange::kClamp, what)) {
+        return -1;
+    }
+    copy_text(next.cloud_type, sizeof next.cloud_type, json.root, "cloudType");
+    copy_text(next.address_prefix, sizeof next.address_prefix, json.root, "addressPrefix");
+    copy_text(next.address_suffix, sizeof next.address_suffix, json.root, "addressSuffix");
+    copy_text(next.store_mode, sizeof next.store_mode, json.root, "storeMode");
+    *cfg = next;
     return 0;
 }
 
@@ -170,8 +202,15 @@ int32_t cloud_get_storage_restriction_config(vexo_storage_config_t *cfg) {
     if (!cJSON_IsObject(json.root)) {
         return -1;
     }
-    copy_int(&cfg->event_duration, json.root, "eventDuration");
-    copy_int(&cfg->slice_duration, json.root, "sliceDuration");
+    int32_t event_duration = cfg->event_duration;
+    int32_t slice_duration = cfg->slice_duration;
+    const char *what = "storage restriction";
+    if (!copy_int(&event_duration, json.root, "eventDuration", OutOfRange::kRefuse, what) ||
+        !copy_int(&slice_duration, json.root, "sliceDuration", OutOfRange::kRefuse, what)) {
+        return -1;
+    }
+    cfg->event_duration = event_duration;
+    cfg->slice_duration = slice_duration;
     return 0;
 }
 

@@ -96,10 +96,21 @@ int32_t mqtt_dispatch(const std::string &payload) {
         return -1;
     }
     const cJSON *protocol = cJSON_GetObjectItemCaseSensitive(root, "protocol");
+    int64_t number = 0;
+    // A protocol number that names no possible handler is refused as it stands: clamping it
+    // would hand the message to whichever handler sits at the bound.
+    if (cJSON_IsNumber(protocol) && internal::read_whole_number(protocol, 0, UINT32_MAX, &number) !=
+                                        internal::WholeNumber::kFits) {
+        internal::log_error("mqtt: dropped a message whose protocol %.17g is not a whole number "
+                            "0..4294967295",
+                            protocol->valuedouble);
+        cJSON_Delete(root);
+        return -1;
+    }
     vexo_mqtt_handler_t handler = nullptr;
-    if (cJSON_IsNumber(protocol) && protocol->valuedouble >= 0) {
+    if (cJSON_IsNumber(protocol)) {
         std::lock_guard<std::mutex> lock(g_mu);
-        auto it = g_handlers.find(static_cast<uint32_t>(protocol->valuedouble));
+        auto it = g_handlers.find(static_cast<uint32_t>(number));
         if (it != g_handlers.end()) {
             handler = it->second;
         }

@@ -8,6 +8,8 @@
 
 #include "host_kit.h"
 
+struct cJSON;
+
 namespace hostkit::internal {
 
 /// The options start() was given (defaults before it).
@@ -34,6 +36,17 @@ void count_mqtt();
 void set_mqtt_connected(bool connected);
 void count_frame_pushed();
 void count_frames_overwritten(uint64_t n);
+
+/// What read_whole_number found.
+enum class WholeNumber {
+    kFits,    ///< a whole number within the bounds, in *out
+    kClamped, ///< a whole number beyond a bound; *out holds that bound
+    kRefused, ///< not a number, or one with a fraction; *out untouched
+};
+/// A JSON number as a whole number within [low, high], without the undefined behaviour of
+/// casting an out-of-range double. The bounds must lie within +-2^53. The caller decides
+/// whether a clamped value is used (and logs it) or the input refused.
+WholeNumber read_whole_number(const cJSON *item, int64_t low, int64_t high, int64_t *out);
 
 /// Per-part reset and start hooks, called by start()/stop() in kit.cc.
 void clock_start(const Options &options);

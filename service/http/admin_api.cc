@@ -23,6 +23,8 @@ constexpr int32_t kNotFound = 404;
 constexpr int32_t kMethodNotAllowed = 405;
 constexpr int32_t kInternalError = 500;
 constexpr char kDevices[] = "devices";
+/// Numbers of a request that do not fit (1e300, 2147483648, 1.5) are refused, never cut.
+constexpr char kWholeNumber[] = "must be a whole number from -2147483648 to 2147483647";
 
 // ---- helpers -------------------------------------------------------------------------------
 
@@ -94,7 +96,10 @@ std::optional<OrderChange> parse_order_change(const std::string &body, std::stri
             return std::nullopt;
         }
         if (!ok) {
-            *error = "\"" + key + "\" has the wrong type";
+            const char *expected = key == "storeMode" ? "must be a text"
+                                   : key == "expired" ? "must be true, false, 0 or 1"
+                                                      : kWholeNumber;
+            *error = "\"" + key + "\" " + expected;
             return std::nullopt;
         }
     }
@@ -132,7 +137,7 @@ Response trigger(Service &service, const std::string &device, const std::string 
     }
     int32_t duration = 0;
     if (object->contains("duration") && !get_i32(*object, "duration", &duration)) {
-        return error_answer(kBadRequest, "\"duration\" must be a whole number");
+        return error_answer(kBadRequest, std::string("\"duration\" ") + kWholeNumber);
     }
     const std::string ext = object->contains("ext") ? to_text(object->at("ext")) : "{}";
     if (!service.order(device)) {

@@ -39,8 +39,13 @@ std::nullopt_t fail(const std::string &message) {
     return std::nullopt;
 }
 
+/// A decimal whole number in [low, high]: digits with an optional leading '-' and nothing
+/// else (strtoll alone would also take leading blanks and '+'). At most 12 characters, so
+/// the conversion itself cannot overflow.
 bool parse_int(const std::string &text, int64_t low, int64_t high, int64_t *out) {
-    if (text.empty() || text.size() > 12) {
+    const size_t first_digit = !text.empty() && text[0] == '-' ? 1 : 0;
+    if (text.size() <= first_digit || text.size() > 12 ||
+        text.find_first_not_of("0123456789", first_digit) != std::string::npos) {
         return false;
     }
     char *end = nullptr;

@@ -177,6 +177,20 @@ TEST(CloudAdmin, RecordingsAnswersOfAnotherShapeAreRefused) {
         EXPECT_FALSE(CloudAdmin::parse_recordings(bad, &list, &error)) << bad;
         EXPECT_FALSE(error.empty()) << bad;
     }
+    // Every number member, one hostile value at a time: refused, never cut or wrapped.
+    for (const char *member : {"startTime", "endTime", "files", "bytes"}) {
+        for (const char *literal : {"1e300", "-1e300", "18446744073709551616", "-1", "2.5"}) {
+            std::string item = R"({"startTime":1,"endTime":2,"files":3,"bytes":4,"keyMd5":""})";
+            const std::string slot = std::string("\"") + member + "\":";
+            const size_t at = item.find(slot) + slot.size();
+            item.replace(at, 1, literal);
+            const std::string bad = R"({"recordings":[)" + item + "]}";
+            std::vector<RecordingSummary> list;
+            std::string error;
+            EXPECT_FALSE(CloudAdmin::parse_recordings(bad, &list, &error)) << bad;
+            EXPECT_NE(error.find(member), std::string::npos) << bad << ": " << error;
+        }
+    }
     std::vector<RecordingSummary> list{RecordingSummary{}};
     std::string error;
     EXPECT_TRUE(CloudAdmin::parse_recordings(R"({"recordings":[]})", &list, &error)) << error;

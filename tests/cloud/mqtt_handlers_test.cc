@@ -129,9 +129,26 @@ TEST_F(CloudTrigger, InvalidStoreModeRefusesRecordingButPictureStillAlarms) {
     EXPECT_EQ(tk::alarms().size(), 1u);
     EXPECT_EQ(trail(), (Texts{"40'pic'", "r49", "40'record'"}));
     EXPECT_TRUE(used_slots().empty());
-    // This path keeps the snapshot buffer, as documented.
-    EXPECT_EQ(tk::outstanding_blocks(tk::Pool::malloc), std::vector<size_t>{102400});
-    expect_leaked(tk::Pool::malloc, 1);
+}
+
+TEST_F(CloudTrigger, RefusedRecordingReleasesSnapshotEveryTime) {
+    // A remote peer can repeat the refused request at will: each one must give back its
+    // snapshot buffer, or camera memory grows with every message.
+    for (const char *action : {"record", "pic_v"}) {
+        SCOPED_TRACE(action);
+        prepare();
+        ctl.store_mode = 2;
+        const uint64_t calls_before = tk::alloc_stats(tk::Pool::malloc).calls;
+        for (int i = 0; i < 50; ++i) {
+            trigger(request(action, 30));
+            ASSERT_EQ(tk::alloc_stats(tk::Pool::malloc).outstanding, 0u) << "after request " << i;
+        }
+        // The snapshot was taken each time (one buffer per request), then released.
+        EXPECT_EQ(tk::alloc_stats(tk::Pool::malloc).calls - calls_before, 50u);
+        EXPECT_EQ(tk::count_logs(Level::err, "cloud storage type error 2"), 50u);
+        EXPECT_TRUE(tk::alarms().empty());
+        EXPECT_TRUE(used_slots().empty());
+    }
 }
 
 using CloudOrder = CloudTest;

@@ -124,6 +124,114 @@ TEST_F(KitCallsTest, StorageConfigFillsEveryFieldCutsTextsAndZeroesWhatIsMissing
     EXPECT_EQ(cloud_get_storage_restriction_config(&cfg), -1);
 }
 
+/// The number members of the configuration answers, as the record holds them.
+std::vector<int32_t> numbers(const vexo_storage_config_t &cfg) {
+    return {cfg.event_duration, cfg.slice_duration, cfg.silence_interval, cfg.count_left};
+}
+
+TEST_F(KitCallsTest, StorageConfigRefusesOrClampsNumbersBeyondTheirField) {
+    constexpr int32_t kMax = INT32_MAX;
+    struct Case {
+        const char *member;
+        const char *literal;
+        int32_t result;
+        int32_t value; // the member's value after a 0 result
+        const char *log;
+    };
+    // Durations beyond 0..INT32_MAX, and any fraction, make the answer refused; the count of
+    // events left is clamped into that range.
+    const Case cases[] = {
+        {"eventDuration", "1e300", -1, 0, "\"eventDuration\" 1.0000000000000001e+300 is not"},
+        {"eventDuration", "-1e300", -1, 0, "answer refused"},
+        {"eventDuration", "2147483648", -1, 0, "\"eventDuration\" 2147483648 is not"},
+        {"eventDuration", "2147483647", 0, kMax, nullptr},
+        {"eventDuration", "-1", -1, 0, "\"eventDuration\" -1 is not a whole number"},
+        {"sliceDuration", "4294967296", -1, 0, "\"sliceDuration\" 4294967296 is not"},
+        {"sliceDuration", "4294967306", -1, 0, "answer refused"}, // 10 after a 32-bit wrap
+        {"sliceDuration", "1.5", -1, 0, "\"sliceDuration\" 1.5 is not"},
+        {"sliceDuration", "1e-300", -1, 0, "answer refused"},
+        {"sliceDuration", "10.0", 0, 10, nullptr},
+        {"sliceDuration", "1E1", 0, 10, nullptr},
+        {"silenceInterval", "-2147483649", -1, 0, "\"silenceInterval\" -2147483649 is not"},
+        {"silenceInterval", "-60", -1, 0, "answer refused"},
+        {"silenceInterval", "1e400", -1, 0, "\"silenceInterval\" inf is not"},
+        {"silenceInterval", "0", 0, 0, nullptr},
+        {"countLeft", "1e300", 0, kMax,
+         "\"countLeft\" 1.0000000000000001e+300 taken as 2147483647"},
+        {"countLeft", "-1e300", 0, 0, "taken as 0"},
+        {"countLeft", "4294967296", 0, kMax, "\"countLeft\" 4294967296 taken as 2147483647"},
+        {"countLeft", "2147483648", 0, kMax, "taken as 2147483647"},
+        {"countLeft", "-2147483649", 0, 0, "taken as 0"},
+        {"countLeft", "-5", 0, 0, "\"countLeft\" -5 taken as 0"},
+        {"countLeft", "-0", 0, 0, nullptr},
+        {"countLeft", "2.5", -1, 0, "\"countLeft\" 2.5 is not a whole number"},
+        {"countLeft", "\"7\"", 0, 0, nullptr}, // another type: left zero, as when missing
+    };
+    const char *members[] = {"eventDuration", "sliceDuration", "silenceInterval", "countLeft"};
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::string(c.member) + ":" + c.literal);
+        // Every other member holds a valid value, so each case proves one member's rule.
+        std::string body = R"({"storeMode":"event")";
+        std::vector<int32_t> expected;
+        for (const char *m : members) {
+            const bool hostile = std::strcmp(m, c.member) == 0;
+            body += std::string(",\"") + m + "\":" + (hostile ? c.literal : "30");
+            expected.push_back(hostile ? c.value : 30);
+        }
+        answer(200, body + "}");
+        vexo_storage_config_t cfg;
+        std::memset(&cfg, 0, sizeof cfg);
+        std::strcpy(cfg.store_mode, "alltime");
+        cfg.event_duration = cfg.slice_duration = cfg.silence_interval = cfg.count_left = 9;
+        const vexo_storage_config_t before = cfg;
+        testing::internal::CaptureStderr();
+        const int32_t result = cloud_get_storage_config(&cfg, 1);
+        const std::string log = testing::internal::GetCapturedStderr();
+        ASSERT_EQ(result, c.result);
+        if (c.result == 0) {
+            EXPECT_EQ(numbers(cfg), expected);
+            EXPECT_STREQ(cfg.store_mode, "event");
+        } else {
+            EXPECT_EQ(std::memcmp(&cfg, &before, sizeof cfg), 0)
+                << "a refused answer changed the record";
+        }
+        if (c.log != nullptr) {
+            EXPECT_NE(log.find(c.log), std::string::npos) << log;
+        } else {
+            EXPECT_EQ(log, "");
+        }
+    }
+}
+
+TEST_F(KitCallsTest, StorageRestrictionRefusesDurationsBeyondTheirField) {
+    const struct {
+        const char *body;
+        int32_t result, event_duration, slice_duration;
+    } cases[] = {
+        {R"({"eventDuration":1e300,"sliceDuration":4})", -1, 7, 8},
+        {R"({"eventDuration":12,"sliceDuration":-4294967296})", -1, 7, 8},
+        {R"({"eventDuration":12,"sliceDuration":4.25})", -1, 7, 8},
+        {R"({"eventDuration":-1,"sliceDuration":4})", -1, 7, 8},
+        {R"({"eventDuration":12.0,"sliceDuration":4})", 0, 12, 4},
+        {R"({"sliceDuration":6})", 0, 7, 6}, // a missing member is left as it was
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.body);
+        answer(200, c.body);
+        vexo_storage_config_t cfg;
+        std::memset(&cfg, 0, sizeof cfg);
+        cfg.event_duration = 7;
+        cfg.slice_duration = 8;
+        cfg.count_left = 3;
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(cloud_get_storage_restriction_config(&cfg), c.result);
+        const std::string log = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(std::vector<int32_t>({cfg.event_duration, cfg.slice_duration, cfg.count_left}),
+                  std::vector<int32_t>({c.event_duration, c.slice_duration, 3}));
+        EXPECT_EQ(log.find("storage restriction: ") != std::string::npos, c.result != 0) << log;
+    }
+}
+
 TEST_F(KitCallsTest, ApiPostHandsOverTheResultOnlyOnSuccess) {
     char body[64] = R"({"startTime":5})";
     cJSON *result = nullptr;
@@ -217,6 +325,55 @@ TEST_F(KitCallsTest, MqttDispatchCallsTheAttachedHandlerAndDropsTheRest) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     EXPECT_EQ(g_handled, 2);
+}
+
+TEST_F(KitCallsTest, MqttDispatchDropsProtocolNumbersThatNameNoHandler) {
+    g_handled = 0;
+    ASSERT_EQ(mqtt_attach(307, handler), 0);
+    ASSERT_EQ(mqtt_attach(0, handler), 0);
+    ASSERT_EQ(mqtt_attach(UINT32_MAX, handler), 0);
+    struct Case {
+        const char *protocol;
+        int32_t result;
+        const char *log; // nullptr: handled, no log line
+    };
+    const char *kNotWhole = "is not a whole number 0..4294967295";
+    const Case cases[] = {
+        {"307", 0, nullptr},
+        {"307.0", 0, nullptr},
+        {"3.07e2", 0, nullptr},
+        {"0", 0, nullptr},
+        {"-0", 0, nullptr},
+        {"4294967295", 0, nullptr},
+        {"307.5", -1, "protocol 307.5 is not a whole"},
+        {"1e-300", -1, kNotWhole},
+        {"1e300", -1, "protocol 1.0000000000000001e+300 is not"},
+        {"-1e300", -1, kNotWhole},
+        {"1e400", -1, "protocol inf is not"},
+        {"-1e400", -1, "protocol -inf is not"},
+        {"2147483648", -1, "dropped a message with an unknown protocol"},
+        {"-2147483649", -1, kNotWhole},
+        {"4294967296", -1, "protocol 4294967296 is not"},
+        {"4294967603", -1, kNotWhole}, // 307 after a 32-bit wrap
+        {"-1", -1, "protocol -1 is not"},
+        {"-307", -1, kNotWhole},
+    };
+    int handled = 0;
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.protocol);
+        testing::internal::CaptureStderr();
+        const int32_t result =
+            hostkit::mqtt_dispatch(std::string(R"({"protocol":)") + c.protocol + "}");
+        const std::string log = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(result, c.result);
+        handled += c.result == 0 ? 1 : 0;
+        EXPECT_EQ(g_handled, handled);
+        if (c.log != nullptr) {
+            EXPECT_NE(log.find(c.log), std::string::npos) << log;
+        } else {
+            EXPECT_EQ(log, "");
+        }
+    }
 }
 
 std::atomic<bool> g_release{false};

@@ -117,6 +117,55 @@ TEST_F(AdminApiTest, RefusalsAre4xxWithAnErrorAndChangeNothing) {
     EXPECT_EQ(published().size(), published_before);
 }
 
+TEST_F(AdminApiTest, NumbersThatDoNotFitAreRefusedWithTheirMemberNamed) {
+    auto service = start_service();
+    add_device(*service, "cam1");
+    const auto before = snapshot();
+    const size_t published_before = published().size();
+    const char *literals[] = {
+        "1e300",      "-1e300", "2147483648", "-2147483649", "4294967296",
+        "4294967326", "1.5",    "30.0",       "-0.5",        "18446744073709551616"};
+    const char *members[] = {"eventDuration", "sliceDuration", "silenceInterval", "dailyEvents",
+                             "countLeft"};
+    for (const char *literal : literals) {
+        for (const char *m : members) {
+            const std::string body = std::string("{\"") + m + "\":" + literal + "}";
+            SCOPED_TRACE(body);
+            const Response answer = call(*service, admin("PUT", "devices/cam1/order", body));
+            EXPECT_EQ(answer.status, 400);
+            EXPECT_EQ(body_of(answer)["error"],
+                      std::string("\"") + m +
+                          "\" must be a whole number from -2147483648 to 2147483647");
+        }
+        const std::string trigger =
+            std::string(R"({"action":"record","duration":)") + literal + "}";
+        SCOPED_TRACE(trigger);
+        const Response answer = call(*service, admin("POST", "devices/cam1/trigger", trigger));
+        EXPECT_EQ(answer.status, 400);
+        EXPECT_EQ(body_of(answer)["error"],
+                  "\"duration\" must be a whole number from -2147483648 to 2147483647");
+    }
+    // Beyond the double range the body is not JSON to the parser at all.
+    EXPECT_EQ(body_of(call(*service, admin("PUT", "devices/cam1/order",
+                                           R"({"sliceDuration":1e400})")))["error"],
+              "the body is not a JSON object");
+    EXPECT_EQ(call(*service, admin("POST", "devices/cam1/trigger",
+                                   R"({"action":"record","duration":-1e400})"))
+                  .status,
+              400);
+    // In the 32-bit range but outside what an order allows: refused by the order's rules.
+    for (const char *body : {R"({"countLeft":2147483647})", R"({"dailyEvents":-2147483648})",
+                             R"({"silenceInterval":-1})", R"({"sliceDuration":2147483647})"}) {
+        EXPECT_EQ(call(*service, admin("PUT", "devices/cam1/order", body)).status, 400) << body;
+    }
+    EXPECT_EQ(call(*service, admin("POST", "devices/cam1/trigger",
+                                   R"({"action":"record","duration":-2147483648})"))
+                  .status,
+              400);
+    EXPECT_EQ(snapshot(), before);
+    EXPECT_EQ(published().size(), published_before);
+}
+
 TEST_F(AdminApiTest, AdminTokenIsRequiredWhenSet) {
     auto service = start_service();
     Request change = admin("PUT", "devices/cam1/order", R"({"storeMode":"event"})");

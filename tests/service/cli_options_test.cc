@@ -43,6 +43,12 @@ TEST(CloudCommandLine, AdminCommandsBecomeTheirRequests) {
     EXPECT_EQ(trigger->admin.path, "/v1/admin/devices/cam1/trigger");
     EXPECT_EQ(nlohmann::json::parse(trigger->admin.body),
               nlohmann::json::parse(R"({"action":"pic_v","duration":15,"ext":{"u":1}})"));
+
+    // The ends of the 32-bit range pass as they are; the service judges them.
+    auto edges = parse({"order", "cam1", "--slice", "2147483647", "--count-left", "-2147483648"});
+    ASSERT_TRUE(edges);
+    EXPECT_EQ(nlohmann::json::parse(edges->admin.body),
+              nlohmann::json::parse(R"({"sliceDuration":2147483647,"countLeft":-2147483648})"));
 }
 
 TEST(CloudCommandLine, BadArgumentsAreRefused) {
@@ -56,6 +62,21 @@ TEST(CloudCommandLine, BadArgumentsAreRefused) {
         {"order"},
         {"order", "cam1", "--expired", "maybe"},
         {"order", "cam1", "--slice", "ten"},
+        // Numbers that do not fit, or are not plain decimal whole numbers.
+        {"order", "cam1", "--slice", "1e300"},
+        {"order", "cam1", "--slice", "2147483648"},
+        {"order", "cam1", "--count-left", "-2147483649"},
+        {"order", "cam1", "--slice", "99999999999999999999"},
+        {"order", "cam1", "--slice", "1.5"},
+        {"order", "cam1", "--slice", "+10"},
+        {"order", "cam1", "--slice", " 10"},
+        {"order", "cam1", "--slice", "-"},
+        {"order", "cam1", "--slice", ""},
+        {"trigger", "cam1", "record", "--duration", "4294967316"},
+        {"trigger", "cam1", "record", "--duration", "0x10"},
+        {"serve", "--data", "d", "--max-body", "-1"},
+        {"serve", "--data", "d", "--max-body", "1e12"},
+        {"serve", "--data", "d", "--listen", "127.0.0.1:-80"},
         {"trigger", "cam1"},
         {"trigger", "cam1", "record", "--ext", "{"},
         {"fly", "cam1"},

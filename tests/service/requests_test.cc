@@ -94,6 +94,57 @@ TEST_F(ServiceRequestsTest, RefusedRequestsAnswer4xxAndChangeNothing) {
               200);
 }
 
+TEST_F(ServiceRequestsTest, DeviceNumbersThatDoNotFitAreRefusedAndChangeNothing) {
+    auto service = start_service();
+    add_device(*service, "cam1");
+    start(*service, "cam1", kNoon, kNoKeyMd5);
+    const auto before = snapshot();
+    const std::string payload = R"({"v":1,"vType":"2","vFps":15,"vWide":640,"vHigh":360})";
+    // Each body differs from a valid one in a single number; the service must answer 400.
+    const struct {
+        const char *what;
+        std::string api; // empty: an alarm post
+        const char *member;
+        Json valid;
+    } bodies[] = {
+        {"start", kStartApi, "startTime",
+         Json{{"startTime", kNoon + 60}, {"payloadInfo", payload}, {"mtu", 10}, {"enKeyMd5", "0"}}},
+        {"start", kStartApi, "mtu",
+         Json{{"startTime", kNoon + 60}, {"payloadInfo", payload}, {"mtu", 10}, {"enKeyMd5", "0"}}},
+        {"stop", kStopApi, "startTime", Json{{"startTime", kNoon}, {"endTime", kNoon + 9}}},
+        {"stop", kStopApi, "endTime", Json{{"startTime", kNoon}, {"endTime", kNoon + 9}}},
+        {"alarm", "", "time", Json{{"time", kNoon}, {"withPicture", 0}, {"extra", "x"}}},
+        {"alarm", "", "withPicture", Json{{"time", kNoon}, {"withPicture", 0}, {"extra", "x"}}},
+    };
+    const char *literals[] = {
+        "1e300",       "-1e300", "1e400", "4294967296", "4294967306",
+        "-2147483649", "1.5",    "-1",    "1e-300",     "18446744073709551616"};
+    for (const auto &b : bodies) {
+        for (const char *literal : literals) {
+            // "-1" fits the signed mtu: that case is a valid request, not a hostile one.
+            if (std::string(b.member) == "mtu" && std::string(literal) == "-1") {
+                continue;
+            }
+            Json hostile = b.valid;
+            hostile[b.member] = nullptr;
+            std::string body = hostile.dump();
+            const std::string slot = std::string("\"") + b.member + "\":null";
+            body.replace(body.find(slot), slot.size(),
+                         std::string("\"") + b.member + "\":" + literal);
+            SCOPED_TRACE(body);
+            const Response answer =
+                b.api.empty()
+                    ? service->handle(request("POST", "/v1/devices/cam1/alarms", "cam1", body))
+                    : call_api(*service, "cam1", b.api, body);
+            EXPECT_EQ(answer.status, 400) << answer.body;
+            EXPECT_TRUE(body_of(answer).contains("error")) << answer.body;
+        }
+    }
+    EXPECT_EQ(snapshot(), before);
+    EXPECT_EQ(recording(*service, "cam1", kNoon).end_time, 0u);
+    EXPECT_TRUE(service->alarms("cam1").empty());
+}
+
 TEST_F(ServiceRequestsTest, TokensAreCheckedPerDevice) {
     vexo_cloud::Options opts = options();
     opts.tokens = {{"cam1", "secret-1"}, {"cam2", "secret-2"}};

@@ -441,6 +441,13 @@ TEST_F(SystemRun, RemoteRecordTriggerRecordsTypeTwoEventUntilOrderAbort) {
     // No stop notification, no new recording and no upload in the 60 s without an order.
     EXPECT_EQ(tk::posts().size(), 1u);
     EXPECT_EQ(tk::uploads().size(), uploads);
+
+    // Without an order a further recording request is refused and keeps no memory (the
+    // fixture checks every allocation was given back).
+    ASSERT_TRUE(
+        tk::deliver_mqtt(307, R"({"data":{"action":"pic_v","duration":20,"ext":{"a":2}}})"));
+    EXPECT_EQ(tk::count_logs(tk::Level::err, "cloud storage type error 2"), 1u);
+    EXPECT_EQ(tk::alarms().size(), 1u);
 }
 
 } // namespace
