@@ -209,6 +209,13 @@ void generate(bool video, uint64_t now) {
         first = std::max(first, std::min(k, last));
     }
     append_generated(s, video, next, first - next);
+    if (first > next) {
+        // They still take their positions (and seq numbers), so a reader that stood before
+        // them sees that it was overrun; everything the ring held is older still.
+        s.base += s.ring.size() + (first - next);
+        s.next_seq += static_cast<uint32_t>(first - next);
+        s.ring.clear();
+    }
     for (uint64_t k = first; k <= last; ++k) {
         Frame f;
         f.type = gen_type(video, cfg, k);

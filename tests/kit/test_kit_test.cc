@@ -241,7 +241,7 @@ TEST_F(KitSelfTest, RingAudioReaderFollowsTheVideoReadersJump) {
     tk::start_stream(); // 25 fps, a key frame every 2 s, audio every 40 ms, 10 s kept
     vexo_ring_buffer_user_t video = vexo_ipc_ring_buffer_open(0, 0, VEXO_STREAM_MAIN, 0);
     vexo_ring_buffer_user_t audio = vexo_ipc_ring_buffer_open(0, 0, VEXO_STREAM_AUDIO, 0);
-    // 15 s later the ring holds 7005000 .. 7015000, where both readers stand: 10 s behind.
+    // 15 s later the ring holds 7005000 .. 7015000; both readers still stand at 7000040.
     tk::advance(15000);
     uint64_t newest_key = 0;
     for (const tk::FrameInfo &f : tk::ring_frames(VEXO_STREAM_MAIN)) {
@@ -262,9 +262,9 @@ TEST_F(KitSelfTest, RingAudioReaderFollowsTheVideoReadersJump) {
     std::vector<tk::ReaderJump> jumps = tk::reader_jumps();
     ASSERT_EQ(jumps.size(), 1u) << "the pair jumps once";
     EXPECT_EQ(jumps[0].lag_ms, 10000u);
-    EXPECT_EQ(jumps[0].skipped, 225u);       // video 7005000 .. 7013960
-    EXPECT_EQ(jumps[0].audio_skipped, 225u); // audio alike
-    EXPECT_EQ(jumps[0].overwritten, 0u);
+    EXPECT_EQ(jumps[0].skipped, 349u);       // video 7000040 .. 7013960
+    EXPECT_EQ(jumps[0].audio_skipped, 349u); // audio alike
+    EXPECT_EQ(jumps[0].overwritten, 248u);   // 7000040 .. 7004960 of each were dropped
 
     // Audio left behind on its own is moved beside the video reader, which stays.
     ASSERT_EQ(vexo_ipc_ring_buffer_anchor_user(video, 5, 0), 0);
