@@ -428,11 +428,16 @@ TEST_F(RingBufferTest, IfDelayComparesTheNextFrameWithTheNewest) {
         uint64_t newest_ms;
         int32_t delayed;
     } cases[] = {
-        {10, 7001, 7001, 0}, {10, 7001, 7002, 1}, // explicit limit, just above the longest
-                                                  // pre-record (7 s)
-        {10, 0, 9500, 0},    {10, 0, 9501, 1},    // 0: half a second short of the ring
-        {3, 0, 2500, 0},     {3, 0, 2501, 1},     {1, 0, 500, 0},
-        {1, 0, 501, 1}, // a one-second ring: half of it
+        // An explicit limit, just above the longest pre-record (7 s).
+        {10, 7001, 7001, 0},
+        {10, 7001, 7002, 1},
+        // 0: half a second short of the ring; a one-second ring: half of it.
+        {10, 0, 9500, 0},
+        {10, 0, 9501, 1},
+        {3, 0, 2500, 0},
+        {3, 0, 2501, 1},
+        {1, 0, 500, 0},
+        {1, 0, 501, 1},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(::testing::Message()
