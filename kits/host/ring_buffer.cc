@@ -150,6 +150,8 @@ uint64_t audio_beside(const Reader &video, const ring::Stream &audio) {
     return audio.catch_up_point();
 }
 
+/// Counts one jump (a pair's moves together) and logs it in one line; nothing when no frame
+/// was passed over.
 void report_jump(const Reader &lead, const Skip &lead_skip, const Reader *audio,
                  const Skip &audio_skip) {
     const uint64_t frames = lead_skip.frames + audio_skip.frames;
