@@ -41,7 +41,10 @@ int32_t vexo_ipc_ring_buffer_anchor_user(vexo_ring_buffer_user_t user, uint32_t 
 /// Moves the audio reader to the first audio frame not older than the video reader's next.
 int32_t vexo_ipc_ring_buffer_sync_stream(vexo_ring_buffer_user_t video,
                                          vexo_ring_buffer_user_t audio);
-/// Non-zero when the reader has fallen too far behind the live end.
+/// Non-zero when the reader's next frame lags the newest by more than the kit's lag limit
+/// (which exceeds the longest pre-record) or was overwritten. The kit then catches the reader
+/// up itself: its next get call, retry or not, starts at the newest key frame (the audio
+/// reader read beside it at the first audio frame not older), unless anchor_user comes first.
 int32_t vexo_ipc_ring_buffer_if_delay(vexo_ring_buffer_user_t user);
 int32_t vexo_ipc_ring_buffer_close(vexo_ring_buffer_user_t user);
 /// Time stamp (ms) of the newest frame of the stream; 0 when it holds none.

@@ -35,7 +35,8 @@ void count_alarm();
 void count_mqtt();
 void set_mqtt_connected(bool connected);
 void count_frame_pushed();
-void count_frames_overwritten(uint64_t n);
+/// One reader caught up: frames it passed over, and how many of those the ring had dropped.
+void count_catch_up(uint64_t frames_skipped, uint64_t overwritten);
 
 /// What read_whole_number found.
 enum class WholeNumber {

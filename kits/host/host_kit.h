@@ -39,8 +39,10 @@ struct Options {
     std::string mqtt_url;
     /// Seconds of frames each ring-buffer stream holds.
     uint32_t ring_seconds = 10;
-    /// A reader further than this behind the live end is "delayed" (if_delay), ms of stream
-    /// time; 0 takes half the ring.
+    /// The lag limit, ms of stream time: a reader whose next frame is further than this behind
+    /// the newest is reported by if_delay and then moved to the newest key frame. It must lie
+    /// above the longest pre-record the module accepts ((ring_seconds - 3) s) and within the
+    /// ring; 0 takes half a second short of the ring.
     uint32_t ring_delay_ms = 0;
     /// Real milliseconds DeleteThrdHandle waits for a thread to end before it detaches it.
     uint32_t thread_join_timeout_ms = 5000;
@@ -93,7 +95,9 @@ struct Counters {
     /// The MQTT client is connected to its broker and subscribed to its command topic.
     bool mqtt_connected = false;
     uint64_t frames_pushed = 0;
-    uint64_t frames_overwritten = 0; ///< fell out of the ring before a reader got them
+    uint64_t reader_jumps = 0;       ///< times a lagging reader was moved to the newest key frame
+    uint64_t frames_skipped = 0;     ///< frames those jumps passed over
+    uint64_t frames_overwritten = 0; ///< of the skipped, those the ring had dropped already
     std::string last_upload;         ///< file name of the newest accepted upload
 };
 Counters counters();

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "host_internal.h"
+#include "ring_stream.h"
 
 namespace hostkit {
 namespace {
@@ -103,9 +104,11 @@ void count_frame_pushed() {
     ++g_counters.frames_pushed;
 }
 
-void count_frames_overwritten(uint64_t n) {
+void count_catch_up(uint64_t frames_skipped, uint64_t overwritten) {
     std::lock_guard<std::mutex> lock(g_mu);
-    g_counters.frames_overwritten += n;
+    ++g_counters.reader_jumps;
+    g_counters.frames_skipped += frames_skipped;
+    g_counters.frames_overwritten += overwritten;
 }
 
 } // namespace internal
@@ -131,6 +134,18 @@ int32_t start(const Options &options) {
     if (options.ring_seconds == 0 || options.ring_seconds > 3600) {
         std::fprintf(stderr, "hostkit: ring_seconds must be 1..3600, got %u\n",
                      options.ring_seconds);
+        return -1;
+    }
+    // A lag limit at or below the longest pre-record would take every event start for a lag.
+    if (options.ring_delay_ms != 0 &&
+        (options.ring_delay_ms <= ring::longest_pre_record_ms(options.ring_seconds) ||
+         options.ring_delay_ms > uint64_t{options.ring_seconds} * 1000)) {
+        std::fprintf(
+            stderr,
+            "hostkit: ring_delay_ms must be above the longest pre-record (%llu ms) and "
+            "at most the ring (%u s), got %u\n",
+            static_cast<unsigned long long>(ring::longest_pre_record_ms(options.ring_seconds)),
+            options.ring_seconds, options.ring_delay_ms);
         return -1;
     }
     // The MQTT client is made (not connected yet) before anything is written: a bad URL

@@ -2,8 +2,14 @@
 // module's readers walk them with cursors of their own.
 //
 // A cursor is the position of the frame its reader gets next; a stream's live end is the
-// position its next pushed frame gets, so a reader at the live end is caught up. A reader
-// whose cursor fell off the old end jumps to the oldest frame still held.
+// position its next pushed frame gets, so a reader at the live end is caught up.
+//
+// A reader that falls behind is caught up here, not by the module: once if_delay has reported
+// it (its next frame lags the newest by more than the lag limit), or once the ring has
+// overwritten its next frame, its next get call first moves it to the newest key frame held,
+// and the audio reader read beside it in get_av_frame to the first audio frame not older than
+// that key frame. An anchor_user in between positions the reader instead. Each jump is
+// counted and logged once, with the frames it passed over.
 //
 // Reader handles are numbers from an ever-increasing counter, never addresses: a handle that
 // was closed, or dropped by ring_reset, can never come back as someone else's reader, and
@@ -12,6 +18,7 @@
 // A handed-out record and the bytes it points to belong to the reader: they stay valid until
 // that reader hands out another frame or is closed, even if the ring drops the frame meanwhile.
 // The bytes are shared between readers; callers only read them.
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -28,8 +35,11 @@ namespace {
 constexpr int32_t kStreamCount = 16;
 
 struct Reader {
+    uintptr_t handle = 0;
     int32_t stream = 0;
     uint64_t next = 0;
+    /// if_delay reported this reader behind: its next get moves it to the catch-up point.
+    bool jump_due = false;
     /// The frame handed out last, for retry; kept alive here while the ring may drop it.
     ring::FramePtr last;
     /// When it was handed out (g_tick), so get_av_frame's retry finds the newer of a pair.
@@ -39,7 +49,7 @@ struct Reader {
 
 std::mutex g_mu;
 uint64_t g_span_ms = 10000;
-uint64_t g_delay_ms = 5000;
+uint64_t g_lag_limit_ms = ring::default_lag_limit_ms(10);
 std::map<int32_t, ring::Stream> g_streams;
 std::map<uintptr_t, Reader> g_readers;
 uintptr_t g_next_handle = 1;
@@ -86,21 +96,101 @@ Reader *find_reader(vexo_ring_buffer_user_t user, const char *call) {
     return &it->second;
 }
 
-/// The reader's stream, with a cursor that fell off the old end moved to the oldest frame
-/// and the frames it lost counted.
-ring::Stream &settle(Reader &reader) {
-    ring::Stream &stream = stream_for(reader.stream);
-    if (reader.next < stream.oldest()) {
-        internal::count_frames_overwritten(stream.oldest() - reader.next);
-        reader.next = stream.oldest();
-    }
-    return stream;
+/// The frame the reader gets next, or the oldest held when the ring overwrote that one; null
+/// when it is at the live end.
+const ring::Frame *peek(const Reader &reader) {
+    const ring::Stream &stream = stream_for(reader.stream);
+    const uint64_t position = std::max(reader.next, stream.oldest());
+    return position < stream.live_end() ? stream.at(position).get() : nullptr;
 }
 
-/// The frame the reader gets next; null when it is at the live end.
-const ring::Frame *peek(Reader &reader) {
-    ring::Stream &stream = settle(reader);
-    return reader.next < stream.live_end() ? stream.at(reader.next).get() : nullptr;
+/// The reader must be moved before it gets another frame.
+bool must_catch_up(const Reader &reader) {
+    return reader.jump_due || reader.next < stream_for(reader.stream).oldest();
+}
+
+/// What one reader passed over in a jump.
+struct Skip {
+    uint64_t frames = 0;
+    uint64_t overwritten = 0; ///< of those, the ones the ring had dropped already
+    uint64_t lag_ms = 0;      ///< how far its next frame was behind the newest
+};
+
+/// Moves the reader forward to position (never back, so no frame comes twice).
+Skip move_forward(Reader &reader, uint64_t position) {
+    const ring::Stream &stream = stream_for(reader.stream);
+    Skip skip;
+    reader.jump_due = false;
+    if (position <= reader.next) {
+        return skip;
+    }
+    const ring::Frame *next = peek(reader);
+    skip.lag_ms = next != nullptr && stream.newest().timestamp_ms > next->timestamp_ms
+                      ? stream.newest().timestamp_ms - next->timestamp_ms
+                      : 0;
+    skip.frames = position - reader.next;
+    if (reader.next < stream.oldest()) {
+        skip.overwritten = std::min(position, stream.oldest()) - reader.next;
+    }
+    reader.next = position;
+    return skip;
+}
+
+/// The audio position paired with a video reader: the first audio frame not older than the
+/// video reader's next frame, or, with none, than anything it got; with no video at all the
+/// audio stream's own catch-up point.
+uint64_t audio_beside(const Reader &video, const ring::Stream &audio) {
+    const ring::Stream &video_stream = stream_for(video.stream);
+    if (const ring::Frame *next = peek(video)) {
+        return audio.first_not_older(next->timestamp_ms);
+    }
+    if (!video_stream.empty()) {
+        return audio.first_not_older(video_stream.newest().timestamp_ms + 1);
+    }
+    return audio.catch_up_point();
+}
+
+/// Counts one jump (a pair's moves together) and logs it in one line; nothing when no frame
+/// was passed over.
+void report_jump(const Reader &lead, const Skip &lead_skip, const Reader *audio,
+                 const Skip &audio_skip) {
+    const uint64_t frames = lead_skip.frames + audio_skip.frames;
+    if (frames == 0) {
+        return;
+    }
+    const uint64_t overwritten = lead_skip.overwritten + audio_skip.overwritten;
+    internal::count_catch_up(frames, overwritten);
+    const Reader &moved = lead_skip.frames > 0 ? lead : *audio;
+    const ring::Frame *at = peek(moved);
+    internal::log_error(
+        "ring buffer: reader %lu on stream %d fell %llu ms behind; moved to %llu "
+        "ms, %llu frame(s) skipped (%llu audio, %llu overwritten)",
+        static_cast<unsigned long>(moved.handle), static_cast<int>(moved.stream),
+        static_cast<unsigned long long>(std::max(lead_skip.lag_ms, audio_skip.lag_ms)),
+        static_cast<unsigned long long>(at != nullptr ? at->timestamp_ms : 0),
+        static_cast<unsigned long long>(frames),
+        static_cast<unsigned long long>(audio != nullptr ? audio_skip.frames : 0),
+        static_cast<unsigned long long>(overwritten));
+}
+
+/// Catches up a reader (and the audio reader read beside it, if any) before a get call; true
+/// when either moved, so that a retry hands out the frame at the new place.
+bool catch_up(Reader *lead, Reader *audio) {
+    Skip lead_skip;
+    Skip audio_skip;
+    if (lead != nullptr && must_catch_up(*lead)) {
+        lead_skip = move_forward(*lead, stream_for(lead->stream).catch_up_point());
+        if (audio != nullptr) {
+            // Aligned to the key frame the lead now stands on, whether or not it lagged itself.
+            audio_skip = move_forward(*audio, audio_beside(*lead, stream_for(audio->stream)));
+        }
+    } else if (audio != nullptr && must_catch_up(*audio)) {
+        const ring::Stream &audio_stream = stream_for(audio->stream);
+        audio_skip = move_forward(*audio, lead != nullptr ? audio_beside(*lead, audio_stream)
+                                                          : audio_stream.catch_up_point());
+    }
+    report_jump(lead != nullptr ? *lead : *audio, lead_skip, audio, audio_skip);
+    return lead_skip.frames > 0 || audio_skip.frames > 0;
 }
 
 /// A fresh record for the frame, owned by the reader; the previous one is freed, so a caller
@@ -119,9 +209,10 @@ vexo_ring_buffer_frame_t *hand_out(Reader &reader, ring::FramePtr frame) {
     return reader.record.get();
 }
 
-/// Hands out the reader's next frame and moves its cursor on; null when caught up.
+/// Hands out the reader's next frame and moves its cursor on; null when caught up. The
+/// cursor is never behind the oldest frame here: catch_up ran first.
 vexo_ring_buffer_frame_t *take_next(Reader &reader) {
-    ring::Stream &stream = settle(reader);
+    ring::Stream &stream = stream_for(reader.stream);
     if (reader.next >= stream.live_end()) {
         return nullptr;
     }
@@ -181,7 +272,8 @@ void ring_reset(const Options &options) {
     g_readers.clear();
     g_streams.clear();
     g_span_ms = uint64_t{options.ring_seconds} * 1000;
-    g_delay_ms = options.ring_delay_ms != 0 ? options.ring_delay_ms : g_span_ms / 2;
+    g_lag_limit_ms = options.ring_delay_ms != 0 ? options.ring_delay_ms
+                                                : ring::default_lag_limit_ms(options.ring_seconds);
 }
 
 } // namespace internal
@@ -239,9 +331,10 @@ vexo_ring_buffer_user_t vexo_ipc_ring_buffer_open(int32_t device, int32_t channe
     }
     // A stream nobody has declared yet still gets readers: the camera may start later.
     Reader reader;
+    const uintptr_t handle = hostkit::g_next_handle++;
+    reader.handle = handle;
     reader.stream = stream;
     reader.next = hostkit::stream_for(stream).live_end();
-    const uintptr_t handle = hostkit::g_next_handle++;
     hostkit::g_readers.emplace(handle, std::move(reader));
     return reinterpret_cast<vexo_ring_buffer_user_t>(handle);
 }
@@ -253,7 +346,8 @@ vexo_ring_buffer_frame_t *vexo_ipc_ring_buffer_get_frame(vexo_ring_buffer_user_t
     if (reader == nullptr) {
         return nullptr;
     }
-    return retry != 0 ? hostkit::repeat_last(*reader) : hostkit::take_next(*reader);
+    const bool moved = hostkit::catch_up(reader, nullptr);
+    return retry != 0 && !moved ? hostkit::repeat_last(*reader) : hostkit::take_next(*reader);
 }
 
 vexo_ring_buffer_frame_t *vexo_ipc_ring_buffer_get_av_frame(vexo_ring_buffer_user_t video,
@@ -269,7 +363,9 @@ vexo_ring_buffer_frame_t *vexo_ipc_ring_buffer_get_av_frame(vexo_ring_buffer_use
         (rv == nullptr && ra == nullptr)) {
         return nullptr;
     }
-    if (retry != 0) {
+    // A lone audio reader catches up as a lead; beside video it follows the video reader.
+    const bool moved = rv != nullptr ? hostkit::catch_up(rv, ra) : hostkit::catch_up(ra, nullptr);
+    if (retry != 0 && !moved) {
         // The pair handed out last whichever of the two got a frame more recently.
         const uint64_t tv = rv != nullptr && rv->last ? rv->last_tick : 0;
         const uint64_t ta = ra != nullptr && ra->last ? ra->last_tick : 0;
@@ -293,7 +389,7 @@ int32_t vexo_ipc_ring_buffer_anchor_user(vexo_ring_buffer_user_t user, uint32_t 
     if (reader == nullptr) {
         return -1;
     }
-    hostkit::ring::Stream &stream = hostkit::settle(*reader);
+    hostkit::ring::Stream &stream = hostkit::stream_for(reader->stream);
     if (stream.empty()) {
         return -1;
     }
@@ -306,7 +402,9 @@ int32_t vexo_ipc_ring_buffer_anchor_user(vexo_ring_buffer_user_t user, uint32_t 
         }
         position = *key;
     }
+    // Positioned here: a catch-up that if_delay made due no longer applies.
     reader->next = position;
+    reader->jump_due = false;
     return 0;
 }
 
@@ -319,9 +417,10 @@ int32_t vexo_ipc_ring_buffer_sync_stream(vexo_ring_buffer_user_t video,
         return -1;
     }
     const hostkit::ring::Frame *fv = hostkit::peek(*rv);
-    hostkit::ring::Stream &audio_stream = hostkit::settle(*ra);
+    const hostkit::ring::Stream &audio_stream = hostkit::stream_for(ra->stream);
     ra->next =
         fv != nullptr ? audio_stream.first_not_older(fv->timestamp_ms) : audio_stream.live_end();
+    ra->jump_due = false;
     return 0;
 }
 
@@ -331,14 +430,18 @@ int32_t vexo_ipc_ring_buffer_if_delay(vexo_ring_buffer_user_t user) {
     if (reader == nullptr) {
         return -1;
     }
-    const hostkit::ring::Frame *next = hostkit::peek(*reader);
-    if (next == nullptr) {
-        return 0;
+    const hostkit::ring::Stream &stream = hostkit::stream_for(reader->stream);
+    // A next frame the ring overwrote is further behind than anything still held.
+    bool behind = reader->next < stream.oldest();
+    if (!behind && reader->next < stream.live_end()) {
+        const uint64_t next_ms = stream.at(reader->next)->timestamp_ms;
+        const uint64_t newest_ms = stream.newest().timestamp_ms;
+        behind = newest_ms > next_ms && newest_ms - next_ms > hostkit::g_lag_limit_ms;
     }
-    const uint64_t newest_ms = hostkit::stream_for(reader->stream).newest().timestamp_ms;
-    return newest_ms > next->timestamp_ms && newest_ms - next->timestamp_ms > hostkit::g_delay_ms
-               ? 1
-               : 0;
+    if (behind) {
+        reader->jump_due = true;
+    }
+    return behind ? 1 : 0;
 }
 
 int32_t vexo_ipc_ring_buffer_close(vexo_ring_buffer_user_t user) {

@@ -32,6 +32,22 @@ struct Frame {
 };
 using FramePtr = std::shared_ptr<const Frame>;
 
+/// The longest pre-record the module accepts on a ring of ring_seconds: it refuses values from
+/// the ring length minus two seconds up.
+constexpr uint64_t longest_pre_record_ms(uint32_t ring_seconds) {
+    return ring_seconds > 3 ? (uint64_t{ring_seconds} - 3) * 1000 : 0;
+}
+
+/// How far (ms of stream time) a reader's next frame may lag the newest before if_delay
+/// reports it, when the options leave it open. Half a second short of the ring: a reader
+/// anchored for the longest pre-record and stepped back to its key frame stays below it as
+/// long as the stream's key frames are less than 2.5 s apart, so an event start is never
+/// taken for a lag.
+constexpr uint64_t default_lag_limit_ms(uint32_t ring_seconds) {
+    const uint64_t span_ms = uint64_t{ring_seconds} * 1000;
+    return span_ms >= 2000 ? span_ms - 500 : span_ms / 2;
+}
+
 class Stream {
   public:
     /// A stream holding at most span_ms of stream time (newest minus oldest time stamp).
@@ -89,6 +105,18 @@ class Stream {
             }
         }
         return std::nullopt;
+    }
+
+    /// Where a reader that fell behind is moved: the newest key frame held (in an audio stream
+    /// every frame stands on its own, so its newest frame); live_end() when there is none.
+    uint64_t catch_up_point() const {
+        for (uint64_t i = frames_.size(); i-- > 0;) {
+            const uint32_t type = frames_[i]->type;
+            if (type == VEXO_FRAME_I || type == VEXO_FRAME_AUDIO) {
+                return base_ + i;
+            }
+        }
+        return live_end();
     }
 
     /// The first position whose frame is not older than timestamp_ms; live_end() when none.

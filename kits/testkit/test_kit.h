@@ -216,10 +216,29 @@ std::vector<FrameInfo> ring_frames(int32_t stream);
 /// vexo_ipc_ring_buffer_open on that stream returns null for its next `times` calls.
 void fail_open(int32_t stream, uint32_t times = 1);
 /// if_delay answers non-zero for a reader whose next frame is older than the stream's newest
-/// by more than `ms`; 0 (the default) never reports a delay this way.
+/// by more than `ms`, or was dropped by the ring. Until a test sets it, the limit is half a
+/// second short of the stream's capacity (half the capacity below two seconds), as on the
+/// host kit.
 void set_delay_threshold_ms(uint64_t ms);
-/// The next `times` if_delay calls answer 1 whatever the readers' positions.
+/// The next `times` if_delay calls answer 1 whatever the readers' positions; the reader asked
+/// is caught up on its next get like any reader reported behind.
 void force_delay(uint32_t times);
+/// A lagging reader moved by the kit: after if_delay answered non-zero for it, or once the
+/// ring dropped its next frame, its next get moves it to the newest key frame held (an audio
+/// stream: its newest frame; none held: the live end), and the audio reader read beside it
+/// in get_av_frame to the first audio frame not older than that. An audio reader that fell
+/// behind on its own is moved beside the video reader's next frame. anchor_user and
+/// sync_stream in between position the reader instead.
+struct ReaderJump {
+    int32_t stream = 0;         // of the reader that had fallen behind
+    uint64_t lag_ms = 0;        // its next frame (or the oldest held) behind the newest
+    uint64_t skipped = 0;       // frames the reader passed over
+    uint64_t audio_skipped = 0; // frames the audio reader beside it passed over
+    uint64_t overwritten = 0;   // of all those, the ones the ring had dropped already
+    uint64_t at_ms = 0;         // virtual clock
+};
+/// Every jump since the last reset, in order: one entry per jump, however many frames.
+std::vector<ReaderJump> reader_jumps();
 void set_max_frame_size(int32_t bytes); // default -1
 void set_max_buf_secs(int32_t secs);    // default 10
 size_t open_reader_count();

@@ -131,28 +131,151 @@ TEST_F(RingBufferTest, RetryHandsOutTheLastFrameAgain) {
         << "caught up, the last frame is still there to retry";
 }
 
-TEST_F(RingBufferTest, ReaderOverrunJumpsToOldestAndFrameStaysValidUntilNextGet) {
+/// Key frames every 500 ms of video frames 100 ms apart.
+uint32_t type_at(uint64_t ts) {
+    return ts % 500 == 0 ? VEXO_FRAME_I : VEXO_FRAME_P;
+}
+
+TEST_F(RingBufferTest, OverwrittenReaderJumpsToNewestKeyFrameAndFrameStaysValid) {
     start(1); // frames more than 1000 ms older than the newest fall out
     vexo_ring_buffer_user_t r = open(kVideo);
     push(kVideo, VEXO_FRAME_I, 0);
     const vexo_ring_buffer_frame_t *held = vexo_ipc_ring_buffer_get_frame(r, 0);
     ASSERT_NE(held, nullptr);
-    const uint64_t lost_before = hostkit::counters().frames_overwritten;
 
     for (uint64_t ts = 100; ts <= 2900; ts += 100) {
-        push(kVideo, VEXO_FRAME_P, ts);
+        push(kVideo, type_at(ts), ts);
     }
     // The ring dropped frame 0 long ago; the reader's record and bytes must still be intact.
     EXPECT_TRUE(is_frame(held, kVideo, VEXO_FRAME_I, 0));
 
-    // Held now: 1900 .. 2900. The reader stood at 100, so 100 .. 1800 were lost.
-    EXPECT_TRUE(is_frame(vexo_ipc_ring_buffer_get_frame(r, 0), kVideo, VEXO_FRAME_P, 1900));
-    EXPECT_EQ(hostkit::counters().frames_overwritten - lost_before, 18u);
-    for (uint64_t ts = 2000; ts <= 2900; ts += 100) {
+    // Held now: 1900 .. 2900. The reader stood at 100 and goes on at the newest key frame,
+    // 2500: 100 .. 2400 are skipped, 100 .. 1800 of them overwritten.
+    EXPECT_TRUE(is_frame(vexo_ipc_ring_buffer_get_frame(r, 0), kVideo, VEXO_FRAME_I, 2500));
+    for (uint64_t ts = 2600; ts <= 2900; ts += 100) {
         EXPECT_TRUE(is_frame(vexo_ipc_ring_buffer_get_frame(r, 0), kVideo, VEXO_FRAME_P, ts));
     }
     EXPECT_EQ(vexo_ipc_ring_buffer_get_frame(r, 0), nullptr);
-    EXPECT_EQ(hostkit::counters().frames_overwritten - lost_before, 18u) << "counted once";
+    const hostkit::Counters c = hostkit::counters();
+    EXPECT_EQ(c.reader_jumps, 1u) << "counted once";
+    EXPECT_EQ(c.frames_skipped, 24u);
+    EXPECT_EQ(c.frames_overwritten, 18u);
+}
+
+TEST_F(RingBufferTest, OverwrittenReaderWithoutKeyFrameHeldWaitsAtTheLiveEnd) {
+    start(1);
+    vexo_ring_buffer_user_t r = open(kVideo);
+    for (uint64_t ts = 0; ts <= 2000; ts += 100) {
+        push(kVideo, ts == 0 ? VEXO_FRAME_I : VEXO_FRAME_P, ts);
+    }
+    EXPECT_EQ(vexo_ipc_ring_buffer_get_frame(r, 0), nullptr) << "no P frame without its key";
+    push(kVideo, VEXO_FRAME_I, 2100);
+    EXPECT_TRUE(is_frame(vexo_ipc_ring_buffer_get_frame(r, 0), kVideo, VEXO_FRAME_I, 2100));
+    EXPECT_EQ(hostkit::counters().frames_skipped, 21u);
+}
+
+struct CatchUpCase {
+    const char *name;
+    bool ask_if_delay;    // the reader is asked about (and reported) before the get
+    uint32_t anchor_back; // > 0: anchor_user(frames back, no key) before the get
+    int32_t retry;        // of the get
+    uint64_t first_ms;    // what the get hands out
+    uint64_t skipped;     // frames the kit counts as skipped
+};
+
+TEST_F(RingBufferTest, ReaderReportedBehindJumpsOnItsNextGetUnlessAnchored) {
+    // Video 0 .. 9900 ms, 100 ms apart, a key frame every 500 ms; the reader got frame 0 and
+    // stands at 100, 9800 ms behind the newest: past the lag limit of 9500 ms.
+    const CatchUpCase cases[] = {
+        {"reported, get", true, 0, 0, 9500, 94},
+        {"reported, retry", true, 0, 1, 9500, 94},
+        {"reported, then anchored", true, 30, 0, 7000, 0},
+        {"reported, then anchored, retry", true, 30, 1, 0, 0},
+        {"never asked: reads on", false, 0, 0, 100, 0},
+        {"never asked: retry repeats", false, 0, 1, 0, 0},
+    };
+    for (const CatchUpCase &c : cases) {
+        SCOPED_TRACE(c.name);
+        start();
+        vexo_ring_buffer_user_t r = open(kVideo);
+        for (uint64_t ts = 0; ts < 10000; ts += 100) {
+            push(kVideo, type_at(ts), ts);
+            if (ts == 0) {
+                ASSERT_TRUE(
+                    is_frame(vexo_ipc_ring_buffer_get_frame(r, 0), kVideo, VEXO_FRAME_I, 0));
+            }
+        }
+        ::testing::internal::CaptureStderr();
+        if (c.ask_if_delay) {
+            EXPECT_EQ(vexo_ipc_ring_buffer_if_delay(r), 1);
+            EXPECT_EQ(vexo_ipc_ring_buffer_if_delay(r), 1) << "asking again changes nothing";
+        }
+        if (c.anchor_back > 0) {
+            ASSERT_EQ(vexo_ipc_ring_buffer_anchor_user(r, c.anchor_back, 0), 0);
+        }
+        EXPECT_TRUE(is_frame(vexo_ipc_ring_buffer_get_frame(r, c.retry), kVideo,
+                             type_at(c.first_ms), c.first_ms));
+        const std::string log = ::testing::internal::GetCapturedStderr();
+        const hostkit::Counters counters = hostkit::counters();
+        EXPECT_EQ(counters.frames_skipped, c.skipped);
+        EXPECT_EQ(counters.reader_jumps, c.skipped > 0 ? 1u : 0u);
+        EXPECT_EQ(log.find("fell") != std::string::npos, c.skipped > 0) << log;
+        if (c.skipped > 0) {
+            EXPECT_NE(log.find("9800 ms behind"), std::string::npos) << log;
+            EXPECT_NE(log.find(" 94 frame(s) skipped"), std::string::npos) << log;
+            EXPECT_EQ(vexo_ipc_ring_buffer_if_delay(r), 0) << "caught up";
+            // The reader reads on from there, frame by frame, without another jump.
+            for (uint64_t ts = c.first_ms + 100; ts < 10000; ts += 100) {
+                EXPECT_TRUE(
+                    is_frame(vexo_ipc_ring_buffer_get_frame(r, 0), kVideo, type_at(ts), ts));
+            }
+            EXPECT_EQ(hostkit::counters().reader_jumps, 1u);
+        }
+    }
+}
+
+TEST_F(RingBufferTest, AudioBesideAJumpingVideoReaderFollowsItsKeyFrame) {
+    start();
+    vexo_ring_buffer_user_t v = open(kVideo);
+    vexo_ring_buffer_user_t a = open(kAudio);
+    // 25 fps video with a key frame every second and audio every 20 ms, 0 .. 11980 ms: the
+    // ring holds from 1960 (video) and 1980 (audio) on.
+    for (uint64_t ts = 0; ts < 12000; ts += 20) {
+        if (ts % 40 == 0) {
+            push(kVideo, ts % 1000 == 0 ? VEXO_FRAME_I : VEXO_FRAME_P, ts);
+        }
+        push(kAudio, VEXO_FRAME_AUDIO, ts);
+    }
+    // Overwritten, so it jumps without being asked; a retry jumps as well.
+    ::testing::internal::CaptureStderr();
+    EXPECT_TRUE(is_frame(vexo_ipc_ring_buffer_get_av_frame(v, a, 1), kVideo, VEXO_FRAME_I, 11000));
+    EXPECT_TRUE(
+        is_frame(vexo_ipc_ring_buffer_get_av_frame(v, a, 0), kAudio, VEXO_FRAME_AUDIO, 11000));
+    EXPECT_TRUE(
+        is_frame(vexo_ipc_ring_buffer_get_av_frame(v, a, 0), kAudio, VEXO_FRAME_AUDIO, 11020));
+    EXPECT_TRUE(is_frame(vexo_ipc_ring_buffer_get_av_frame(v, a, 0), kVideo, VEXO_FRAME_P, 11040));
+    const std::string log = ::testing::internal::GetCapturedStderr();
+    hostkit::Counters c = hostkit::counters();
+    EXPECT_EQ(c.reader_jumps, 1u) << "one jump for the pair";
+    EXPECT_EQ(c.frames_skipped, 275u + 550u); // video 0 .. 10960, audio 0 .. 10980
+    EXPECT_EQ(c.frames_overwritten, 49u + 99u);
+    EXPECT_NE(log.find("(550 audio, 148 overwritten)"), std::string::npos) << log;
+
+    // Audio left unread while video is read alone: once overwritten it is moved beside the
+    // video reader's next frame, and the video reader stays where it is.
+    for (uint64_t ts = 12000; ts < 24000; ts += 20) {
+        if (ts % 40 == 0) {
+            push(kVideo, ts % 1000 == 0 ? VEXO_FRAME_I : VEXO_FRAME_P, ts);
+        }
+        push(kAudio, VEXO_FRAME_AUDIO, ts);
+    }
+    ASSERT_EQ(vexo_ipc_ring_buffer_anchor_user(v, 10, 0), 0); // video next at 23600
+    EXPECT_TRUE(is_frame(vexo_ipc_ring_buffer_get_av_frame(v, a, 0), kVideo, VEXO_FRAME_P, 23600));
+    EXPECT_TRUE(
+        is_frame(vexo_ipc_ring_buffer_get_av_frame(v, a, 0), kAudio, VEXO_FRAME_AUDIO, 23600));
+    c = hostkit::counters();
+    EXPECT_EQ(c.reader_jumps, 2u);
+    EXPECT_EQ(c.frames_skipped, 825u + 628u); // audio 11040 .. 23580
 }
 
 TEST_F(RingBufferTest, ByteCapBoundsAStreamWhoseTimeStampsStandStill) {
@@ -305,10 +428,16 @@ TEST_F(RingBufferTest, IfDelayComparesTheNextFrameWithTheNewest) {
         uint64_t newest_ms;
         int32_t delayed;
     } cases[] = {
-        {10, 500, 500, 0},
-        {10, 500, 501, 1}, // explicit threshold
-        {2, 0, 1000, 0},
-        {2, 0, 1001, 1}, // 0: half the ring
+        // An explicit limit, just above the longest pre-record (7 s).
+        {10, 7001, 7001, 0},
+        {10, 7001, 7002, 1},
+        // 0: half a second short of the ring; a one-second ring: half of it.
+        {10, 0, 9500, 0},
+        {10, 0, 9501, 1},
+        {3, 0, 2500, 0},
+        {3, 0, 2501, 1},
+        {1, 0, 500, 0},
+        {1, 0, 501, 1},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(::testing::Message()
@@ -323,6 +452,31 @@ TEST_F(RingBufferTest, IfDelayComparesTheNextFrameWithTheNewest) {
         EXPECT_EQ(vexo_ipc_ring_buffer_if_delay(r), 0) << "one frame behind the newest";
         ASSERT_NE(vexo_ipc_ring_buffer_get_frame(r, 0), nullptr);
         EXPECT_EQ(vexo_ipc_ring_buffer_if_delay(r), 0) << "at the live end";
+    }
+}
+
+TEST_F(RingBufferTest, LagLimitAtOrBelowTheLongestPreRecordOrBeyondTheRingIsRefused) {
+    const struct {
+        uint32_t ring_seconds;
+        uint32_t delay_ms;
+        bool ok;
+    } cases[] = {
+        {10, 7000, false}, {10, 7001, true}, {10, 10000, true},  {10, 10001, false},
+        {3, 1, true},      {3, 3001, false}, {60, 57000, false}, {60, 57001, true},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(::testing::Message() << c.ring_seconds << " s, " << c.delay_ms << " ms");
+        hostkit::stop();
+        hostkit::Options options;
+        options.data_dir = dir_;
+        options.cloud = std::make_shared<RefusingCloud>();
+        options.log_level = hostkit::LogLevel::kError;
+        options.ring_seconds = c.ring_seconds;
+        options.ring_delay_ms = c.delay_ms;
+        ::testing::internal::CaptureStderr();
+        EXPECT_EQ(hostkit::start(options) == 0, c.ok);
+        const std::string err = ::testing::internal::GetCapturedStderr();
+        EXPECT_EQ(err.find("ring_delay_ms must be above") != std::string::npos, !c.ok) << err;
     }
 }
 
@@ -384,7 +538,8 @@ TEST_F(RingBufferTest, ProducerAndReaderThreadsSeeEveryFrameOnceOrCountItLost) {
     EXPECT_TRUE(bytes_ok);
     const hostkit::Counters counters = hostkit::counters();
     EXPECT_EQ(counters.frames_pushed, kFrames);
-    EXPECT_EQ(got + counters.frames_overwritten, kFrames);
+    EXPECT_EQ(got + counters.frames_skipped, kFrames);
+    EXPECT_LE(counters.frames_overwritten, counters.frames_skipped);
 }
 
 TEST_F(RingBufferTest, UnknownClosedAndStaleHandlesFailSafely) {

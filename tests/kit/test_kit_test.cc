@@ -146,15 +146,22 @@ TEST_F(KitSelfTest, RingSyncAndAvOrderingVideoFirstOnEqualTimes) {
     vexo_ipc_ring_buffer_close(audio);
 }
 
-TEST_F(KitSelfTest, RingDropsOldFramesAndLaggingReaderMovesToOldest) {
+TEST_F(KitSelfTest, RingDropsOldFramesAndOverwrittenReaderMovesToNewestKeyFrame) {
     tk::set_capacity_secs(VEXO_STREAM_MAIN, 1);
     vexo_ring_buffer_user_t user = vexo_ipc_ring_buffer_open(0, 0, VEXO_STREAM_MAIN, 0);
-    push_video("IPPPPPPPPPPPPPPPPPPPPPPPPPPPPP", 0, 100); // 0 .. 2900 ms
+    push_video("IPPPPPPPPPPPPPPPPPPPPPPPPIPPPP", 0, 100); // 0 .. 2900 ms, keys at 0 and 2500
     std::vector<tk::FrameInfo> ring = tk::ring_frames(VEXO_STREAM_MAIN);
     ASSERT_FALSE(ring.empty());
     EXPECT_EQ(ring.front().timestamp, 1900u); // exactly the capacity old is kept
     EXPECT_EQ(ring.back().timestamp, 2900u);
-    EXPECT_EQ(next_ts(user), 1900u);
+    EXPECT_EQ(next_ts(user), 2500u);
+    std::vector<tk::ReaderJump> jumps = tk::reader_jumps();
+    ASSERT_EQ(jumps.size(), 1u);
+    EXPECT_EQ(jumps[0].skipped, 25u);
+    EXPECT_EQ(jumps[0].overwritten, 19u);
+    EXPECT_EQ(jumps[0].audio_skipped, 0u);
+    EXPECT_EQ(next_ts(user), 2600u);
+    EXPECT_EQ(tk::reader_jumps().size(), 1u) << "one record per jump";
 
     // The history keeps what the ring dropped.
     EXPECT_EQ(tk::frames_produced(VEXO_STREAM_MAIN), 30u);
@@ -163,6 +170,117 @@ TEST_F(KitSelfTest, RingDropsOldFramesAndLaggingReaderMovesToOldest) {
     EXPECT_EQ(old->index, 3u);
     EXPECT_EQ(tk::frame_bytes(*old), bytes_of(3, 13));
     vexo_ipc_ring_buffer_close(user);
+}
+
+struct CatchUpCase {
+    const char *name;
+    int reported;         // 0: if_delay not asked; 1: asked; 2: forced answer
+    uint32_t read_to_ms;  // the reader got every frame up to this one first
+    uint32_t anchor_back; // > 0: anchor_user(frames back, no key) after the report
+    int32_t retry;        // of the get
+    uint64_t first_ms;    // what the get hands out
+    uint64_t skipped;     // frames the jump passed over; 0: no jump
+};
+
+TEST_F(KitSelfTest, RingReaderReportedBehindJumpsOnItsNextGetUnlessAnchored) {
+    // Video 0 .. 9900 ms, 100 ms apart, key frames every 500 ms, 10 s kept: the lag limit is
+    // 9500 ms, so a reader standing at 100 is behind and one at 500 is not.
+    const CatchUpCase cases[] = {
+        {"reported, get", 1, 0, 0, 0, 9500, 94},
+        {"reported, retry", 1, 0, 0, 1, 9500, 94},
+        {"reported, then anchored", 1, 0, 30, 0, 7000, 0},
+        {"not asked: reads on", 0, 0, 0, 0, 100, 0},
+        {"not asked: retry repeats", 0, 0, 0, 1, 0, 0},
+        {"within the limit: asked, reads on", 1, 400, 0, 0, 500, 0},
+        {"forced answer jumps too", 2, 400, 0, 0, 9500, 90},
+        {"forced, at the newest key already: no jump", 2, 9400, 0, 0, 9500, 0},
+    };
+    for (const CatchUpCase &c : cases) {
+        SCOPED_TRACE(c.name);
+        tk::reset();
+        vexo_ring_buffer_user_t user = vexo_ipc_ring_buffer_open(0, 0, VEXO_STREAM_MAIN, 0);
+        std::string types;
+        for (int i = 0; i < 100; ++i) {
+            types += i % 5 == 0 ? 'I' : 'P';
+        }
+        push_video(types, 0, 100);
+        uint64_t got = 0;
+        do {
+            got = next_ts(user);
+        } while (got < c.read_to_ms);
+        ASSERT_EQ(got, c.read_to_ms);
+        if (c.reported == 2) {
+            tk::force_delay(1);
+        }
+        if (c.reported != 0) {
+            EXPECT_EQ(vexo_ipc_ring_buffer_if_delay(user),
+                      c.reported == 2 || c.read_to_ms + 100 + 9500 < 9900 ? 1 : 0);
+        }
+        if (c.anchor_back > 0) {
+            ASSERT_EQ(vexo_ipc_ring_buffer_anchor_user(user, c.anchor_back, 0), 0);
+        }
+        vexo_ring_buffer_frame_t *f = vexo_ipc_ring_buffer_get_frame(user, c.retry);
+        ASSERT_NE(f, nullptr);
+        EXPECT_EQ(f->timestamp, c.first_ms);
+        std::vector<tk::ReaderJump> jumps = tk::reader_jumps();
+        ASSERT_EQ(jumps.size(), c.skipped > 0 ? 1u : 0u);
+        if (c.skipped > 0) {
+            EXPECT_EQ(jumps[0].skipped, c.skipped);
+            EXPECT_EQ(jumps[0].stream, VEXO_STREAM_MAIN);
+            EXPECT_EQ(jumps[0].lag_ms, 9900 - c.read_to_ms - 100);
+            EXPECT_EQ(jumps[0].overwritten, 0u);
+            EXPECT_EQ(vexo_ipc_ring_buffer_if_delay(user), 0) << "caught up";
+            EXPECT_EQ(next_ts(user), c.first_ms + 100) << "reads on from there";
+        }
+        vexo_ipc_ring_buffer_close(user);
+    }
+}
+
+TEST_F(KitSelfTest, RingAudioReaderFollowsTheVideoReadersJump) {
+    tk::set_time_ms(7000000);
+    tk::start_stream(); // 25 fps, a key frame every 2 s, audio every 40 ms, 10 s kept
+    vexo_ring_buffer_user_t video = vexo_ipc_ring_buffer_open(0, 0, VEXO_STREAM_MAIN, 0);
+    vexo_ring_buffer_user_t audio = vexo_ipc_ring_buffer_open(0, 0, VEXO_STREAM_AUDIO, 0);
+    // 15 s later the ring holds 7005000 .. 7015000; both readers still stand at 7000040.
+    tk::advance(15000);
+    uint64_t newest_key = 0;
+    for (const tk::FrameInfo &f : tk::ring_frames(VEXO_STREAM_MAIN)) {
+        if (f.type == VEXO_FRAME_I) {
+            newest_key = f.timestamp;
+        }
+    }
+    ASSERT_EQ(newest_key, 7014000u);
+    EXPECT_EQ(vexo_ipc_ring_buffer_if_delay(video), 1);
+    vexo_ring_buffer_frame_t *f = vexo_ipc_ring_buffer_get_av_frame(video, audio, 0);
+    ASSERT_NE(f, nullptr);
+    EXPECT_EQ(f->type, static_cast<uint32_t>(VEXO_FRAME_I));
+    EXPECT_EQ(f->timestamp, newest_key);
+    f = vexo_ipc_ring_buffer_get_av_frame(video, audio, 0);
+    ASSERT_NE(f, nullptr);
+    EXPECT_EQ(f->type, static_cast<uint32_t>(VEXO_FRAME_AUDIO));
+    EXPECT_EQ(f->timestamp, newest_key) << "audio starts at the key frame, not before";
+    std::vector<tk::ReaderJump> jumps = tk::reader_jumps();
+    ASSERT_EQ(jumps.size(), 1u) << "the pair jumps once";
+    EXPECT_EQ(jumps[0].lag_ms, 10000u);
+    EXPECT_EQ(jumps[0].skipped, 349u);       // video 7000040 .. 7013960
+    EXPECT_EQ(jumps[0].audio_skipped, 349u); // audio alike
+    EXPECT_EQ(jumps[0].overwritten, 248u);   // 7000040 .. 7004960 of each were dropped
+
+    // Audio left behind on its own is moved beside the video reader, which stays.
+    ASSERT_EQ(vexo_ipc_ring_buffer_anchor_user(video, 5, 0), 0);
+    const uint64_t video_next = tk::ring_frames(VEXO_STREAM_MAIN).back().timestamp - 4 * 40;
+    tk::set_capacity_secs(VEXO_STREAM_AUDIO, 0); // drops every audio frame but the newest
+    f = vexo_ipc_ring_buffer_get_av_frame(video, audio, 0);
+    ASSERT_NE(f, nullptr);
+    EXPECT_EQ(f->timestamp, video_next);
+    EXPECT_EQ(f->type, static_cast<uint32_t>(VEXO_FRAME_P));
+    jumps = tk::reader_jumps();
+    ASSERT_EQ(jumps.size(), 2u);
+    EXPECT_EQ(jumps[1].stream, VEXO_STREAM_AUDIO);
+    EXPECT_EQ(jumps[1].skipped, 0u);
+    EXPECT_GT(jumps[1].audio_skipped, 0u);
+    vexo_ipc_ring_buffer_close(video);
+    vexo_ipc_ring_buffer_close(audio);
 }
 
 TEST_F(KitSelfTest, GeneratorFollowsClockAndMatchesHistory) {

@@ -98,6 +98,11 @@ void summarise(const Options &o, CloudControl &cloud, const Feeder &feeder, cons
     std::printf("camera: %llu video and %llu audio frames fed\n",
                 static_cast<unsigned long long>(feeder.video_frames()),
                 static_cast<unsigned long long>(feeder.audio_frames()));
+    // A module that fell behind the live end was moved on by the kit: what it missed.
+    std::printf("reader: caught up %llu times, %llu frames skipped (%llu overwritten)\n",
+                static_cast<unsigned long long>(c.reader_jumps),
+                static_cast<unsigned long long>(c.frames_skipped),
+                static_cast<unsigned long long>(c.frames_overwritten));
     std::printf("module: %d motion events recorded, %d refused; %d remote triggers; %llu "
                 "alarms\n",
                 tally.motion_started, tally.motion_refused, tally.triggers,
