@@ -38,6 +38,35 @@ class Broker {
     std::unique_ptr<Process> process_;
 };
 
+/// A locked-down broker as scripts/mosquitto-secure.sh configures it: TLS on a loopback port
+/// of its own (the certificate made by the test for 127.0.0.1), no anonymous clients, the
+/// login "vexo-cloud" for the service and one per device (its device id), an ACL that lets a
+/// device read only its own command topic and only the service publish commands.
+class SecureBroker {
+  public:
+    static constexpr const char *kServiceLogin = "vexo-cloud";
+    SecureBroker(const std::string &dir, const std::vector<std::string> &devices);
+    /// Writes the configuration and starts mosquitto; false (see output()) when either failed.
+    bool start();
+    std::string url() const { return "mqtts://127.0.0.1:" + std::to_string(port_); }
+    uint16_t port() const { return port_; }
+    /// The authority clients trust the broker with.
+    std::string ca_file() const { return dir_ + "/server.crt"; }
+    std::string password_file(const std::string &login) const {
+        return dir_ + "/users/" + login + ".password";
+    }
+    std::string password(const std::string &login) const;
+    /// What the configuration script and mosquitto printed.
+    std::string output() const { return setup_ + (process_ ? process_->output() : ""); }
+
+  private:
+    std::string dir_;
+    std::vector<std::string> devices_;
+    uint16_t port_;
+    std::string setup_;
+    std::unique_ptr<Process> process_;
+};
+
 /// vexo-cloud serve on any free loopback port, its data in dir/cloud.
 class Cloud {
   public:
