@@ -13,6 +13,8 @@
 #       write, then runs mosquitto in the background (log DIR/mosquitto.log).
 #   scripts/mosquitto-secure.sh stop DIR
 #       Ends the broker that start began.
+# With VEXO_MQTT_REQUIRE_CERTIFICATE=1, clients must also show a certificate that an
+# authority in DIR/server.crt signed (append further authorities to that file).
 #
 # The tests write the same files with "write" and run mosquitto -c DIR/mosquitto.conf
 # themselves, so a person and the tests use one configuration.
@@ -27,7 +29,7 @@ die() {
 }
 
 usage() {
-    sed -n '2,17p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//' >&2
+    sed -n '2,19p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//' >&2
     exit 2
 }
 
@@ -99,6 +101,7 @@ cafile ${dir}/server.crt
 certfile ${dir}/server.crt
 keyfile ${dir}/server.key
 tls_version tlsv1.2
+require_certificate $([[ "${VEXO_MQTT_REQUIRE_CERTIFICATE:-0}" == 1 ]] && echo true || echo false)
 # The login is the client id: nobody can take over (or throw out) another login's session.
 use_username_as_clientid true
 

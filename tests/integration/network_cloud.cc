@@ -56,8 +56,10 @@ std::string Broker::url() const {
     return "mqtt://127.0.0.1:" + std::to_string(port_);
 }
 
-SecureBroker::SecureBroker(const std::string &dir, const std::vector<std::string> &devices)
-    : dir_(dir + "/secure-broker"), devices_(devices), port_(free_port()) {}
+SecureBroker::SecureBroker(const std::string &dir, const std::vector<std::string> &devices,
+                           bool client_certificates)
+    : dir_(dir + "/secure-broker"), devices_(devices), client_certificates_(client_certificates),
+      port_(free_port()) {}
 
 bool SecureBroker::start() {
     std::error_code ignored;
@@ -67,10 +69,23 @@ bool SecureBroker::start() {
         setup_ = error;
         return false;
     }
+    if (client_certificates_) {
+        // The clients' certificate is self-signed too: the broker trusts it as an authority
+        // of its own, beside its certificate.
+        std::filesystem::create_directories(dir_ + "/client", ignored);
+        if (!vexo_test::write_test_certificate(dir_ + "/client", &error, "vexo test client")) {
+            setup_ = error;
+            return false;
+        }
+        std::ifstream client(client_cert());
+        std::ofstream(ca_file(), std::ios::app) << client.rdbuf();
+    }
     std::vector<std::string> argv = {kSecureBrokerScript, "write", dir_, std::to_string(port_),
                                      kServiceLogin};
     argv.insert(argv.end(), devices_.begin(), devices_.end());
-    const e2e::Result written = e2e::run(argv);
+    const e2e::Result written =
+        e2e::run(argv, {client_certificates_ ? "VEXO_MQTT_REQUIRE_CERTIFICATE=1"
+                                             : "VEXO_MQTT_REQUIRE_CERTIFICATE=0"});
     setup_ = written.out;
     if (written.status != 0) {
         return false;

@@ -3,6 +3,7 @@
 // remote trigger from vexo-cloud to vexo-camsim going through it.
 #include <gtest/gtest.h>
 #include <mosquitto.h>
+#include <signal.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -39,13 +40,16 @@ class Probe {
     /// login empty: an anonymous client. ca_file empty: plain MQTT, no TLS. client_id
     /// empty: one made up by the library.
     Probe(const std::string &ca_file, const std::string &login, const std::string &password,
-          const std::string &client_id = "") {
+          const std::string &client_id = "", const std::string &cert_file = "",
+          const std::string &key_file = "") {
         static const int init = mosquitto_lib_init();
         (void)init;
         mosq_ = mosquitto_new(client_id.empty() ? nullptr : client_id.c_str(), true, this);
         mosquitto_int_option(mosq_, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V311);
         if (!ca_file.empty()) {
-            tls_rc_ = mosquitto_tls_set(mosq_, ca_file.c_str(), nullptr, nullptr, nullptr, nullptr);
+            tls_rc_ = mosquitto_tls_set(mosq_, ca_file.c_str(), nullptr,
+                                        cert_file.empty() ? nullptr : cert_file.c_str(),
+                                        key_file.empty() ? nullptr : key_file.c_str(), nullptr);
         }
         if (!login.empty()) {
             mosquitto_username_pw_set(mosq_, login.c_str(), password.c_str());
@@ -340,6 +344,67 @@ TEST_F(SecureMqttTest, ARemoteTriggerGoesFromTheServiceToTheCameraOverTls) {
     const auto alarms = service.alarms(kCamA);
     ASSERT_EQ(alarms.size(), 1u) << r.out;
     EXPECT_TRUE(alarms[0].with_picture);
+}
+
+/// A broker that asks for client certificates as well as logins.
+class ClientCertificateMqttTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        broker_ =
+            std::make_unique<SecureBroker>(tmp_.path(), std::vector<std::string>{kCamA}, true);
+        ASSERT_TRUE(broker_->start()) << broker_->output();
+    }
+    e2e::TempDir tmp_;
+    std::unique_ptr<SecureBroker> broker_;
+};
+
+TEST_F(ClientCertificateMqttTest, OnlyClientsWithATrustedCertificateGetIn) {
+    const std::string other = tmp_.path() + "/other";
+    std::filesystem::create_directories(other);
+    std::string error;
+    ASSERT_TRUE(vexo_test::write_test_certificate(other, &error)) << error;
+    struct Case {
+        const char *what;
+        std::string cert;
+        std::string key;
+        int connack;
+    };
+    const Case cases[] = {
+        {"no certificate", "", "", -1},
+        {"an unknown certificate", other + "/server.crt", other + "/server.key", -1},
+        {"the trusted certificate", broker_->client_cert(), broker_->client_key(), 0},
+    };
+    for (const Case &c : cases) {
+        Probe probe(broker_->ca_file(), kCamA, broker_->password(kCamA), "", c.cert, c.key);
+        EXPECT_EQ(probe.connect(broker_->port()), c.connack) << c.what;
+    }
+}
+
+TEST_F(ClientCertificateMqttTest, TheCameraAndTheServiceConnectWithTheirCertificate) {
+    const std::vector<std::string> tls = {"--mqtt-ca",   broker_->ca_file(),
+                                          "--mqtt-cert", broker_->client_cert(),
+                                          "--mqtt-key",  broker_->client_key()};
+    std::vector<std::string> cloud_options = tls;
+    cloud_options.insert(cloud_options.end(),
+                         {"--mqtt-user", SecureBroker::kServiceLogin, "--mqtt-password-file",
+                          broker_->password_file(SecureBroker::kServiceLogin)});
+    Cloud cloud(tmp_.path(), broker_->url(), cloud_options);
+    ASSERT_TRUE(cloud.up()) << cloud.log();
+
+    const std::string clip =
+        e2e::make_clip(tmp_.path(), "clip.mkv", 320, 240, 20, 40, 6, "pcm_mulaw", 300);
+    std::vector<std::string> camera_options = tls;
+    camera_options.insert(camera_options.end(),
+                          {"--mqtt-user", kCamA, "--mqtt-password-file",
+                           broker_->password_file(kCamA), "--duration", "600"});
+    Process camsim(
+        camsim_args(cloud, broker_->url(), tmp_.path() + "/camera", clip, kCamA, camera_options),
+        tmp_.path() + "/camsim.log");
+    EXPECT_TRUE(camsim.wait_for("mqtt connected", 60)) << camsim.output();
+    // The service says so once the broker accepted it.
+    EXPECT_TRUE(cloud.wait_for("mqtt: connected to " + broker_->url(), 60)) << cloud.log();
+    camsim.signal(SIGTERM);
+    EXPECT_EQ(cloud.stop(), 0);
 }
 
 TEST_F(SecureMqttTest, ProgramsRefuseTlsSettingsThatCannotWork) {
