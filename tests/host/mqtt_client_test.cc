@@ -157,6 +157,26 @@ TEST(MqttKitStart, ABadUrlOrUnusableTlsMakesStartFailAndWritesNothing) {
     hostkit::stop();
 }
 
+TEST(MqttKitStart, TlsWithTheSystemsAuthoritiesStarts) {
+    vexo_test::TempDir dir("vexo-mqtt-system-ca");
+    ASSERT_FALSE(dir.path().empty());
+    // Without a CA file the system's authorities are used, with or without a client
+    // certificate; the broker not being up is no reason to refuse.
+    const std::string pem = dir.path() + "/client.pem";
+    std::ofstream(pem) << "-----BEGIN CERTIFICATE-----\nMIIB\n-----END CERTIFICATE-----\n";
+    for (const bool with_certificate : {false, true}) {
+        hostkit::Options options = kit_options(dir.path(), "mqtts://127.0.0.1:1");
+        options.mqtt_security.username = "cam-mq";
+        options.mqtt_security.password = "secret";
+        if (with_certificate) {
+            options.mqtt_security.cert_file = pem;
+            options.mqtt_security.key_file = pem;
+        }
+        ASSERT_EQ(hostkit::start(options), 0) << with_certificate;
+        hostkit::stop();
+    }
+}
+
 // What the handler saw; handlers are plain functions.
 std::mutex g_mu;
 std::vector<std::string> g_actions; // data.action of each handled command

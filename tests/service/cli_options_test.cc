@@ -179,6 +179,15 @@ TEST(CloudMqttPublisher, RefusesSecuritySettingsThatCannotWork) {
         EXPECT_EQ(vexo_cloud::MqttPublisher::start(c.url, c.security, &error), nullptr) << c.url;
         EXPECT_NE(error.find(c.error), std::string::npos) << error;
     }
+    // Without a CA file the system's authorities are used, with or without a client
+    // certificate.
+    for (const vexo_cloud::MqttSecurity &system_cas :
+         {vexo_cloud::MqttSecurity{}, vexo_cloud::MqttSecurity{"", pem, pem, "", ""}}) {
+        std::string why;
+        EXPECT_NE(vexo_cloud::MqttPublisher::start("mqtts://127.0.0.1:1", system_cas, &why),
+                  nullptr)
+            << why;
+    }
     // A usable CA file starts it (the broker not being up is no error).
     std::string error;
     EXPECT_NE(
