@@ -56,7 +56,10 @@ random_password() {
 write_files() {
     local dir="$1" port="$2" service="$3"
     shift 3
-    [[ "${port}" =~ ^[0-9]{1,5}$ ]] && ((port >= 1 && port <= 65535)) || die "bad port '${port}'"
+    if [[ ! "${port}" =~ ^[0-9]{1,5}$ ]] || ((10#${port} < 1 || 10#${port} > 65535)); then
+        die "bad port '${port}'"
+    fi
+    port=$((10#${port}))
     check_name "${service}"
     (($# > 0)) || die "name at least one device"
     local name
