@@ -346,6 +346,45 @@ TEST_F(SecureMqttTest, ARemoteTriggerGoesFromTheServiceToTheCameraOverTls) {
     EXPECT_TRUE(alarms[0].with_picture);
 }
 
+TEST_F(SecureMqttTest, TheCameraAndTheServiceDoNotTrustAnotherBrokerNorGetInWithABadLogin) {
+    const std::string other = tmp_.path() + "/other-ca";
+    std::filesystem::create_directories(other);
+    std::string error;
+    ASSERT_TRUE(vexo_test::write_test_certificate(other, &error)) << error;
+    const std::string wrong_password = tmp_.path() + "/wrong.password";
+    std::ofstream(wrong_password) << "not-" << broker_->password(kCamA) << "\n";
+
+    // The service trusting another authority: the handshake fails, it publishes nothing.
+    Cloud cloud(tmp_.path(), broker_->url(),
+                {"--mqtt-ca", other + "/server.crt", "--mqtt-user", SecureBroker::kServiceLogin,
+                 "--mqtt-password-file", broker_->password_file(SecureBroker::kServiceLogin)});
+    ASSERT_TRUE(cloud.up()) << cloud.log();
+    EXPECT_TRUE(cloud.wait_for("TLS error", 60)) << cloud.log();
+    EXPECT_EQ(cloud.log().find("mqtt: connected"), std::string::npos) << cloud.log();
+
+    struct Case {
+        const char *what;
+        std::string ca_file;
+        std::string password_file;
+        const char *logged; // what the kit says about it
+    };
+    const Case cases[] = {
+        {"another authority", other + "/server.crt", broker_->password_file(kCamA), "TLS error"},
+        {"a wrong password", broker_->ca_file(), wrong_password, "refused the connection"},
+    };
+    const std::string clip =
+        e2e::make_clip(tmp_.path(), "clip.mkv", 320, 240, 20, 40, 6, "pcm_mulaw", 300);
+    for (const Case &c : cases) {
+        Process camsim(camsim_args(cloud, broker_->url(), tmp_.path() + "/camera", clip, kCamA,
+                                   {"--mqtt-ca", c.ca_file, "--mqtt-user", kCamA,
+                                    "--mqtt-password-file", c.password_file, "--duration", "600"}),
+                       tmp_.path() + "/camsim.log");
+        EXPECT_TRUE(camsim.wait_for(c.logged, 60)) << c.what << "\n" << camsim.output();
+        EXPECT_EQ(camsim.output().find("mqtt connected"), std::string::npos) << c.what << "\n"
+                                                                             << camsim.output();
+    } // (the camera is killed as it goes)
+}
+
 /// A broker that asks for client certificates as well as logins.
 class ClientCertificateMqttTest : public ::testing::Test {
   protected:
