@@ -7,6 +7,10 @@
 /// broker queued while the camera was away arrive when it comes back. It connects once the
 /// module attaches its first handler (so those queued commands find their handler), and
 /// reconnects by itself with a delay growing from 1 to 10 seconds.
+///
+/// Over mqtts:// it verifies the broker's certificate chain and host name (against the
+/// options' CA file, or the system's authorities), may show a client certificate, and logs
+/// in with the options' user name and password when there is one.
 #ifndef VEXO_HOST_MQTT_CLIENT_H
 #define VEXO_HOST_MQTT_CLIENT_H
 
