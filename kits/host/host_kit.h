@@ -17,6 +17,18 @@ namespace hostkit {
 
 enum class LogLevel { kError = 0, kDebug = 1, kTrace = 2 };
 
+/// How the kit's MQTT client proves who it is and checks the broker. Files are PEM.
+struct MqttSecurity {
+    /// Certificate authorities that vouch for an mqtts:// broker; empty: the system's.
+    std::string ca_file;
+    /// A client certificate and its (unencrypted) key, for brokers that ask for one.
+    std::string cert_file;
+    std::string key_file;
+    /// The broker login; empty: none. The password is only ever sent with a user name.
+    std::string username;
+    std::string password;
+};
+
 struct Options {
     /// Key-value records go to <data_dir>/kv/, the sequence log to <data_dir>/seq-log.jsonl.
     std::string data_dir = "vexo-data";
@@ -33,10 +45,15 @@ struct Options {
     /// Sent as "Authorization: Bearer <token>" with every cloud request when not empty.
     std::string device_token;
     /// The MQTT broker the cloud's commands come from, "mqtt://host[:port]" (default port
-    /// 1883); empty: none (an embedded cloud delivers them with mqtt_deliver). The kit
+    /// 1883) or "mqtts://host[:port]" over TLS (default port 8883, the broker's certificate
+    /// and host name always verified); empty: none (an embedded cloud delivers them with
+    /// mqtt_deliver). The kit
     /// subscribes to "vexo/<device_id>/cmd" with QoS 1 and keeps its session across
     /// reconnects; it connects once the module has attached its first MQTT handler.
     std::string mqtt_url;
+    /// TLS files and login for mqtt_url; start() refuses settings that cannot work (a CA
+    /// file without a certificate in it, TLS files for a plain mqtt:// broker, ...).
+    MqttSecurity mqtt_security;
     /// Seconds of frames each ring-buffer stream holds.
     uint32_t ring_seconds = 10;
     /// The lag limit, ms of stream time: a reader whose next frame is further than this behind

@@ -5,10 +5,12 @@
 #include "mqtt_client.h"
 
 #include <mosquitto.h>
+#include <openssl/x509.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 
 #include "host_internal.h"
@@ -32,9 +34,77 @@ std::string error_text(int rc, int saved_errno) {
     return mosquitto_strerror(rc);
 }
 
+/// A CA file is a few certificates; more than this is not one.
+constexpr long kMaxCaFileBytes = 4 * 1024 * 1024;
+
+/// Opens path for reading; false with *error naming what the file was for.
+bool can_read(const std::string &path, const char *what, std::string *error) {
+    FILE *f = std::fopen(path.c_str(), "rb");
+    if (f == nullptr) {
+        *error =
+            std::string("cannot read the MQTT ") + what + " " + path + ": " + std::strerror(errno);
+        return false;
+    }
+    std::fclose(f);
+    return true;
+}
+
+bool holds_pem_certificate(const std::string &path, std::string *error) {
+    FILE *f = std::fopen(path.c_str(), "rb");
+    if (f == nullptr) {
+        *error = "cannot read the MQTT CA file " + path + ": " + std::strerror(errno);
+        return false;
+    }
+    std::string text;
+    char buffer[4096];
+    size_t n = 0;
+    while ((n = std::fread(buffer, 1, sizeof buffer, f)) > 0 &&
+           text.size() < static_cast<size_t>(kMaxCaFileBytes)) {
+        text.append(buffer, n);
+    }
+    std::fclose(f);
+    if (text.find("-----BEGIN CERTIFICATE-----") == std::string::npos) {
+        *error = "the MQTT CA file " + path + " holds no PEM certificate";
+        return false;
+    }
+    return true;
+}
+
+/// An encrypted key would make OpenSSL ask on the terminal; the kit takes none.
+int no_passphrase(char *, int, int, void *) {
+    return 0;
+}
+
 } // namespace
 
+bool check_mqtt_security(const MqttAddress &address, const MqttSecurity &security,
+                         std::string *error) {
+    const bool tls_files =
+        !security.ca_file.empty() || !security.cert_file.empty() || !security.key_file.empty();
+    if (tls_files && !address.tls) {
+        *error = "MQTT TLS files (CA, certificate, key) need an mqtts:// broker";
+        return false;
+    }
+    if (security.cert_file.empty() != security.key_file.empty()) {
+        *error = "an MQTT client certificate and its key go together";
+        return false;
+    }
+    if (!security.password.empty() && security.username.empty()) {
+        *error = "an MQTT password needs a user name";
+        return false;
+    }
+    if (!security.ca_file.empty() && !holds_pem_certificate(security.ca_file, error)) {
+        return false;
+    }
+    if (!security.cert_file.empty() && (!can_read(security.cert_file, "certificate", error) ||
+                                        !can_read(security.key_file, "key", error))) {
+        return false;
+    }
+    return true;
+}
+
 std::unique_ptr<MqttClient> MqttClient::create(const MqttAddress &address,
+                                               const MqttSecurity &security,
                                                const std::string &device_id, std::string *error) {
     mosquitto_lib_init();
     const std::string client_id = "vexo-cam-" + device_id;
@@ -48,6 +118,38 @@ std::unique_ptr<MqttClient> MqttClient::create(const MqttAddress &address,
     }
     mosquitto_int_option(mosq, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V311);
     std::unique_ptr<MqttClient> client(new MqttClient(address, device_id, mosq));
+    if (!security.username.empty()) {
+        const int rc = mosquitto_username_pw_set(
+            mosq, security.username.c_str(),
+            security.password.empty() ? nullptr : security.password.c_str());
+        if (rc != MOSQ_ERR_SUCCESS) {
+            *error = std::string("cannot use the MQTT user name: ") + mosquitto_strerror(rc);
+            return nullptr;
+        }
+        if (!address.tls) {
+            internal::log_error("mqtt: the broker login to %s:%u goes unencrypted (mqtt://)",
+                                address.host.c_str(), static_cast<unsigned>(address.port));
+        }
+    }
+    if (address.tls) {
+        // The broker's certificate chain and host name are always verified: against the
+        // given CA file, or the system's authorities when there is none.
+        const char *ca_file = security.ca_file.empty() ? nullptr : security.ca_file.c_str();
+        const char *ca_dir = nullptr;
+        if (ca_file == nullptr) {
+            mosquitto_int_option(mosq, MOSQ_OPT_TLS_USE_OS_CERTS, 1);
+            ca_dir = X509_get_default_cert_dir();
+        }
+        const int rc = mosquitto_tls_set(
+            mosq, ca_file, ca_dir,
+            security.cert_file.empty() ? nullptr : security.cert_file.c_str(),
+            security.key_file.empty() ? nullptr : security.key_file.c_str(), no_passphrase);
+        if (rc != MOSQ_ERR_SUCCESS) {
+            *error =
+                std::string("cannot set up TLS for the MQTT broker: ") + mosquitto_strerror(rc);
+            return nullptr;
+        }
+    }
     mosquitto_user_data_set(mosq, client.get());
     mosquitto_connect_callback_set(mosq, on_connect);
     mosquitto_disconnect_callback_set(mosq, on_disconnect);
@@ -233,10 +335,12 @@ bool mqtt_net_start(const Options &options, std::string *error) {
         return true;
     }
     MqttAddress address;
-    if (!parse_mqtt_url(options.mqtt_url, &address, error)) {
+    if (!parse_mqtt_url(options.mqtt_url, &address, error) ||
+        !check_mqtt_security(address, options.mqtt_security, error)) {
         return false;
     }
-    std::unique_ptr<MqttClient> client = MqttClient::create(address, options.device_id, error);
+    std::unique_ptr<MqttClient> client =
+        MqttClient::create(address, options.mqtt_security, options.device_id, error);
     if (!client) {
         return false;
     }

@@ -7,6 +7,10 @@
 /// broker queued while the camera was away arrive when it comes back. It connects once the
 /// module attaches its first handler (so those queued commands find their handler), and
 /// reconnects by itself with a delay growing from 1 to 10 seconds.
+///
+/// Over mqtts:// it verifies the broker's certificate chain and host name (against the
+/// options' CA file, or the system's authorities), may show a client certificate, and logs
+/// in with the options' user name and password when there is one.
 #ifndef VEXO_HOST_MQTT_CLIENT_H
 #define VEXO_HOST_MQTT_CLIENT_H
 
@@ -17,26 +21,42 @@
 #include <string>
 #include <thread>
 
+#include "host_kit.h"
+
 struct mosquitto;
 struct mosquitto_message;
 
 namespace hostkit {
 
+constexpr uint16_t kMqttPort = 1883;
+constexpr uint16_t kMqttTlsPort = 8883;
+
 struct MqttAddress {
     std::string host;
-    uint16_t port = 1883;
+    uint16_t port = kMqttPort;
+    bool tls = false; ///< mqtts://
 };
 
-/// Parses "mqtt://host[:port]": host a name or IPv4 address, or an IPv6 address in brackets;
-/// port 1..65535, default 1883; nothing after the port but an optional '/'. False with
-/// *error for anything else (other schemes, user info, paths, queries, bad ports).
+/// Parses "mqtt://host[:port]" or "mqtts://host[:port]" (TLS): host a name or IPv4 address,
+/// or an IPv6 address in brackets; port 1..65535, default 1883, or 8883 for mqtts; nothing
+/// after the port but an optional '/'. False with *error for anything else (other schemes,
+/// user info, paths, queries, bad ports).
 bool parse_mqtt_url(const std::string &url, MqttAddress *out, std::string *error);
+
+/// Checks that the TLS and login settings fit the broker address and that the files they
+/// name can be used: a CA file must hold a PEM certificate, certificate and key go
+/// together and are readable, a password needs a user name, and the files are for mqtts
+/// only. False with *error saying which setting is wrong.
+bool check_mqtt_security(const MqttAddress &address, const MqttSecurity &security,
+                         std::string *error);
 
 class MqttClient {
   public:
     /// A client for the device, not connected yet. Null with *error when libmosquitto cannot
     /// make one.
+    /// Security must have passed check_mqtt_security.
     static std::unique_ptr<MqttClient> create(const MqttAddress &address,
+                                              const MqttSecurity &security,
                                               const std::string &device_id, std::string *error);
     /// Disconnects and ends the client's thread; no message is dispatched after it returns.
     ~MqttClient();

@@ -1,4 +1,5 @@
-// The MQTT broker address of the kit's options: "mqtt://host[:port]".
+// The MQTT broker address of the kit's options: "mqtt://host[:port]" or, over TLS,
+// "mqtts://host[:port]".
 #include <cctype>
 #include <string>
 
@@ -66,13 +67,14 @@ bool lower_prefix(const std::string &text, const std::string &prefix) {
 } // namespace
 
 bool parse_mqtt_url(const std::string &url, MqttAddress *out, std::string *error) {
-    const std::string scheme = "mqtt://";
+    MqttAddress address;
+    std::string scheme = "mqtt://";
     if (lower_prefix(url, "mqtts://")) {
-        *error = "'" + url + "': mqtts (TLS) is not supported, use mqtt://host:port";
-        return false;
-    }
-    if (!lower_prefix(url, scheme)) {
-        *error = "'" + url + "' must look like mqtt://host:port";
+        scheme = "mqtts://";
+        address.tls = true;
+        address.port = kMqttTlsPort;
+    } else if (!lower_prefix(url, scheme)) {
+        *error = "'" + url + "' must look like mqtt://host:port or mqtts://host:port";
         return false;
     }
     std::string rest = url.substr(scheme.size());
@@ -80,10 +82,9 @@ bool parse_mqtt_url(const std::string &url, MqttAddress *out, std::string *error
         rest.pop_back();
     }
     if (rest.find_first_of("/?#@") != std::string::npos) {
-        *error = "'" + url + "': only mqtt://host:port, without user, path or query";
+        *error = "'" + url + "': only " + scheme + "host:port, without user, path or query";
         return false;
     }
-    MqttAddress address;
     std::string port_text;
     bool has_port = false;
     if (!rest.empty() && rest[0] == '[') {

@@ -1,8 +1,11 @@
 /// Parsing vexo-cloud's command line into a serve run or one admin request.
 #include "cli_options.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <fstream>
 #include <vector>
 
 #include "json_fields.h"
@@ -15,12 +18,18 @@ namespace {
 
 constexpr char kUsage[] =
     "usage:\n"
-    "  vexo-cloud serve --data DIR [--listen HOST:PORT] [--mqtt mqtt://HOST:PORT]\n"
+    "  vexo-cloud serve --data DIR [--listen HOST:PORT] [--mqtt mqtt[s]://HOST:PORT]\n"
     "                   [--token DEVICE=TOKEN ...] [--admin-token TOKEN]\n"
     "                   [--tls-cert FILE --tls-key FILE] [--max-body BYTES] [--quiet]\n"
+    "                   [--mqtt-ca FILE] [--mqtt-cert FILE --mqtt-key FILE]\n"
+    "                   [--mqtt-user NAME [--mqtt-password-file FILE]]\n"
     "      Serves the devices' cloud protocol and the admin interface. --listen defaults to\n"
     "      127.0.0.1:8080 (port 0: any free port; the line \"vexo-cloud: listening on URL\"\n"
     "      says which). With --token, devices must send their bearer token.\n"
+    "      mqtts:// (default port 8883) verifies the broker against --mqtt-ca (default: the\n"
+    "      system's authorities); --mqtt-cert/--mqtt-key give a client certificate. The\n"
+    "      broker password is the first line of --mqtt-password-file, or else\n"
+    "      $VEXO_MQTT_PASSWORD when set.\n"
     "\n"
     "  vexo-cloud order DEVICE [--store-mode alltime|event|none] [--event-duration S]\n"
     "                   [--slice S] [--silence S] [--daily N] [--count-left N]\n"
@@ -57,11 +66,33 @@ bool parse_int(const std::string &text, int64_t low, int64_t high, int64_t *out)
     return true;
 }
 
+/// The first line of a file holding a secret, without its line end; false with *error when
+/// it cannot be read or is empty.
+bool read_secret_file(const std::string &path, std::string *secret, std::string *error) {
+    std::ifstream in(path);
+    if (!in) {
+        *error = "cannot read " + path + ": " + std::strerror(errno);
+        return false;
+    }
+    std::string line;
+    std::getline(in, line);
+    if (!line.empty() && line.back() == '\r') {
+        line.pop_back();
+    }
+    if (line.empty()) {
+        *error = path + " holds no password on its first line";
+        return false;
+    }
+    *secret = line;
+    return true;
+}
+
 std::optional<Command> parse_serve(const std::vector<std::string> &args) {
     Command command;
     command.serve = true;
     ServeOptions &o = command.serve_options;
     std::string listen = "127.0.0.1:8080";
+    std::string mqtt_password_file;
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string &arg = args[i];
         if (arg == "--quiet") {
@@ -79,6 +110,16 @@ std::optional<Command> parse_serve(const std::vector<std::string> &args) {
             listen = value;
         } else if (arg == "--mqtt") {
             o.mqtt_url = value;
+        } else if (arg == "--mqtt-ca") {
+            o.mqtt_security.ca_file = value;
+        } else if (arg == "--mqtt-cert") {
+            o.mqtt_security.cert_file = value;
+        } else if (arg == "--mqtt-key") {
+            o.mqtt_security.key_file = value;
+        } else if (arg == "--mqtt-user") {
+            o.mqtt_security.username = value;
+        } else if (arg == "--mqtt-password-file") {
+            mqtt_password_file = value;
         } else if (arg == "--token") {
             const size_t equals = value.find('=');
             if (equals == std::string::npos || equals == 0 || equals + 1 == value.size()) {
@@ -109,6 +150,23 @@ std::optional<Command> parse_serve(const std::vector<std::string> &args) {
     }
     if (o.http.tls_cert.empty() != o.http.tls_key.empty()) {
         return fail("--tls-cert and --tls-key go together");
+    }
+    const MqttSecurity &m = o.mqtt_security;
+    if (o.mqtt_url.empty() && (!m.ca_file.empty() || !m.cert_file.empty() || !m.key_file.empty() ||
+                               !m.username.empty() || !mqtt_password_file.empty())) {
+        return fail("the --mqtt-... options need --mqtt");
+    }
+    if (!mqtt_password_file.empty() && m.username.empty()) {
+        return fail("--mqtt-password-file needs --mqtt-user");
+    }
+    if (!mqtt_password_file.empty()) {
+        std::string error;
+        if (!read_secret_file(mqtt_password_file, &o.mqtt_security.password, &error)) {
+            return fail("bad --mqtt-password-file: " + error);
+        }
+    } else if (const char *env = std::getenv("VEXO_MQTT_PASSWORD");
+               env != nullptr && *env != '\0' && !m.username.empty()) {
+        o.mqtt_security.password = env;
     }
     return command;
 }

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "http_server.h"
+#include "mqtt_publisher.h"
 
 namespace vexo_cloud {
 
@@ -17,6 +18,7 @@ struct ServeOptions {
     std::string data_dir;
     HttpOptions http;
     std::string mqtt_url;                      ///< empty: nothing is published
+    MqttSecurity mqtt_security;                ///< TLS files and login for mqtt_url
     std::map<std::string, std::string> tokens; ///< device -> bearer token
 };
 

@@ -3,11 +3,16 @@
 #include "mqtt_publisher.h"
 
 #include <mosquitto.h>
+#include <openssl/x509.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
 #include <mutex>
 
 namespace vexo_cloud {
@@ -17,7 +22,9 @@ namespace vexo_cloud {
 namespace {
 
 constexpr char kScheme[] = "mqtt://";
+constexpr char kTlsScheme[] = "mqtts://";
 constexpr uint16_t kDefaultPort = 1883;
+constexpr uint16_t kDefaultTlsPort = 8883;
 constexpr int kKeepAliveS = 30;
 constexpr unsigned kReconnectMinS = 1;
 constexpr unsigned kReconnectMaxS = 10;
@@ -31,14 +38,60 @@ void init_library() {
     std::call_once(once, [] { mosquitto_lib_init(); });
 }
 
+bool readable(const std::string &path, const char *what, std::string *error) {
+    if (std::ifstream(path).good()) {
+        return true;
+    }
+    *error = std::string("cannot read the MQTT ") + what + " " + path + ": " + std::strerror(errno);
+    return false;
+}
+
+/// Settings that cannot work are refused before anything connects.
+bool check_security(bool tls, const MqttSecurity &s, std::string *error) {
+    if (!tls && (!s.ca_file.empty() || !s.cert_file.empty() || !s.key_file.empty())) {
+        *error = "MQTT TLS files (CA, certificate, key) need an mqtts:// broker";
+        return false;
+    }
+    if (s.cert_file.empty() != s.key_file.empty()) {
+        *error = "an MQTT client certificate and its key go together";
+        return false;
+    }
+    if (!s.password.empty() && s.username.empty()) {
+        *error = "an MQTT password needs a user name";
+        return false;
+    }
+    if (!s.ca_file.empty()) {
+        if (!readable(s.ca_file, "CA file", error)) {
+            return false;
+        }
+        std::ifstream in(s.ca_file, std::ios::binary);
+        const std::string text{std::istreambuf_iterator<char>(in),
+                               std::istreambuf_iterator<char>()};
+        if (text.find("-----BEGIN CERTIFICATE-----") == std::string::npos) {
+            *error = "the MQTT CA file " + s.ca_file + " holds no PEM certificate";
+            return false;
+        }
+    }
+    return s.cert_file.empty() ||
+           (readable(s.cert_file, "certificate", error) && readable(s.key_file, "key", error));
+}
+
+/// An encrypted key would make OpenSSL ask on the terminal; the service takes none.
+int no_passphrase(char *, int, int, void *) {
+    return 0;
+}
+
 } // namespace
 
 // ---- exported calls ------------------------------------------------------------------------
 
-bool parse_mqtt_url(const std::string &url, std::string *host, uint16_t *port, std::string *error) {
-    const std::string scheme = kScheme;
+bool parse_mqtt_url(const std::string &url, std::string *host, uint16_t *port, bool *tls,
+                    std::string *error) {
+    *tls = url.compare(0, sizeof kTlsScheme - 1, kTlsScheme) == 0;
+    const std::string scheme = *tls ? kTlsScheme : kScheme;
     if (url.compare(0, scheme.size(), scheme) != 0) {
-        *error = "an MQTT broker is given as mqtt://HOST[:PORT], not \"" + url + "\"";
+        *error = "an MQTT broker is given as mqtt://HOST[:PORT] or mqtts://HOST[:PORT], not \"" +
+                 url + "\"";
         return false;
     }
     std::string rest = url.substr(scheme.size());
@@ -47,7 +100,7 @@ bool parse_mqtt_url(const std::string &url, std::string *host, uint16_t *port, s
     }
     const size_t colon = rest.rfind(':');
     *host = colon == std::string::npos ? rest : rest.substr(0, colon);
-    *port = kDefaultPort;
+    *port = *tls ? kDefaultTlsPort : kDefaultPort;
     if (host->empty() || host->find_first_of("/@?#") != std::string::npos) {
         *error = "no usable host in \"" + url + "\"";
         return false;
@@ -69,9 +122,12 @@ bool parse_mqtt_url(const std::string &url, std::string *host, uint16_t *port, s
     return true;
 }
 
-std::unique_ptr<MqttPublisher> MqttPublisher::start(const std::string &url, std::string *error) {
+std::unique_ptr<MqttPublisher>
+MqttPublisher::start(const std::string &url, const MqttSecurity &security, std::string *error) {
     std::unique_ptr<MqttPublisher> self(new MqttPublisher());
-    if (!parse_mqtt_url(url, &self->host_, &self->port_, error)) {
+    bool tls = false;
+    if (!parse_mqtt_url(url, &self->host_, &self->port_, &tls, error) ||
+        !check_security(tls, security, error)) {
         return nullptr;
     }
     init_library();
@@ -81,6 +137,38 @@ std::unique_ptr<MqttPublisher> MqttPublisher::start(const std::string &url, std:
     if (self->client_ == nullptr) {
         *error = "cannot create an MQTT client";
         return nullptr;
+    }
+    if (!security.username.empty()) {
+        const int rc = mosquitto_username_pw_set(
+            self->client_, security.username.c_str(),
+            security.password.empty() ? nullptr : security.password.c_str());
+        if (rc != MOSQ_ERR_SUCCESS) {
+            *error = std::string("cannot use the MQTT user name: ") + mosquitto_strerror(rc);
+            return nullptr;
+        }
+        if (!tls) {
+            std::fprintf(stderr, "vexo-cloud: mqtt: the login to %s goes unencrypted\n",
+                         url.c_str());
+        }
+    }
+    if (tls) {
+        // The broker's certificate chain and host name are always verified: against the
+        // given CA file, or the system's authorities when there is none.
+        const char *ca_file = security.ca_file.empty() ? nullptr : security.ca_file.c_str();
+        const char *ca_dir = nullptr;
+        if (ca_file == nullptr) {
+            mosquitto_int_option(self->client_, MOSQ_OPT_TLS_USE_OS_CERTS, 1);
+            ca_dir = X509_get_default_cert_dir();
+        }
+        const int rc = mosquitto_tls_set(
+            self->client_, ca_file, ca_dir,
+            security.cert_file.empty() ? nullptr : security.cert_file.c_str(),
+            security.key_file.empty() ? nullptr : security.key_file.c_str(), no_passphrase);
+        if (rc != MOSQ_ERR_SUCCESS) {
+            *error =
+                std::string("cannot set up TLS for the MQTT broker: ") + mosquitto_strerror(rc);
+            return nullptr;
+        }
     }
     // Publishing comes from the HTTP threads while this client's loop runs on its own.
     mosquitto_threaded_set(self->client_, true);

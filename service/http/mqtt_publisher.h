@@ -18,15 +18,28 @@ struct mosquitto;
 
 namespace vexo_cloud {
 
-/// "mqtt://HOST[:PORT]" (port 1883 when left out) split into its parts; false with *error
-/// for anything else.
-bool parse_mqtt_url(const std::string &url, std::string *host, uint16_t *port, std::string *error);
+/// "mqtt://HOST[:PORT]" (port 1883 when left out) or "mqtts://HOST[:PORT]" (TLS, port 8883
+/// when left out) split into its parts; false with *error for anything else.
+bool parse_mqtt_url(const std::string &url, std::string *host, uint16_t *port, bool *tls,
+                    std::string *error);
+
+/// How the publisher proves who it is and checks the broker. Files are PEM.
+struct MqttSecurity {
+    std::string ca_file;   ///< authorities for an mqtts broker; empty: the system's
+    std::string cert_file; ///< a client certificate, with key_file
+    std::string key_file;
+    std::string username; ///< the broker login; empty: none
+    std::string password;
+};
 
 class MqttPublisher {
   public:
-    /// Starts a client for the broker at url; nullptr with *error for a bad URL or when the
-    /// client cannot be made. A broker that is not up yet is not an error.
-    static std::unique_ptr<MqttPublisher> start(const std::string &url, std::string *error);
+    /// Starts a client for the broker at url; nullptr with *error for a bad URL, security
+    /// settings that cannot work (TLS files for mqtt://, a CA file without a certificate,
+    /// an unreadable certificate or key, a password without a user) or when the client
+    /// cannot be made. A broker that is not up yet is not an error.
+    static std::unique_ptr<MqttPublisher> start(const std::string &url,
+                                                const MqttSecurity &security, std::string *error);
     ~MqttPublisher();
     MqttPublisher(const MqttPublisher &) = delete;
     MqttPublisher &operator=(const MqttPublisher &) = delete;

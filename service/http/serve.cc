@@ -25,7 +25,7 @@ int serve(const ServeOptions &options) {
     std::string error;
     std::unique_ptr<MqttPublisher> mqtt;
     if (!options.mqtt_url.empty()) {
-        mqtt = MqttPublisher::start(options.mqtt_url, &error);
+        mqtt = MqttPublisher::start(options.mqtt_url, options.mqtt_security, &error);
         if (!mqtt) {
             std::fprintf(stderr, "vexo-cloud: %s\n", error.c_str());
             return 2;

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -25,14 +26,18 @@ TEST(MqttUrl, AcceptsHostAndOptionalPort) {
         const char *url;
         const char *host;
         uint16_t port;
+        bool tls;
     };
     const Case cases[] = {
-        {"mqtt://127.0.0.1:1883", "127.0.0.1", 1883},
-        {"mqtt://broker.example", "broker.example", 1883},
-        {"mqtt://localhost:1", "localhost", 1},
-        {"MQTT://my-broker_1:65535/", "my-broker_1", 65535},
-        {"mqtt://[::1]:1884", "::1", 1884},
-        {"mqtt://[fe80::1]", "fe80::1", 1883},
+        {"mqtt://127.0.0.1:1883", "127.0.0.1", 1883, false},
+        {"mqtt://broker.example", "broker.example", 1883, false},
+        {"mqtt://localhost:1", "localhost", 1, false},
+        {"MQTT://my-broker_1:65535/", "my-broker_1", 65535, false},
+        {"mqtt://[::1]:1884", "::1", 1884, false},
+        {"mqtt://[fe80::1]", "fe80::1", 1883, false},
+        {"mqtts://broker.example", "broker.example", 8883, true},
+        {"MQTTS://127.0.0.1:18883/", "127.0.0.1", 18883, true},
+        {"mqtts://[::1]", "::1", 8883, true},
     };
     for (const Case &c : cases) {
         MqttAddress address;
@@ -40,6 +45,7 @@ TEST(MqttUrl, AcceptsHostAndOptionalPort) {
         ASSERT_TRUE(hostkit::parse_mqtt_url(c.url, &address, &error)) << c.url << ": " << error;
         EXPECT_EQ(address.host, c.host) << c.url;
         EXPECT_EQ(address.port, c.port) << c.url;
+        EXPECT_EQ(address.tls, c.tls) << c.url;
     }
 }
 
@@ -48,7 +54,10 @@ TEST(MqttUrl, RefusesEverythingElseWithAReason) {
                             "127.0.0.1:1883",
                             "tcp://h:1883",
                             "http://h:1883",
-                            "mqtts://h:8883",
+                            "mqtts://",
+                            "mqtts://u:p@h:8883",
+                            "mqtts://h:8883/x",
+                            "mqttss://h",
                             "mqtt://",
                             "mqtt://:1883",
                             "mqtt://h:",
@@ -71,10 +80,49 @@ TEST(MqttUrl, RefusesEverythingElseWithAReason) {
         EXPECT_FALSE(hostkit::parse_mqtt_url(bad, &address, &error)) << bad;
         EXPECT_FALSE(error.empty()) << bad;
     }
-    MqttAddress address;
-    std::string error;
-    hostkit::parse_mqtt_url("mqtts://h:8883", &address, &error);
-    EXPECT_NE(error.find("TLS"), std::string::npos) << error;
+}
+
+TEST(MqttSecurity, RefusesSettingsThatCannotWork) {
+    vexo_test::TempDir dir("vexo-mqtt-security");
+    const std::string not_pem = dir.path() + "/not.pem";
+    std::ofstream(not_pem) << "just text\n";
+    const std::string pem = dir.path() + "/ca.pem";
+    std::ofstream(pem) << "-----BEGIN CERTIFICATE-----\nMIIB\n-----END CERTIFICATE-----\n";
+    const std::string missing = dir.path() + "/missing.pem";
+    MqttAddress plain;
+    MqttAddress tls;
+    tls.tls = true;
+    struct Case {
+        const MqttAddress &address;
+        hostkit::MqttSecurity security;
+        const char *error; // nullptr: accepted
+    };
+    const Case cases[] = {
+        {plain, {}, nullptr},
+        {plain, {"", "", "", "cam1", "secret"}, nullptr},
+        {tls, {}, nullptr}, // the system's authorities
+        {tls, {pem, pem, pem, "cam1", ""}, nullptr},
+        {plain, {pem, "", "", "", ""}, "need an mqtts:// broker"},
+        {plain, {"", pem, pem, "", ""}, "need an mqtts:// broker"},
+        {tls, {missing, "", "", "", ""}, "cannot read the MQTT CA file"},
+        {tls, {not_pem, "", "", "", ""}, "holds no PEM certificate"},
+        {tls, {pem, pem, "", "", ""}, "go together"},
+        {tls, {pem, "", pem, "", ""}, "go together"},
+        {tls, {pem, missing, pem, "", ""}, "cannot read the MQTT certificate"},
+        {tls, {pem, pem, missing, "", ""}, "cannot read the MQTT key"},
+        {tls, {pem, "", "", "", "secret"}, "needs a user name"},
+    };
+    for (size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i) {
+        const Case &c = cases[i];
+        std::string error;
+        const bool ok = hostkit::check_mqtt_security(c.address, c.security, &error);
+        if (c.error == nullptr) {
+            EXPECT_TRUE(ok) << "case " << i << ": " << error;
+        } else {
+            EXPECT_FALSE(ok) << "case " << i;
+            EXPECT_NE(error.find(c.error), std::string::npos) << "case " << i << ": " << error;
+        }
+    }
 }
 
 /// A transport the MQTT tests never use.
@@ -93,17 +141,40 @@ hostkit::Options kit_options(const std::string &dir, const std::string &mqtt_url
     return o;
 }
 
-TEST(MqttKitStart, ABadUrlMakesStartFailAndWritesNothing) {
+TEST(MqttKitStart, ABadUrlOrUnusableTlsMakesStartFailAndWritesNothing) {
     vexo_test::TempDir dir("vexo-mqtt-url");
     ASSERT_FALSE(dir.path().empty());
     for (const char *bad : {"127.0.0.1:1883", "mqtt://h:0", "mqtts://h:8883"}) {
-        EXPECT_EQ(hostkit::start(kit_options(dir.path(), bad)), -1) << bad;
+        hostkit::Options options = kit_options(dir.path(), bad);
+        // The TLS broker's CA file does not exist.
+        options.mqtt_security.ca_file = dir.path() + "/no-ca.pem";
+        EXPECT_EQ(hostkit::start(options), -1) << bad;
         EXPECT_FALSE(std::filesystem::exists(dir.path() + "/camera")) << bad;
     }
     // The kit was left stopped: a good start works.
     ASSERT_EQ(hostkit::start(kit_options(dir.path(), "")), 0);
     EXPECT_FALSE(hostkit::counters().mqtt_connected);
     hostkit::stop();
+}
+
+TEST(MqttKitStart, TlsWithTheSystemsAuthoritiesStarts) {
+    vexo_test::TempDir dir("vexo-mqtt-system-ca");
+    ASSERT_FALSE(dir.path().empty());
+    // Without a CA file the system's authorities are used, with or without a client
+    // certificate; the broker not being up is no reason to refuse.
+    const std::string pem = dir.path() + "/client.pem";
+    std::ofstream(pem) << "-----BEGIN CERTIFICATE-----\nMIIB\n-----END CERTIFICATE-----\n";
+    for (const bool with_certificate : {false, true}) {
+        hostkit::Options options = kit_options(dir.path(), "mqtts://127.0.0.1:1");
+        options.mqtt_security.username = "cam-mq";
+        options.mqtt_security.password = "secret";
+        if (with_certificate) {
+            options.mqtt_security.cert_file = pem;
+            options.mqtt_security.key_file = pem;
+        }
+        ASSERT_EQ(hostkit::start(options), 0) << with_certificate;
+        hostkit::stop();
+    }
 }
 
 // What the handler saw; handlers are plain functions.

@@ -34,7 +34,8 @@ bool add_extension(X509 *cert, int nid, const char *value) {
 
 } // namespace
 
-bool write_test_certificate(const std::string &dir, std::string *error) {
+bool write_test_certificate(const std::string &dir, std::string *error,
+                            const std::string &common_name) {
     std::unique_ptr<EVP_PKEY, KeyFree> key(EVP_EC_gen("P-256"));
     std::unique_ptr<X509, CertFree> cert(X509_new());
     if (!key || !cert) {
@@ -47,8 +48,9 @@ bool write_test_certificate(const std::string &dir, std::string *error) {
     X509_gmtime_adj(X509_getm_notAfter(cert.get()), 24 * 3600);
     X509_set_pubkey(cert.get(), key.get());
     X509_NAME *name = X509_get_subject_name(cert.get());
-    const unsigned char cn[] = "127.0.0.1";
-    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, cn, -1, -1, 0);
+    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
+                               reinterpret_cast<const unsigned char *>(common_name.c_str()), -1, -1,
+                               0);
     X509_set_issuer_name(cert.get(), name);
     if (!add_extension(cert.get(), NID_subject_alt_name, "IP:127.0.0.1") ||
         !add_extension(cert.get(), NID_basic_constraints, "critical,CA:TRUE") ||

@@ -3,7 +3,10 @@
 
 #include <signal.h>
 
+#include <filesystem>
 #include <fstream>
+
+#include "tests/host/test_certificate.h"
 
 namespace integration {
 
@@ -14,6 +17,7 @@ const std::string kMediaTool = VEXO_IT_MEDIA;
 namespace {
 
 const std::string kMosquitto = VEXO_IT_MOSQUITTO;
+const std::string kSecureBrokerScript = VEXO_IT_SECURE_BROKER_SCRIPT;
 constexpr double kStartTimeoutS = 30;
 constexpr char kListening[] = "vexo-cloud: listening on ";
 
@@ -50,6 +54,52 @@ void Broker::stop() {
 
 std::string Broker::url() const {
     return "mqtt://127.0.0.1:" + std::to_string(port_);
+}
+
+SecureBroker::SecureBroker(const std::string &dir, const std::vector<std::string> &devices,
+                           bool client_certificates)
+    : dir_(dir + "/secure-broker"), devices_(devices), client_certificates_(client_certificates),
+      port_(free_port()) {}
+
+bool SecureBroker::start() {
+    std::error_code ignored;
+    std::filesystem::create_directories(dir_, ignored);
+    std::string error;
+    if (!vexo_test::write_test_certificate(dir_, &error)) {
+        setup_ = error;
+        return false;
+    }
+    if (client_certificates_) {
+        // The clients' certificate is self-signed too: the broker trusts it as an authority
+        // of its own, beside its certificate.
+        std::filesystem::create_directories(dir_ + "/client", ignored);
+        if (!vexo_test::write_test_certificate(dir_ + "/client", &error, "vexo test client")) {
+            setup_ = error;
+            return false;
+        }
+        std::ifstream client(client_cert());
+        std::ofstream(ca_file(), std::ios::app) << client.rdbuf();
+    }
+    std::vector<std::string> argv = {kSecureBrokerScript, "write", dir_, std::to_string(port_),
+                                     kServiceLogin};
+    argv.insert(argv.end(), devices_.begin(), devices_.end());
+    const e2e::Result written =
+        e2e::run(argv, {client_certificates_ ? "VEXO_MQTT_REQUIRE_CERTIFICATE=1"
+                                             : "VEXO_MQTT_REQUIRE_CERTIFICATE=0"});
+    setup_ = written.out;
+    if (written.status != 0) {
+        return false;
+    }
+    process_ = std::make_unique<Process>(
+        std::vector<std::string>{kMosquitto, "-c", dir_ + "/mosquitto.conf"}, dir_ + "/run.log");
+    return process_->wait_for("running", kStartTimeoutS);
+}
+
+std::string SecureBroker::password(const std::string &login) const {
+    std::ifstream in(password_file(login));
+    std::string line;
+    std::getline(in, line);
+    return line;
 }
 
 Cloud::Cloud(const std::string &dir, const std::string &broker_url,

@@ -38,6 +38,41 @@ class Broker {
     std::unique_ptr<Process> process_;
 };
 
+/// A locked-down broker as scripts/mosquitto-secure.sh configures it: TLS on a loopback port
+/// of its own (the certificate made by the test for 127.0.0.1), no anonymous clients, the
+/// login "vexo-cloud" for the service and one per device (its device id), an ACL that lets a
+/// device read only its own command topic and only the service publish commands.
+class SecureBroker {
+  public:
+    static constexpr const char *kServiceLogin = "vexo-cloud";
+    /// client_certificates: clients must show a certificate as well, client_cert() for one.
+    SecureBroker(const std::string &dir, const std::vector<std::string> &devices,
+                 bool client_certificates = false);
+    /// Writes the configuration and starts mosquitto; false (see output()) when either failed.
+    bool start();
+    std::string url() const { return "mqtts://127.0.0.1:" + std::to_string(port_); }
+    uint16_t port() const { return port_; }
+    /// The authority clients trust the broker with.
+    std::string ca_file() const { return dir_ + "/server.crt"; }
+    std::string password_file(const std::string &login) const {
+        return dir_ + "/users/" + login + ".password";
+    }
+    std::string password(const std::string &login) const;
+    /// A client certificate and key the broker trusts (made with client_certificates).
+    std::string client_cert() const { return dir_ + "/client/server.crt"; }
+    std::string client_key() const { return dir_ + "/client/server.key"; }
+    /// What the configuration script and mosquitto printed.
+    std::string output() const { return setup_ + (process_ ? process_->output() : ""); }
+
+  private:
+    std::string dir_;
+    std::vector<std::string> devices_;
+    bool client_certificates_;
+    uint16_t port_;
+    std::string setup_;
+    std::unique_ptr<Process> process_;
+};
+
 /// vexo-cloud serve on any free loopback port, its data in dir/cloud.
 class Cloud {
   public:
@@ -48,6 +83,10 @@ class Cloud {
     const std::string &url() const { return url_; }
     const std::string &data() const { return data_; }
     std::string log() const { return process_->output(); }
+    /// Waits until its log holds text; false on timeout.
+    bool wait_for(const std::string &text, double timeout_s) {
+        return process_->wait_for(text, timeout_s);
+    }
     /// Runs a vexo-cloud admin command against this service.
     e2e::Result admin(std::vector<std::string> args) const;
     /// Stops it (SIGTERM); its exit status.

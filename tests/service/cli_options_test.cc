@@ -1,12 +1,16 @@
 /// vexo-cloud's command line: what each admin command sends, and what is refused.
 #include <gtest/gtest.h>
 
+#include <stdlib.h>
+
+#include <fstream>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "service/http/cli_options.h"
 #include "service/http/mqtt_publisher.h"
+#include "tests/host/temp_dir.h"
 
 namespace {
 
@@ -101,17 +105,116 @@ TEST(CloudCommandLine, ServeOptions) {
 }
 
 TEST(CloudCommandLine, MqttUrls) {
-    std::string host, error;
-    uint16_t port = 0;
-    EXPECT_TRUE(vexo_cloud::parse_mqtt_url("mqtt://broker", &host, &port, &error));
-    EXPECT_EQ(host, "broker");
-    EXPECT_EQ(port, 1883);
-    EXPECT_TRUE(vexo_cloud::parse_mqtt_url("mqtt://127.0.0.1:18830/", &host, &port, &error));
-    EXPECT_EQ(port, 18830);
-    for (const char *bad :
-         {"tcp://h:1", "mqtt://", "mqtt://h:0", "mqtt://h:99999", "mqtt://h:x", "mqtt://u@h:1"}) {
-        EXPECT_FALSE(vexo_cloud::parse_mqtt_url(bad, &host, &port, &error)) << bad;
+    struct Case {
+        const char *url;
+        const char *host;
+        uint16_t port;
+        bool tls;
+    };
+    const Case cases[] = {
+        {"mqtt://broker", "broker", 1883, false},
+        {"mqtt://127.0.0.1:18830/", "127.0.0.1", 18830, false},
+        {"mqtts://broker", "broker", 8883, true},
+        {"mqtts://127.0.0.1:18831", "127.0.0.1", 18831, true},
+    };
+    for (const Case &c : cases) {
+        std::string host, error;
+        uint16_t port = 0;
+        bool tls = !c.tls;
+        ASSERT_TRUE(vexo_cloud::parse_mqtt_url(c.url, &host, &port, &tls, &error)) << c.url;
+        EXPECT_EQ(host, c.host) << c.url;
+        EXPECT_EQ(port, c.port) << c.url;
+        EXPECT_EQ(tls, c.tls) << c.url;
     }
+    for (const char *bad : {"tcp://h:1", "mqtt://", "mqtts://", "mqtt://h:0", "mqtt://h:99999",
+                            "mqtt://h:x", "mqtt://u@h:1", "mqtts://u:p@h", "mqttss://h"}) {
+        std::string host, error;
+        uint16_t port = 0;
+        bool tls = false;
+        EXPECT_FALSE(vexo_cloud::parse_mqtt_url(bad, &host, &port, &tls, &error)) << bad;
+        EXPECT_FALSE(error.empty()) << bad;
+    }
+}
+
+TEST(CloudCommandLine, MqttLoginComesFromAFileOrTheEnvironment) {
+    vexo_test::TempDir dir("vexo-cli");
+    const std::string file = dir.path() + "/password";
+    std::ofstream(file) << "s3cret word\r\nsecond line\n";
+    unsetenv("VEXO_MQTT_PASSWORD");
+    auto serve = parse({"serve", "--data", "d", "--mqtt", "mqtts://127.0.0.1", "--mqtt-ca",
+                        "ca.pem", "--mqtt-user", "vexo-cloud", "--mqtt-password-file", file});
+    ASSERT_TRUE(serve);
+    const vexo_cloud::MqttSecurity &m = serve->serve_options.mqtt_security;
+    EXPECT_EQ(m.ca_file, "ca.pem");
+    EXPECT_EQ(m.username, "vexo-cloud");
+    EXPECT_EQ(m.password, "s3cret word");
+
+    setenv("VEXO_MQTT_PASSWORD", "from-env", 1);
+    serve = parse({"serve", "--data", "d", "--mqtt", "mqtt://h", "--mqtt-user", "u"});
+    ASSERT_TRUE(serve);
+    EXPECT_EQ(serve->serve_options.mqtt_security.password, "from-env");
+    // The file wins over the environment.
+    serve = parse({"serve", "--data", "d", "--mqtt", "mqtt://h", "--mqtt-user", "u",
+                   "--mqtt-password-file", file});
+    ASSERT_TRUE(serve);
+    EXPECT_EQ(serve->serve_options.mqtt_security.password, "s3cret word");
+    unsetenv("VEXO_MQTT_PASSWORD");
+
+    std::ofstream(dir.path() + "/empty") << "\n";
+    const std::vector<std::vector<std::string>> bad = {
+        {"serve", "--data", "d", "--mqtt-user", "u"}, // no broker
+        {"serve", "--data", "d", "--mqtt-ca", "ca.pem"},
+        {"serve", "--data", "d", "--mqtt", "mqtt://h", "--mqtt-password-file", file}, // no user
+        {"serve", "--data", "d", "--mqtt", "mqtt://h", "--mqtt-user", "u", "--mqtt-password-file",
+         dir.path() + "/missing"},
+        {"serve", "--data", "d", "--mqtt", "mqtt://h", "--mqtt-user", "u", "--mqtt-password-file",
+         dir.path() + "/empty"},
+    };
+    for (const auto &args : bad) {
+        EXPECT_FALSE(parse(args)) << args[3];
+    }
+}
+
+/// The publisher refuses settings that cannot work before it connects anywhere.
+TEST(CloudMqttPublisher, RefusesSecuritySettingsThatCannotWork) {
+    vexo_test::TempDir dir("vexo-cli");
+    const std::string not_pem = dir.path() + "/not.pem";
+    std::ofstream(not_pem) << "just text\n";
+    const std::string pem = dir.path() + "/ca.pem";
+    std::ofstream(pem) << "-----BEGIN CERTIFICATE-----\nMIIB\n-----END CERTIFICATE-----\n";
+    struct Case {
+        const char *url;
+        vexo_cloud::MqttSecurity security;
+        const char *error;
+    };
+    const Case cases[] = {
+        {"mqtt://127.0.0.1:1", {pem, "", "", "", ""}, "need an mqtts:// broker"},
+        {"mqtts://127.0.0.1:1", {dir.path() + "/missing.pem", "", "", "", ""}, "cannot read"},
+        {"mqtts://127.0.0.1:1", {not_pem, "", "", "", ""}, "holds no PEM certificate"},
+        {"mqtts://127.0.0.1:1", {pem, pem, "", "", ""}, "go together"},
+        {"mqtts://127.0.0.1:1", {pem, pem, dir.path() + "/missing.key", "", ""}, "cannot read"},
+        {"mqtts://127.0.0.1:1", {pem, "", "", "", "secret"}, "needs a user name"},
+    };
+    for (const Case &c : cases) {
+        std::string error;
+        EXPECT_EQ(vexo_cloud::MqttPublisher::start(c.url, c.security, &error), nullptr) << c.url;
+        EXPECT_NE(error.find(c.error), std::string::npos) << error;
+    }
+    // Without a CA file the system's authorities are used, with or without a client
+    // certificate.
+    for (const vexo_cloud::MqttSecurity &system_cas :
+         {vexo_cloud::MqttSecurity{}, vexo_cloud::MqttSecurity{"", pem, pem, "", ""}}) {
+        std::string why;
+        EXPECT_NE(vexo_cloud::MqttPublisher::start("mqtts://127.0.0.1:1", system_cas, &why),
+                  nullptr)
+            << why;
+    }
+    // A usable CA file starts it (the broker not being up is no error).
+    std::string error;
+    EXPECT_NE(
+        vexo_cloud::MqttPublisher::start("mqtts://127.0.0.1:1", {pem, "", "", "u", "p"}, &error),
+        nullptr)
+        << error;
 }
 
 } // namespace

@@ -3,6 +3,8 @@
 
 #include <time.h>
 
+#include <cerrno>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -50,12 +52,21 @@ const char kUsage[] =
     "  --cloud-ca FILE       PEM certificate authorities for an https cloud (default: the\n"
     "                        system's); the server certificate is always verified\n"
     "  --mqtt URL            the cloud's MQTT broker, mqtt://host[:port] (default port 1883)\n"
+    "                        or mqtts://host[:port] over TLS (default port 8883)\n"
     "  --token T             device token for the cloud calls\n"
     "  --admin-token T       token for the admin calls\n"
     "  --no-order            leave the cloud's order as it is (--mode and the order values\n"
     "                        are not sent)\n"
     "These five need --cloud. An order refused by the cloud, or a cloud that cannot be\n"
     "reached at start, ends the run with status 2.\n"
+    "\n"
+    "A locked-down broker (these need --mqtt):\n"
+    "  --mqtt-ca FILE        PEM certificate authorities for an mqtts broker (default: the\n"
+    "                        system's); the broker's certificate and name are always verified\n"
+    "  --mqtt-cert FILE, --mqtt-key FILE  a client certificate and its key (PEM)\n"
+    "  --mqtt-user NAME      the broker login\n"
+    "  --mqtt-password-file FILE  the login's password: the file's first line; without it\n"
+    "                        $VEXO_MQTT_PASSWORD when set (never on the command line)\n"
     "\n"
     "Without --motion/--trigger/--pause/--abort/--order: motion events at 8 s (10 s long) and\n"
     "at 30 s.\n"
@@ -115,6 +126,65 @@ bool parse_trigger(const std::string &text, Action *a) {
            parse_int(text.substr(c2 + 1).c_str(), 1, 1800, &a->duration_s);
 }
 
+/// The first line of a file holding a secret, without its line end; false with *error when
+/// it cannot be read or is empty.
+bool read_secret_file(const std::string &path, std::string *secret, std::string *error) {
+    FILE *f = std::fopen(path.c_str(), "r");
+    if (f == nullptr) {
+        *error = "cannot read " + path + ": " + std::strerror(errno);
+        return false;
+    }
+    std::string line;
+    int c = 0;
+    while ((c = std::fgetc(f)) != EOF && c != '\n' && line.size() < 4096) {
+        line.push_back(static_cast<char>(c));
+    }
+    std::fclose(f);
+    if (!line.empty() && line.back() == '\r') {
+        line.pop_back();
+    }
+    if (line.empty()) {
+        *error = path + " holds no password on its first line";
+        return false;
+    }
+    *secret = line;
+    return true;
+}
+
+/// The broker's TLS files and login: read, then checked the way the kit will use them.
+bool finish_mqtt_security(Options *o, const std::string &password_file, std::string *error) {
+    const bool any = !o->mqtt_security.ca_file.empty() || !o->mqtt_security.cert_file.empty() ||
+                     !o->mqtt_security.key_file.empty() || !o->mqtt_security.username.empty() ||
+                     !password_file.empty();
+    if (o->mqtt_url.empty()) {
+        if (any) {
+            *error = "--mqtt-ca, --mqtt-cert, --mqtt-key, --mqtt-user and --mqtt-password-file "
+                     "need --mqtt";
+            return false;
+        }
+        return true;
+    }
+    if (!password_file.empty()) {
+        if (!read_secret_file(password_file, &o->mqtt_security.password, error)) {
+            *error = "bad --mqtt-password-file: " + *error;
+            return false;
+        }
+    } else if (const char *env = std::getenv("VEXO_MQTT_PASSWORD");
+               env != nullptr && *env != '\0' && !o->mqtt_security.username.empty()) {
+        o->mqtt_security.password = env;
+    }
+    if (!password_file.empty() && o->mqtt_security.username.empty()) {
+        *error = "--mqtt-password-file needs --mqtt-user";
+        return false;
+    }
+    hostkit::MqttAddress broker;
+    if (!hostkit::parse_mqtt_url(o->mqtt_url, &broker, error) ||
+        !hostkit::check_mqtt_security(broker, o->mqtt_security, error)) {
+        return false;
+    }
+    return true;
+}
+
 bool parse_order(const std::string &text, Action *a) {
     const size_t c = text.find(':');
     if (c == std::string::npos || !parse_double(text.substr(0, c).c_str(), &a->at_s)) {
@@ -150,6 +220,7 @@ std::optional<uint32_t> parse_time(const std::string &text) {
 
 std::optional<Options> parse_options(int argc, char **argv, bool *exit_now) {
     Options o;
+    std::string mqtt_password_file;
     *exit_now = false;
     auto fail = [](const std::string &why) -> std::optional<Options> {
         std::fprintf(stderr, "vexo-camsim: %s\n\n%s", why.c_str(), kUsage);
@@ -267,6 +338,17 @@ std::optional<Options> parse_options(int argc, char **argv, bool *exit_now) {
             if (arg == "--mqtt" && !hostkit::parse_mqtt_url(v, &broker, &why)) {
                 return fail("bad --mqtt " + why);
             }
+        } else if (arg == "--mqtt-ca" || arg == "--mqtt-cert" || arg == "--mqtt-key" ||
+                   arg == "--mqtt-user" || arg == "--mqtt-password-file") {
+            if (*v == '\0') {
+                return fail("empty value for " + arg);
+            }
+            std::string &field = arg == "--mqtt-ca"     ? o.mqtt_security.ca_file
+                                 : arg == "--mqtt-cert" ? o.mqtt_security.cert_file
+                                 : arg == "--mqtt-key"  ? o.mqtt_security.key_file
+                                 : arg == "--mqtt-user" ? o.mqtt_security.username
+                                                        : mqtt_password_file;
+            field = v;
         } else if (arg == "--order") {
             a.kind = Action::Kind::kOrder;
             if (!parse_order(v, &a)) {
@@ -287,6 +369,9 @@ std::optional<Options> parse_options(int argc, char **argv, bool *exit_now) {
         if (needs_cloud != nullptr) {
             return fail(std::string(needs_cloud) + " is only valid with --cloud");
         }
+    }
+    if (std::string why; !finish_mqtt_security(&o, mqtt_password_file, &why)) {
+        return fail(why);
     }
     if (!o.actions.empty()) {
         o.default_actions = false;

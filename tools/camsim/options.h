@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "host_kit.h"
+
 namespace camsim {
 
 /// Something the simulator does at a moment of the run (seconds of kit time from the start).
@@ -47,6 +49,9 @@ struct Options {
     std::string device_token; // sent by the kit with every cloud call
     std::string admin_token;  // sent with every admin call
     bool send_order = true;   // false (--no-order): the cloud's order is left as it is
+    // The broker's TLS files and login (--mqtt-ca, --mqtt-cert, --mqtt-key, --mqtt-user,
+    // the password from --mqtt-password-file or $VEXO_MQTT_PASSWORD).
+    hostkit::MqttSecurity mqtt_security;
 };
 
 /// Parses argv. On a bad argument returns nullopt after printing the reason and the usage.

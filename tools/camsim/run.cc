@@ -168,6 +168,7 @@ int run(const Options &o) {
     kit.cloud = cloud->transport();
     kit.device_token = o.device_token;
     kit.mqtt_url = o.mqtt_url;
+    kit.mqtt_security = o.mqtt_security;
     kit.ring_seconds = o.ring_seconds;
     if (hostkit::start(kit) != 0) {
         return 2;
