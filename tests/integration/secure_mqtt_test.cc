@@ -334,7 +334,7 @@ TEST_F(SecureMqttTest, ARemoteTriggerGoesFromTheServiceToTheCameraOverTls) {
                  {"VEXO_MQTT_PASSWORD=" + broker_->password(kCamA)});
     ASSERT_EQ(r.status, 0) << r.out;
     EXPECT_NE(r.out.find("mqtt connected"), std::string::npos) << r.out;
-    EXPECT_NE(cloud.log().find("published to " + command_topic(kCamA)), std::string::npos)
+    EXPECT_NE(cloud.log().find("publishing to " + command_topic(kCamA)), std::string::npos)
         << cloud.log();
     ASSERT_EQ(cloud.stop(), 0);
 
