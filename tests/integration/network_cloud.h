@@ -83,9 +83,9 @@ class Cloud {
     const std::string &url() const { return url_; }
     const std::string &data() const { return data_; }
     std::string log() const { return process_->output(); }
-    /// Waits until its log holds text; false on timeout.
-    bool wait_for(const std::string &text, double timeout_s) {
-        return process_->wait_for(text, timeout_s);
+    /// Waits until its log holds text `count` times; false on timeout.
+    bool wait_for(const std::string &text, double timeout_s, size_t count = 1) {
+        return process_->wait_for(text, timeout_s, count);
     }
     /// Runs a vexo-cloud admin command against this service.
     e2e::Result admin(std::vector<std::string> args) const;
