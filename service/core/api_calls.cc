@@ -158,7 +158,7 @@ Response notify_start(ServiceCore &core, const std::string &device, const std::s
         // Only a new recording takes an event off its day's allowance: the second start of
         // a key update repeats the startTime of the first.
         if (first_start && counts_against_allowance(next.order) &&
-            count_event(&next.allowance, allowance_day(notice->start_time, now))) {
+            count_start(&next.allowance, notice->start_time, now)) {
             device_changed = true;
         }
         RecordingState recording = first_start ? RecordingState{} : found->second;

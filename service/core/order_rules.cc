@@ -123,8 +123,12 @@ bool count_event(Allowance *allowance, int32_t day) {
     return true;
 }
 
-int32_t allowance_day(uint32_t start_time, uint32_t now) {
-    return local_day(std::min(start_time, now));
+bool count_start(Allowance *allowance, uint32_t start_time, uint32_t now) {
+    const bool ahead = allowance->day > local_day(now);
+    if (ahead) {
+        *allowance = Allowance{};
+    }
+    return count_event(allowance, local_day(std::min(start_time, now))) || ahead;
 }
 
 } // namespace vexo_cloud

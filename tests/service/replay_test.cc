@@ -94,6 +94,19 @@ TEST_F(ReplayTest, AStartFromYesterdayArrivingFirstLeavesTodayFull) {
     EXPECT_EQ(service->count_left("cam1"), 0);
 }
 
+TEST_F(ReplayTest, AfterTheServicesClockWentBackTodayIsCountedAfresh) {
+    // A simulated camera's clock is the embedded service's: a second run may start earlier.
+    clock_ = kNoon + 3 * kDay;
+    std::unique_ptr<vexo_cloud::Service> service;
+    const std::string key = start_with_two_keys(&service, 3);
+    start(*service, "cam1", clock_, md5_hex(key));
+    EXPECT_EQ(service->count_left("cam1"), 2);
+    clock_ = kNoon;
+    EXPECT_EQ(service->count_left("cam1"), 3);
+    start(*service, "cam1", kNoon, md5_hex(key));
+    EXPECT_EQ(service->count_left("cam1"), 2);
+}
+
 TEST_F(ReplayTest, AReplayedStartIsFiledUnderTheKeyItNames) {
     std::unique_ptr<vexo_cloud::Service> service;
     const std::string key = start_with_two_keys(&service);
