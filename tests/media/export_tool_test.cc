@@ -362,53 +362,43 @@ TEST_F(MediaTool, ListShowsGapsAmongRecordingsAndRecordingsLeftOpen) {
     const auto text = [this](const std::string &name, const std::string &content) {
         data_.write(name, Bytes(content.begin(), content.end()));
     };
-    const auto unfinished = [&](uint32_t start) {
+    // Without an end: one that a later recording follows, and one started just now.
+    const uint32_t now = static_cast<uint32_t>(std::time(nullptr));
+    for (const uint32_t start : {kStart + 600, now - 5}) {
         const std::string name = std::to_string(start);
         text("cam-1/" + name + "/recording.json",
              R"({"startTime":)" + name +
                  R"(,"endTime":0,"payloadInfo":"{}","mtu":10,"enKeyMd5":"","key":"","keyMd5":""})");
-    };
-    // Without an end: one that a later recording follows, and one started just now.
-    const uint32_t now = static_cast<uint32_t>(std::time(nullptr));
-    unfinished(kStart + 600);
-    unfinished(now - 5);
-    text("cam-1/gaps.json", R"({"gaps":[{"from":)" + std::to_string(kStart + 100) + R"(,"to":)" +
-                                std::to_string(kStart + 500) +
-                                R"(,"reason":"spool full","bytes":1234567}]})");
+    }
+    text("cam-1/gaps.json", R"({"gaps":[{"from":1714564900,"to":1714565300,"reason":"spool full",)"
+                            R"("bytes":1234567}]})");
     // A camera whose every recording was dropped still shows what it lost.
-    text("cam-2/gaps.json", R"({"gaps":[{"from":1714564900,"to":1714564999,"reason":"too old",)"
-                            R"("bytes":0}]})");
+    text("cam-2/gaps.json",
+         R"({"gaps":[{"from":1714564900,"to":1714564999,"reason":"too old","bytes":0}]})");
 
     const RunResult ls = tool("ls");
     EXPECT_EQ(ls.status, 0) << ls.output;
-    std::vector<std::string> order;
+    const std::string expected[] = {"DEVICE",
+                                    " " + std::to_string(kStart) + " ",
+                                    "cam-1                gap  ",
+                                    std::to_string(kStart + 600) + " left open by the camera",
+                                    std::to_string(now - 5) + " open ",
+                                    "cam-2                gap  "};
     std::istringstream in(ls.output);
-    for (std::string line; std::getline(in, line);) {
-        order.push_back(line);
+    size_t n = 0;
+    for (std::string line; std::getline(in, line); ++n) {
+        ASSERT_LT(n, std::size(expected)) << ls.output;
+        EXPECT_NE(line.find(expected[n]), std::string::npos) << line;
     }
-    ASSERT_EQ(order.size(), 6u) << ls.output;
-    EXPECT_NE(order[1].find(" " + std::to_string(kStart) + " "), std::string::npos) << ls.output;
-    EXPECT_NE(order[1].find(kKeyMd5), std::string::npos) << ls.output;
-    EXPECT_EQ(order[2].rfind("cam-1", 0), 0u) << ls.output;
-    EXPECT_NE(order[2].find(" gap  "), std::string::npos) << ls.output;
-    EXPECT_NE(order[2].find("  spool full  1.2 MB dropped"), std::string::npos) << ls.output;
-    EXPECT_NE(order[3].find(std::to_string(kStart + 600) + " left open by the camera"),
-              std::string::npos)
-        << ls.output;
-    EXPECT_NE(order[4].find(std::to_string(now - 5) + " open "), std::string::npos) << ls.output;
-    EXPECT_EQ(order[5].rfind("cam-2", 0), 0u) << ls.output;
-    EXPECT_NE(order[5].find("  too old  0 bytes dropped"), std::string::npos) << ls.output;
+    EXPECT_EQ(n, std::size(expected)) << ls.output;
+    EXPECT_NE(ls.output.find("  spool full  1.2 MB dropped\n"), std::string::npos) << ls.output;
 
-    // A damaged gaps file is a warning; everything else is still listed.
+    // A damaged gaps file is a warning; the rest is still listed.
     text("cam-1/gaps.json", R"({"gaps":[{"from":5,"to":4,"reason":"too old","bytes":0}]})");
     const RunResult damaged = tool("ls --device cam-1");
     EXPECT_EQ(damaged.status, 1) << damaged.output;
-    EXPECT_NE(damaged.output.find("warning: " + data_.path() +
-                                  "/cam-1/gaps.json: gap 1: to is "
-                                  "before from"),
-              std::string::npos)
+    EXPECT_NE(damaged.output.find("cam-1/gaps.json: gap 1: to is before from"), std::string::npos)
         << damaged.output;
-    EXPECT_EQ(lines_with(damaged.output, "dropped"), "") << damaged.output;
     EXPECT_NE(lines_with(damaged.output, "left open by the camera"), "") << damaged.output;
 }
 

@@ -1,7 +1,5 @@
 /// The admin interface in HTTP form: order changes (partial, validated, published), abort,
 /// triggers, listings, the admin token, and refusals that change nothing.
-#include <sstream>
-
 #include "service/http/admin_api.h"
 #include "service/http/recordings_text.h"
 #include "service_fixture.h"
@@ -197,75 +195,37 @@ TEST_F(AdminApiTest, ListingsShowRecordingsAndAlarms) {
     EXPECT_TRUE(alarms["alarms"].empty());
 }
 
-TEST_F(AdminApiTest, RecordingsShowTheirStateAndTheGapsInTimeOrder) {
+TEST_F(AdminApiTest, RecordingsShowTheirStateAndTheGaps) {
     auto service = start_service();
     add_device(*service, "cam1");
-    start(*service, "cam1", kNoon, kNoKeyMd5);
     // Left open by the camera (a later one exists), closed, and one still recording.
-    start(*service, "cam1", kNoon + 600, kNoKeyMd5);
+    for (uint32_t t : {kNoon, kNoon + 600, kNoon + 1200}) {
+        start(*service, "cam1", t, kNoKeyMd5);
+    }
     call_api(*service, "cam1", kStopApi,
              Json{{"startTime", kNoon + 600}, {"endTime", kNoon + 690}}.dump());
-    start(*service, "cam1", kNoon + 1200, kNoKeyMd5);
     put_media(*service, "cam1", "1710073200_0010.media", "1234");
-    const auto gap = service->handle(
-        request("POST", "/v1/devices/cam1/gaps", "cam1",
-                R"({"from":1710072100,"to":1710072500,"reason":"spool full","bytes":1234567})"));
-    ASSERT_EQ(gap.status, 200) << gap.body;
+    const std::string gap =
+        R"({"from":1710072100,"to":1710072500,"reason":"spool full","bytes":7})";
+    ASSERT_EQ(service->handle(request("POST", "/v1/devices/cam1/gaps", "cam1", gap)).status, 200);
     clock_ = kNoon + 1250;
 
-    const Json answer = body_of(call(*service, admin("GET", "devices/cam1/recordings")));
+    Json answer = body_of(call(*service, admin("GET", "devices/cam1/recordings")));
     ASSERT_EQ(answer["recordings"].size(), 3u) << answer;
     std::vector<std::string> states;
     for (const Json &r : answer["recordings"]) {
         states.push_back(r["state"]);
-        EXPECT_EQ(r["mtu"], 10);
-        EXPECT_TRUE(r["keyMd5"].is_string());
     }
     EXPECT_EQ(states, (std::vector<std::string>{"left open by the camera", "closed", "open"}));
-    EXPECT_EQ(answer["gaps"], Json::parse(R"([{"from":1710072100,"to":1710072500,
-                                               "reason":"spool full","bytes":1234567}])"));
-
-    std::string error;
-    const std::optional<std::string> text = vexo_cloud::recordings_text(answer, &error);
-    ASSERT_TRUE(text) << error;
-    std::istringstream in(*text);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(in, line);) {
-        lines.push_back(line);
-    }
-    const std::vector<std::string> beginnings = {
-        "START                EPOCH       END",
-        "2024-03-10 12:00:00  1710072000  left open by the camera  -",
-        "gap  2024-03-10 12:01:40 - 2024-03-10 12:08:20  spool full  1.2 MB dropped",
-        "2024-03-10 12:10:00  1710072600  2024-03-10 12:11:30      1 min 30 s",
-        "2024-03-10 12:20:00  1710073200  open                     -                     1"};
-    ASSERT_EQ(lines.size(), beginnings.size()) << *text;
-    for (size_t i = 0; i < lines.size(); ++i) {
-        EXPECT_EQ(lines[i].rfind(beginnings[i], 0), 0u) << lines[i];
-    }
-
-    // Nothing newer for 3 slices + 60 s: the last one is over too.
+    EXPECT_EQ(answer["recordings"][2]["mtu"], 10);
+    EXPECT_EQ(answer["gaps"], Json::array({Json::parse(gap)}));
+    // Nothing newer for 3 slices + 60 s after its newest file: the last one is over too.
     clock_ = kNoon + 1200 + 10 + 3 * 10 + 61;
-    const Json later = body_of(call(*service, admin("GET", "devices/cam1/recordings")));
-    EXPECT_EQ(later["recordings"][2]["state"], "left open by the camera");
+    answer = body_of(call(*service, admin("GET", "devices/cam1/recordings")));
+    EXPECT_EQ(answer["recordings"][2]["state"], "left open by the camera");
 }
 
-TEST(RecordingsTextTest, AnswersThatAreNoRecordingsListAreRefused) {
-    const char *const bad[] = {
-        R"([])",
-        R"({"gaps":[]})",
-        R"({"recordings":{}})",
-        R"({"recordings":[{"startTime":1,"endTime":0,"files":0,"bytes":0}]})",
-        R"({"recordings":[{"startTime":1,"endTime":0,"files":0,"bytes":0,"keyMd5":"","state":1}]})",
-        R"({"recordings":[],"gaps":{}})",
-        R"({"recordings":[],"gaps":[{"from":1,"to":2,"bytes":0}]})",
-    };
-    for (const char *text : bad) {
-        std::string error;
-        EXPECT_FALSE(vexo_cloud::recordings_text(Json::parse(text), &error)) << text;
-        EXPECT_FALSE(error.empty()) << text;
-    }
-    // An answer of a service without states or gaps is still shown.
+TEST(RecordingsTextTest, TheAnswerOfAnOlderServiceIsShownAndAnotherIsRefused) {
     std::string error;
     const auto old = vexo_cloud::recordings_text(
         Json::parse(
@@ -273,6 +233,8 @@ TEST(RecordingsTextTest, AnswersThatAreNoRecordingsListAreRefused) {
         &error);
     ASSERT_TRUE(old) << error;
     EXPECT_NE(old->find("  open  "), std::string::npos) << *old;
+    EXPECT_FALSE(vexo_cloud::recordings_text(
+        Json::parse(R"({"recordings":[],"gaps":[{"from":1,"bytes":0}]})"), &error));
 }
 
 } // namespace
