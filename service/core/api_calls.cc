@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "answers.h"
+#include "device_state.h"
 #include "durable_file.h"
 #include "order_rules.h"
 #include "service_core.h"
@@ -115,38 +116,67 @@ void commit_start(ServiceCore &core, const std::string &device, DeviceEntry *ent
     entry->recordings[recording.start_time] = recording;
 }
 
-Response notify_start(ServiceCore &core, const std::string &device, const std::string &body) {
+/// The key a new start's files are encrypted with. A live device encrypts with the current
+/// key from now on: either it announced it, or it takes it from the answer. A replayed start
+/// was sent long after the device encrypted its files, and the answer no longer reaches the
+/// encoder: the files use the key it announced, which may be an older one of its history.
+/// A replay naming no key of the history is filed under the current key, the best guess,
+/// and *note says so for the log.
+KeyRecord filing_key(const DeviceState &state, const StartNotice &notice, bool replayed,
+                     const std::string &device, std::string *note) {
+    const KeyRecord current{state.key, state.key_md5, 0};
+    if (!replayed) {
+        return current;
+    }
+    if (const KeyRecord *announced = key_with_md5(state, notice.announced_md5)) {
+        return *announced;
+    }
+    *note = device + ": replayed start " + std::to_string(notice.start_time) + " names key md5 \"" +
+            notice.announced_md5 + "\", no key the device was given: filed under the current key " +
+            state.key_md5;
+    return current;
+}
+
+Response notify_start(ServiceCore &core, const std::string &device, const std::string &body,
+                      bool replayed) {
     std::string error;
     const std::optional<StartNotice> notice = parse_start(body, &error);
     if (!notice) {
         return error_answer(kBadRequest, error);
     }
-    std::lock_guard<std::mutex> lock(core.mutex);
-    DeviceEntry &entry = core.devices.at(device);
-    const uint32_t now = core.now();
-    DeviceState next = entry.state;
-    bool device_changed = issue_key_if_missing(&next, now);
+    std::string note;
+    DeviceState next;
+    {
+        std::lock_guard<std::mutex> lock(core.mutex);
+        DeviceEntry &entry = core.devices.at(device);
+        const uint32_t now = core.now();
+        next = entry.state;
+        bool device_changed = issue_key_if_missing(&next, now);
 
-    const auto found = entry.recordings.find(notice->start_time);
-    const bool first_start = found == entry.recordings.end();
-    // Only a new recording takes an event off today's allowance: the second start of a key
-    // update repeats the startTime of the first.
-    if (first_start && counts_against_allowance(next.order)) {
-        count_event(&next.allowance, local_day(now));
-        device_changed = true;
+        const auto found = entry.recordings.find(notice->start_time);
+        const bool first_start = found == entry.recordings.end();
+        // Only a new recording takes an event off its day's allowance: the second start of
+        // a key update repeats the startTime of the first.
+        if (first_start && counts_against_allowance(next.order) &&
+            count_start(&next.allowance, notice->start_time, now)) {
+            device_changed = true;
+        }
+        RecordingState recording = first_start ? RecordingState{} : found->second;
+        recording.start_time = notice->start_time;
+        recording.payload_info = notice->payload_info;
+        recording.payload = notice->payload;
+        recording.mtu = notice->mtu;
+        recording.announced_md5 = notice->announced_md5;
+        const KeyRecord key = filing_key(next, *notice, replayed, device, &note);
+        recording.key = key.key;
+        recording.key_md5 = key.md5;
+        commit_start(core, device, &entry, next, device_changed, recording);
     }
-    RecordingState recording = first_start ? RecordingState{} : found->second;
-    recording.start_time = notice->start_time;
-    recording.payload_info = notice->payload_info;
-    recording.payload = notice->payload;
-    recording.mtu = notice->mtu;
-    recording.announced_md5 = notice->announced_md5;
-    // The device encrypts with the current key from now on: either it announced it, or it
-    // takes it from this answer.
-    recording.key = next.key;
-    recording.key_md5 = next.key_md5;
-    commit_start(core, device, &entry, next, device_changed, recording);
-
+    if (!note.empty()) {
+        core.log(note);
+    }
+    // A replayed start gets the same answer as a live one: the device learns of the current
+    // key, though it may only log it.
     if (notice->announced_md5 == next.key_md5) {
         return api_result(Json{{"needUpdate", false}});
     }
@@ -193,7 +223,7 @@ Response report_event(ServiceCore &core, const std::string &device, const std::s
 // ---- exported calls ------------------------------------------------------------------------
 
 Response answer_api_call(ServiceCore &core, const std::string &device, const std::string &api,
-                         const std::string &query, const std::string &body) {
+                         const std::string &query, const std::string &body, bool replayed) {
     const bool known = api == kApiStart || api == kApiStop || api == kApiReportEvent;
     if (!known) {
         return api_refusal("api.unknown", "unknown API " + api);
@@ -203,7 +233,7 @@ Response answer_api_call(ServiceCore &core, const std::string &device, const std
         return api_refusal("api.version", "API version \"" + version + "\" is not supported");
     }
     if (api == kApiStart) {
-        return notify_start(core, device, body);
+        return notify_start(core, device, body, replayed);
     }
     if (api == kApiStop) {
         return notify_stop(core, device, body);

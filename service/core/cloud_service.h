@@ -90,6 +90,17 @@ struct Alarm {
     std::string picture_path; // empty without a picture
 };
 
+/// A stretch of a device's recordings that the device could not deliver: it kept them while
+/// the cloud could not be reached and had to drop them (its store was full, or they waited
+/// too long). Reported by the device once the cloud answers again.
+struct Gap {
+    std::string device;
+    uint32_t from = 0;  // seconds since the epoch: the start of what was dropped
+    uint32_t to = 0;    // its end, from <= to
+    std::string reason; // "spool full", "too old", or another short text of the device's
+    uint64_t bytes = 0; // media bytes dropped
+};
+
 struct Options {
     std::string data_dir;
     /// The service's clock, seconds since the epoch; "today" for the daily allowance is the
@@ -107,6 +118,9 @@ struct Options {
     Order default_order;
     /// What storage/config answers as "addressSuffix": where the service is reached.
     std::string address_suffix = "embedded";
+    /// Takes one line of the service's own log (no line end), e.g. a replayed start that
+    /// names a key the device never had. Empty: the line goes to stderr.
+    std::function<void(const std::string &line)> log;
 };
 
 class Service {
@@ -121,7 +135,9 @@ class Service {
     Service &operator=(const Service &) = delete;
 
     /// Answers one device request (storage/config, storage/restriction, api calls, media
-    /// upload, alarms). Bad requests get a 4xx with {"error":"..."} and change nothing.
+    /// upload, alarms, gaps). Bad requests get a 4xx with {"error":"..."} and change nothing.
+    /// A request with "x-vexo-replay: 1" was kept by the device while the cloud could not
+    /// be reached and is sent late: a replayed start is filed under the key it names.
     Response handle(const Request &request);
 
     /// The same for a request whose body has not been read yet (head.body is ignored):
@@ -152,6 +168,10 @@ class Service {
     std::vector<std::string> devices() const;
     std::vector<Recording> recordings(const std::string &device) const;
     std::vector<Alarm> alarms(const std::string &device) const;
+    /// The gaps a device reported, by time.
+    std::vector<Gap> gaps(const std::string &device) const;
+    /// The service's clock now, seconds since the epoch.
+    uint32_t now() const;
 
   private:
     struct Impl;
@@ -176,6 +196,14 @@ std::vector<Recording> read_recordings(const std::string &data_dir, const std::s
 /// null: the two-argument form.
 std::vector<Recording> read_recordings(const std::string &data_dir, const std::string &device,
                                        std::vector<std::string> *damaged);
+
+/// The gaps devices reported, read from a data directory written by a Service: of device, or
+/// of every device when device is empty; sorted by device, then time. Throws
+/// std::invalid_argument for an invalid device id and std::runtime_error naming the file when
+/// the directory cannot be listed or a gaps file cannot be read or is damaged. With damaged
+/// not null, such a file is skipped instead and "<path>: <reason>" appended to *damaged.
+std::vector<Gap> read_gaps(const std::string &data_dir, const std::string &device,
+                           std::vector<std::string> *damaged = nullptr);
 
 /// True when a device id is 1..64 characters of A-Z a-z 0-9 . _ - and neither "." nor "..",
 /// which would name a directory other than the device's own.

@@ -4,6 +4,7 @@
 
 #include "alarm_store.h"
 #include "durable_file.h"
+#include "gap_store.h"
 #include "service_core.h"
 
 namespace vexo_cloud {
@@ -25,6 +26,7 @@ void load_devices(ServiceCore &core) {
         DeviceEntry entry;
         entry.state = load_device_state(dir);
         entry.recordings = load_recording_index(dir);
+        entry.gaps = load_gaps(dir, device);
         entry.next_alarm = next_alarm_sequence(dir + "/" + kAlarmsDirectory);
         core.devices[device] = std::move(entry);
     }

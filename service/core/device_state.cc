@@ -89,6 +89,15 @@ bool issue_key_if_missing(DeviceState *state, uint32_t now) {
     return true;
 }
 
+const KeyRecord *key_with_md5(const DeviceState &state, const std::string &md5) {
+    for (auto it = state.key_history.rbegin(); it != state.key_history.rend(); ++it) {
+        if (it->md5 == md5) {
+            return &*it;
+        }
+    }
+    return nullptr;
+}
+
 void save_device_state(const std::string &device_dir, const DeviceState &state) {
     Json history = Json::array();
     for (const KeyRecord &record : state.key_history) {

@@ -32,6 +32,9 @@ struct DeviceState {
 /// Gives the device a new key when it has none; true when one was issued.
 bool issue_key_if_missing(DeviceState *state, uint32_t now);
 
+/// The key of the device's history whose md5 text is md5; nullptr when it never had one.
+const KeyRecord *key_with_md5(const DeviceState &state, const std::string &md5);
+
 /// Writes device_dir/device.json atomically; throws FileError.
 void save_device_state(const std::string &device_dir, const DeviceState &state);
 

@@ -1,9 +1,11 @@
-/// What a device uploads: media files of its recordings and alarms. Both are written
-/// outside the service lock, to names no other request writes: a media file goes through a
-/// temporary name of its own, an alarm gets a number reserved under the lock.
+/// What a device uploads: media files of its recordings, alarms and gap reports. Media files
+/// and alarms are written outside the service lock, to names no other request writes: a
+/// media file goes through a temporary name of its own, an alarm gets a number reserved under
+/// the lock. The gaps file is small and replaced whole under the lock.
 #include "alarm_store.h"
 #include "answers.h"
 #include "durable_file.h"
+#include "gap_store.h"
 #include "service_core.h"
 
 namespace vexo_cloud {
@@ -74,6 +76,24 @@ Response store_alarm_request(ServiceCore &core, const std::string &device,
         sequence = core.devices.at(device).next_alarm++;
     }
     store_alarm(dir, sequence, *alarm);
+    return json_answer(kOk, Json::object());
+}
+
+Response store_gap_request(ServiceCore &core, const std::string &device, const std::string &body) {
+    std::string error;
+    std::optional<Gap> gap = parse_gap_post(body, &error);
+    if (!gap) {
+        return error_answer(kBadRequest, error);
+    }
+    gap->device = device;
+    std::lock_guard<std::mutex> lock(core.mutex);
+    DeviceEntry &entry = core.devices.at(device);
+    // A gap sent again (its first answer was lost) is already stored: answered as the first.
+    const std::optional<std::vector<Gap>> next = with_gap(entry.gaps, *gap);
+    if (next) {
+        save_gaps(core.device_dir(device), *next);
+        entry.gaps = *next;
+    }
     return json_answer(kOk, Json::object());
 }
 

@@ -59,6 +59,15 @@ bool get_i32(const Json &object, const char *key, int32_t *out) {
     return true;
 }
 
+bool get_u64(const Json &object, const char *key, uint64_t *out) {
+    const std::optional<int64_t> value = whole_number(object, key);
+    if (!value || *value < 0) {
+        return false;
+    }
+    *out = static_cast<uint64_t>(*value);
+    return true;
+}
+
 bool get_text(const Json &object, const char *key, std::string *out) {
     const auto it = object.find(key);
     if (it == object.end() || !it->is_string()) {

@@ -18,6 +18,8 @@ std::optional<Json> parse_object(const std::string &text);
 // type or range: integers must be whole numbers that fit.
 bool get_u32(const Json &object, const char *key, uint32_t *out);
 bool get_i32(const Json &object, const char *key, int32_t *out);
+/// A whole number from 0 to 2^63-1.
+bool get_u64(const Json &object, const char *key, uint64_t *out);
 bool get_text(const Json &object, const char *key, std::string *out);
 /// A JSON boolean, or the numbers 0 and 1.
 bool get_flag(const Json &object, const char *key, bool *out);

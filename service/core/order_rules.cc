@@ -1,6 +1,7 @@
 /// Order validation, the effective store mode and the daily event allowance.
 #include "order_rules.h"
 
+#include <algorithm>
 #include <ctime>
 
 #include "json_fields.h"
@@ -108,14 +109,26 @@ int32_t events_left(const Order &order, const Allowance &allowance, int32_t toda
     return used >= order.daily_events ? 0 : order.daily_events - used;
 }
 
-void count_event(Allowance *allowance, int32_t today) {
-    if (allowance->day != today) {
-        allowance->day = today;
+bool count_event(Allowance *allowance, int32_t day) {
+    if (day < allowance->day) {
+        return false;
+    }
+    if (day > allowance->day) {
+        allowance->day = day;
         allowance->events_started = 0;
     }
     if (allowance->events_started < INT32_MAX) {
         ++allowance->events_started;
     }
+    return true;
+}
+
+bool count_start(Allowance *allowance, uint32_t start_time, uint32_t now) {
+    const bool ahead = allowance->day > local_day(now);
+    if (ahead) {
+        *allowance = Allowance{};
+    }
+    return count_event(allowance, local_day(std::min(start_time, now))) || ahead;
 }
 
 } // namespace vexo_cloud

@@ -39,8 +39,16 @@ int32_t local_day(uint32_t time);
 /// Events left on day today: the allowance less today's starts, never below zero.
 int32_t events_left(const Order &order, const Allowance &allowance, int32_t today);
 
-/// Counts one started event recording on day today (a new day starts from zero).
-void count_event(Allowance *allowance, int32_t today);
+/// Counts one started event recording on its day, yyyymmdd. A later day than the one counted
+/// starts from zero; an earlier one is over and leaves the count alone. True when it counted.
+bool count_event(Allowance *allowance, int32_t day);
+
+/// Counts a new event recording that started at start_time, at service time now, on the
+/// local day of its start however late the notification arrives (a device may send it after
+/// an outage), but never on a day after now's (a device clock ahead of the service's). A
+/// count kept for a day after now's (the service's clock went back) starts again. True when
+/// the allowance changed.
+bool count_start(Allowance *allowance, uint32_t start_time, uint32_t now);
 
 } // namespace vexo_cloud
 

@@ -32,6 +32,34 @@ bool all_digits(const std::string &text) {
            std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
+/// The two numbers of a media file name "<start>_<index>.media".
+struct MediaName {
+    uint32_t start;
+    uint64_t elapsed;
+};
+
+std::optional<MediaName> split_media_name(const std::string &name) {
+    const size_t suffix_length = sizeof kMediaSuffix - 1;
+    if (name.size() <= suffix_length ||
+        name.compare(name.size() - suffix_length, suffix_length, kMediaSuffix) != 0) {
+        return std::nullopt;
+    }
+    const std::string stem = name.substr(0, name.size() - suffix_length);
+    const size_t underscore = stem.find('_');
+    if (underscore == std::string::npos) {
+        return std::nullopt;
+    }
+    const std::string index = stem.substr(underscore + 1);
+    if (!all_digits(index) || index.size() > kMaxIndexDigits) {
+        return std::nullopt;
+    }
+    const std::optional<uint32_t> start = parse_start_name(stem.substr(0, underscore));
+    if (!start) {
+        return std::nullopt;
+    }
+    return MediaName{*start, std::stoull(index)};
+}
+
 [[noreturn]] void corrupt(const std::string &path, const std::string &what) {
     throw std::runtime_error(path + ": " + what);
 }
@@ -191,21 +219,13 @@ std::optional<uint32_t> parse_start_name(const std::string &text) {
 }
 
 std::optional<uint32_t> parse_media_name(const std::string &name) {
-    const size_t suffix_length = sizeof kMediaSuffix - 1;
-    if (name.size() <= suffix_length ||
-        name.compare(name.size() - suffix_length, suffix_length, kMediaSuffix) != 0) {
-        return std::nullopt;
-    }
-    const std::string stem = name.substr(0, name.size() - suffix_length);
-    const size_t underscore = stem.find('_');
-    if (underscore == std::string::npos) {
-        return std::nullopt;
-    }
-    const std::string index = stem.substr(underscore + 1);
-    if (!all_digits(index) || index.size() > kMaxIndexDigits) {
-        return std::nullopt;
-    }
-    return parse_start_name(stem.substr(0, underscore));
+    const std::optional<MediaName> parts = split_media_name(name);
+    return parts ? std::optional<uint32_t>(parts->start) : std::nullopt;
+}
+
+std::optional<uint64_t> parse_media_elapsed(const std::string &name) {
+    const std::optional<MediaName> parts = split_media_name(name);
+    return parts ? std::optional<uint64_t>(parts->elapsed) : std::nullopt;
 }
 
 void save_recording(const std::string &recording_dir, const RecordingState &recording) {
@@ -223,6 +243,23 @@ std::map<uint32_t, RecordingState> load_recording_index(const std::string &devic
         }
     }
     return index;
+}
+
+std::vector<std::string> device_directories(const std::string &data_dir) {
+    std::vector<std::string> devices;
+    std::error_code ec;
+    for (fs::directory_iterator it(data_dir, ec), end; !ec && it != end; it.increment(ec)) {
+        const std::string name = it->path().filename().string();
+        std::error_code type_ec;
+        if (valid_device_id(name) && it->is_directory(type_ec)) {
+            devices.push_back(name);
+        }
+    }
+    if (ec) {
+        throw FileError("cannot list " + data_dir + ": " + ec.message(), ec.value());
+    }
+    std::sort(devices.begin(), devices.end());
+    return devices;
 }
 
 std::vector<Recording> read_recordings(const std::string &data_dir, const std::string &device) {
@@ -246,19 +283,7 @@ std::vector<Recording> read_recordings(const std::string &data_dir, const std::s
         }
         return recordings;
     }
-    std::vector<std::string> devices;
-    for (fs::directory_iterator it(data_dir, ec), end; !ec && it != end; it.increment(ec)) {
-        const std::string name = it->path().filename().string();
-        std::error_code type_ec;
-        if (valid_device_id(name) && it->is_directory(type_ec)) {
-            devices.push_back(name);
-        }
-    }
-    if (ec) {
-        throw FileError("cannot list " + data_dir + ": " + ec.message(), ec.value());
-    }
-    std::sort(devices.begin(), devices.end());
-    for (const std::string &name : devices) {
+    for (const std::string &name : device_directories(data_dir)) {
         read_device_recordings(data_dir + "/" + name, name, damaged, &recordings);
     }
     return recordings;

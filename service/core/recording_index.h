@@ -8,6 +8,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "json_fields.h"
 
@@ -34,8 +35,16 @@ std::optional<uint32_t> parse_start_name(const std::string &text);
 /// 1..10 digits); nullopt for any other name.
 std::optional<uint32_t> parse_media_name(const std::string &name);
 
+/// The index of a media file name as above: the seconds from the recording's start to the
+/// file's first frame. nullopt for any other name.
+std::optional<uint64_t> parse_media_elapsed(const std::string &name);
+
 /// Writes recording_dir/recording.json atomically; throws FileError.
 void save_recording(const std::string &recording_dir, const RecordingState &recording);
+
+/// The names of the directories of data_dir that are device ids, sorted; throws FileError
+/// when data_dir cannot be listed.
+std::vector<std::string> device_directories(const std::string &data_dir);
 
 /// Every recording.json under a device directory, by start time; throws std::runtime_error
 /// naming the file when one is not a recording.

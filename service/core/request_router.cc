@@ -25,11 +25,13 @@ constexpr char kApiPrefix[] = "/v1/api/";
 constexpr char kMediaPrefix[] = "media/";
 constexpr char kDeviceHeader[] = "x-vexo-device";
 constexpr char kAuthorizationHeader[] = "authorization";
+/// Set to "1" on a request the device kept through an outage and sends late.
+constexpr char kReplayHeader[] = "x-vexo-replay";
 constexpr char kBearer[] = "Bearer ";
 
 // ---- helpers -------------------------------------------------------------------------------
 
-enum class Endpoint { kStorageConfig, kStorageRestriction, kMedia, kAlarms, kApi };
+enum class Endpoint { kStorageConfig, kStorageRestriction, kMedia, kAlarms, kGaps, kApi };
 
 /// Where a request goes: the endpoint, its method, and what the path names.
 struct Target {
@@ -70,6 +72,9 @@ std::optional<Target> match_path(const std::string &path) {
     }
     if (resource == "alarms") {
         return Target{Endpoint::kAlarms, "POST", true, device, ""};
+    }
+    if (resource == "gaps") {
+        return Target{Endpoint::kGaps, "POST", true, device, ""};
     }
     if (starts_with(resource, kMediaPrefix)) {
         // The whole rest is the file name, so that "media/../x" is refused as a name.
@@ -140,8 +145,11 @@ Response dispatch(ServiceCore &core, const Request &request, const Target &targe
         return store_media_upload(core, device, target.name, request.body);
     case Endpoint::kAlarms:
         return store_alarm_request(core, device, request.body);
+    case Endpoint::kGaps:
+        return store_gap_request(core, device, request.body);
     case Endpoint::kApi:
-        return answer_api_call(core, device, target.name, request.query, request.body);
+        return answer_api_call(core, device, target.name, request.query, request.body,
+                               header(request, kReplayHeader) == "1");
     }
     return error_answer(kNotFound, "no such resource");
 }

@@ -1,4 +1,5 @@
 /// The Service object: set-up from the data directory, and the inspection calls.
+#include <cstdio>
 #include <ctime>
 #include <filesystem>
 #include <stdexcept>
@@ -111,6 +112,25 @@ std::vector<Recording> Service::recordings(const std::string &device) const {
         }
     }
     return read_recordings(core.options.data_dir, device);
+}
+
+std::vector<Gap> Service::gaps(const std::string &device) const {
+    const ServiceCore &core = impl_->core;
+    std::lock_guard<std::mutex> lock(core.mutex);
+    const auto it = core.devices.find(device);
+    return it == core.devices.end() ? std::vector<Gap>{} : it->second.gaps;
+}
+
+uint32_t Service::now() const {
+    return impl_->core.now();
+}
+
+void ServiceCore::log(const std::string &line) const {
+    if (options.log) {
+        options.log(line);
+        return;
+    }
+    std::fprintf(stderr, "vexo-cloud: %s\n", line.c_str());
 }
 
 std::vector<Alarm> Service::alarms(const std::string &device) const {

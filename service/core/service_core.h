@@ -7,6 +7,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "cloud_service.h"
 #include "device_state.h"
@@ -17,10 +18,12 @@ namespace vexo_cloud {
 constexpr char kAlarmsDirectory[] = "alarms";
 constexpr char kEventsFile[] = "events.jsonl";
 
-/// A known device: its state as on disk, its recordings index and its next alarm number.
+/// A known device: its state as on disk, its recordings index, the gaps it reported and its
+/// next alarm number.
 struct DeviceEntry {
     DeviceState state;
     std::map<uint32_t, RecordingState> recordings;
+    std::vector<Gap> gaps; ///< by time
     uint64_t next_alarm = 1;
 };
 
@@ -32,6 +35,9 @@ struct ServiceCore {
     std::map<std::string, DeviceEntry> devices;
 
     uint32_t now() const { return options.clock(); }
+    /// One line of the service's log, to options.log or else stderr. Call it without the
+    /// mutex: options.log is the embedder's code.
+    void log(const std::string &line) const;
     std::string device_dir(const std::string &device) const {
         return options.data_dir + "/" + device;
     }
@@ -58,9 +64,10 @@ DeviceEntry &create_device(ServiceCore &core, const std::string &device, const O
 Response answer_storage_config(ServiceCore &core, const std::string &device);
 Response answer_storage_restriction(ServiceCore &core, const std::string &device);
 
-/// POST /v1/api/<api_name>?<query> for device.
+/// POST /v1/api/<api_name>?<query> for device. replayed: the request was kept by the device
+/// through an outage and is sent late ("x-vexo-replay: 1").
 Response answer_api_call(ServiceCore &core, const std::string &device, const std::string &api,
-                         const std::string &query, const std::string &body);
+                         const std::string &query, const std::string &body, bool replayed);
 
 /// PUT media/<file_name>, the body already read.
 Response store_media_upload(ServiceCore &core, const std::string &device,
@@ -74,6 +81,9 @@ Response stream_media_upload(ServiceCore &core, const std::string &device,
 
 /// POST alarms.
 Response store_alarm_request(ServiceCore &core, const std::string &device, const std::string &body);
+
+/// POST gaps: stored once, however often the same gap is posted.
+Response store_gap_request(ServiceCore &core, const std::string &device, const std::string &body);
 
 } // namespace vexo_cloud
 

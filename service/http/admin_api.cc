@@ -9,6 +9,7 @@
 
 #include "answers.h"
 #include "json_fields.h"
+#include "recording_listing.h"
 
 namespace vexo_cloud {
 
@@ -154,8 +155,11 @@ Response list_recordings(const Service &service, const std::string &device) {
     if (!service.order(device)) {
         return error_answer(kNotFound, "unknown device");
     }
+    const std::vector<Recording> recordings = service.recordings(device);
+    const std::vector<RecordingStatus> statuses = recording_statuses(recordings, service.now());
     Json list = Json::array();
-    for (const Recording &r : service.recordings(device)) {
+    for (size_t i = 0; i < recordings.size(); ++i) {
+        const Recording &r = recordings[i];
         uint64_t bytes = 0;
         for (const MediaFileInfo &file : r.files) {
             bytes += file.bytes;
@@ -164,9 +168,16 @@ Response list_recordings(const Service &service, const std::string &device) {
                             {"endTime", r.end_time},
                             {"files", r.files.size()},
                             {"bytes", bytes},
-                            {"keyMd5", r.key_md5}});
+                            {"keyMd5", r.key_md5},
+                            {"mtu", r.mtu},
+                            {"state", recording_status_text(statuses[i])}});
     }
-    return json_answer(kOk, Json{{"recordings", list}});
+    Json gaps = Json::array();
+    for (const Gap &gap : service.gaps(device)) {
+        gaps.push_back(
+            Json{{"from", gap.from}, {"to", gap.to}, {"reason", gap.reason}, {"bytes", gap.bytes}});
+    }
+    return json_answer(kOk, Json{{"recordings", list}, {"gaps", gaps}});
 }
 
 Response list_alarms(const Service &service, const std::string &device) {

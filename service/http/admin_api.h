@@ -12,7 +12,11 @@
 ///   POST /v1/admin/devices/D/trigger           {"action":"record"|"pic"|"pic_v",
 ///                                               "duration":N,"ext":{...}}
 ///   GET  /v1/admin/devices/D/recordings        {"recordings":[{"startTime","endTime",
-///                                               "files","bytes","keyMd5"}]}
+///                                               "files","bytes","keyMd5","mtu","state"}],
+///                                               "gaps":[{"from","to","reason","bytes"}]}
+///                                              state: "closed", "open" or "left open by
+///                                              the camera" (see recording_status); both
+///                                              lists by time
 ///   GET  /v1/admin/devices/D/alarms            {"alarms":[{"time","withPicture","extra",
 ///                                               "pictureBytes"}]}
 ///

@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "json_fields.h"
+#include "recordings_text.h"
 
 namespace vexo_cloud {
 
@@ -53,6 +54,18 @@ int run_admin_command(const AdminCommand &command) {
         std::fprintf(stderr, "vexo-cloud: the service refused: %d %s\n", result->status,
                      error.c_str());
         return 1;
+    }
+    if (command.recordings_table) {
+        std::string error = "not JSON";
+        const std::optional<std::string> table =
+            body ? recordings_text(*body, &error) : std::nullopt;
+        if (!table) {
+            std::fprintf(stderr, "vexo-cloud: the service's recordings answer is unusable: %s\n",
+                         error.c_str());
+            return 2;
+        }
+        std::fputs(table->c_str(), stdout);
+        return 0;
     }
     std::printf("%s\n", body ? to_text(*body, 2).c_str() : result->body.c_str());
     return 0;

@@ -7,8 +7,9 @@
 
 namespace vexo_cloud {
 
-/// Prints the answer's JSON on stdout. 0 for a 2xx answer, 1 when the service refused the
-/// request (its error on stderr), 2 when no answer came.
+/// Prints the answer's JSON on stdout, or the recordings table for a recordings command.
+/// 0 for a 2xx answer, 1 when the service refused the request (its error on stderr), 2 when
+/// no (usable) answer came.
 int run_admin_command(const AdminCommand &command);
 
 } // namespace vexo_cloud

@@ -37,7 +37,11 @@ constexpr char kUsage[] =
     "  vexo-cloud abort DEVICE                     abort the device's order\n"
     "  vexo-cloud trigger DEVICE record|pic|pic_v [--duration S] [--ext JSON]\n"
     "                                              ask for a remote recording or picture\n"
-    "  vexo-cloud recordings DEVICE | alarms DEVICE | devices\n"
+    "  vexo-cloud recordings DEVICE [--json]       the device's recordings and the gaps it\n"
+    "                                              reported, by time; a recording without\n"
+    "                                              an end is \"open\" or, once clearly over,\n"
+    "                                              \"left open by the camera\"\n"
+    "  vexo-cloud alarms DEVICE | devices\n"
     "      Admin commands talk to a running service: --server URL (default\n"
     "      $VEXO_CLOUD_URL or http://127.0.0.1:8080), --admin-token TOKEN, --ca FILE.\n";
 
@@ -219,10 +223,15 @@ std::optional<Command> parse_admin(const std::string &verb, const std::vector<st
     std::vector<std::string> words;
     Json change = Json::object();
     Json trigger = Json::object();
+    bool json_answer = false;
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string &arg = args[i];
         if (arg.rfind("--", 0) != 0) {
             words.push_back(arg);
+            continue;
+        }
+        if (verb == "recordings" && arg == "--json") {
+            json_answer = true;
             continue;
         }
         if (i + 1 >= args.size()) {
@@ -286,6 +295,7 @@ std::optional<Command> parse_admin(const std::string &verb, const std::vector<st
     } else {
         a.method = "GET";
         a.path = device_path + "/" + verb;
+        a.recordings_table = verb == "recordings" && !json_answer;
     }
     return command;
 }

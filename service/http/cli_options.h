@@ -29,6 +29,9 @@ struct AdminCommand {
     std::string method;  ///< of the admin request
     std::string path;    ///< below the server, e.g. "/v1/admin/devices/D/order"
     std::string body;    ///< JSON, or empty
+    /// Print a recordings answer as a table (the recordings command without --json); else
+    /// the answer's JSON.
+    bool recordings_table = false;
 };
 
 struct Command {

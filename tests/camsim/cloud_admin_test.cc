@@ -104,11 +104,13 @@ TEST_F(CloudAdminTest, OrderTriggerAndAbortSendTheirJsonWithTheAdminToken) {
 }
 
 TEST_F(CloudAdminTest, RecordingsAreReadFromTheAnswer) {
-    answer(
-        200,
-        R"({"recordings":[)"
-        R"({"startTime":1800000000,"endTime":1800000012,"files":2,"bytes":123456,"keyMd5":"ab"},)"
-        R"({"startTime":1800000100,"endTime":0,"files":0,"bytes":0,"keyMd5":""}]})");
+    answer(200,
+           R"({"recordings":[)"
+           R"({"startTime":1800000000,"endTime":1800000012,"files":2,"bytes":123456,"keyMd5":"ab",)"
+           R"("mtu":10,"state":"closed"},)"
+           R"({"startTime":1800000100,"endTime":0,"files":0,"bytes":0,"keyMd5":"","mtu":10,)"
+           R"("state":"open"}],)"
+           R"("gaps":[{"from":1800000020,"to":1800000090,"reason":"spool full","bytes":5}]})");
     std::vector<RecordingSummary> list;
     std::string error;
     ASSERT_TRUE(admin_->recordings(&list, &error)) << error;

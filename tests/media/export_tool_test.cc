@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -354,6 +355,51 @@ TEST_F(MediaTool, ListAndVerifyGoOnPastADamagedRecordingJson) {
     EXPECT_EQ(keyed.status, 1) << keyed.output;
     EXPECT_EQ(lines_with(keyed.output, "no key"), "") << keyed.output;
     EXPECT_NE(keyed.output.find(": 1 faults"), std::string::npos) << keyed.output;
+}
+
+TEST_F(MediaTool, ListShowsGapsAmongRecordingsAndRecordingsLeftOpen) {
+    write_recording(false);
+    const auto text = [this](const std::string &name, const std::string &content) {
+        data_.write(name, Bytes(content.begin(), content.end()));
+    };
+    // Without an end: one that a later recording follows, and one started just now.
+    const uint32_t now = static_cast<uint32_t>(std::time(nullptr));
+    for (const uint32_t start : {kStart + 600, now - 5}) {
+        const std::string name = std::to_string(start);
+        text("cam-1/" + name + "/recording.json",
+             R"({"startTime":)" + name +
+                 R"(,"endTime":0,"payloadInfo":"{}","mtu":10,"enKeyMd5":"","key":"","keyMd5":""})");
+    }
+    text("cam-1/gaps.json", R"({"gaps":[{"from":1714564900,"to":1714565300,"reason":"spool full",)"
+                            R"("bytes":1234567}]})");
+    // A camera whose every recording was dropped still shows what it lost.
+    text("cam-2/gaps.json",
+         R"({"gaps":[{"from":1714564900,"to":1714564999,"reason":"too old","bytes":0}]})");
+
+    const RunResult ls = tool("ls");
+    EXPECT_EQ(ls.status, 0) << ls.output;
+    const std::string expected[] = {"DEVICE",
+                                    " " + std::to_string(kStart) + " ",
+                                    "cam-1                gap  ",
+                                    std::to_string(kStart + 600) + " left open by the camera",
+                                    std::to_string(now - 5) + " open ",
+                                    "cam-2                gap  "};
+    std::istringstream in(ls.output);
+    size_t n = 0;
+    for (std::string line; std::getline(in, line); ++n) {
+        ASSERT_LT(n, std::size(expected)) << ls.output;
+        EXPECT_NE(line.find(expected[n]), std::string::npos) << line;
+    }
+    EXPECT_EQ(n, std::size(expected)) << ls.output;
+    EXPECT_NE(ls.output.find("  spool full  1.2 MB dropped\n"), std::string::npos) << ls.output;
+
+    // A damaged gaps file is a warning; the rest is still listed.
+    text("cam-1/gaps.json", R"({"gaps":[{"from":5,"to":4,"reason":"too old","bytes":0}]})");
+    const RunResult damaged = tool("ls --device cam-1");
+    EXPECT_EQ(damaged.status, 1) << damaged.output;
+    EXPECT_NE(damaged.output.find("cam-1/gaps.json: gap 1: to is before from"), std::string::npos)
+        << damaged.output;
+    EXPECT_NE(lines_with(damaged.output, "left open by the camera"), "") << damaged.output;
 }
 
 TEST_F(MediaTool, ExportAllSkipsOnlyTheRecordingWithDamagedMetadata) {

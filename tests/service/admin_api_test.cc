@@ -1,6 +1,7 @@
 /// The admin interface in HTTP form: order changes (partial, validated, published), abort,
 /// triggers, listings, the admin token, and refusals that change nothing.
 #include "service/http/admin_api.h"
+#include "service/http/recordings_text.h"
 #include "service_fixture.h"
 
 namespace service_test {
@@ -192,6 +193,48 @@ TEST_F(AdminApiTest, ListingsShowRecordingsAndAlarms) {
     EXPECT_EQ(devices["devices"], Json::array({"cam1"}));
     auto alarms = body_of(call(*service, admin("GET", "devices/cam1/alarms")));
     EXPECT_TRUE(alarms["alarms"].empty());
+}
+
+TEST_F(AdminApiTest, RecordingsShowTheirStateAndTheGaps) {
+    auto service = start_service();
+    add_device(*service, "cam1");
+    // Left open by the camera (a later one exists), closed, and one still recording.
+    for (uint32_t t : {kNoon, kNoon + 600, kNoon + 1200}) {
+        start(*service, "cam1", t, kNoKeyMd5);
+    }
+    call_api(*service, "cam1", kStopApi,
+             Json{{"startTime", kNoon + 600}, {"endTime", kNoon + 690}}.dump());
+    put_media(*service, "cam1", "1710073200_0010.media", "1234");
+    const std::string gap =
+        R"({"from":1710072100,"to":1710072500,"reason":"spool full","bytes":7})";
+    ASSERT_EQ(service->handle(request("POST", "/v1/devices/cam1/gaps", "cam1", gap)).status, 200);
+    clock_ = kNoon + 1250;
+
+    Json answer = body_of(call(*service, admin("GET", "devices/cam1/recordings")));
+    ASSERT_EQ(answer["recordings"].size(), 3u) << answer;
+    std::vector<std::string> states;
+    for (const Json &r : answer["recordings"]) {
+        states.push_back(r["state"]);
+    }
+    EXPECT_EQ(states, (std::vector<std::string>{"left open by the camera", "closed", "open"}));
+    EXPECT_EQ(answer["recordings"][2]["mtu"], 10);
+    EXPECT_EQ(answer["gaps"], Json::array({Json::parse(gap)}));
+    // Nothing newer for 3 slices + 60 s after its newest file: the last one is over too.
+    clock_ = kNoon + 1200 + 10 + 3 * 10 + 61;
+    answer = body_of(call(*service, admin("GET", "devices/cam1/recordings")));
+    EXPECT_EQ(answer["recordings"][2]["state"], "left open by the camera");
+}
+
+TEST(RecordingsTextTest, TheAnswerOfAnOlderServiceIsShownAndAnotherIsRefused) {
+    std::string error;
+    const auto old = vexo_cloud::recordings_text(
+        Json::parse(
+            R"({"recordings":[{"startTime":1,"endTime":0,"files":2,"bytes":9,"keyMd5":""}]})"),
+        &error);
+    ASSERT_TRUE(old) << error;
+    EXPECT_NE(old->find("  open  "), std::string::npos) << *old;
+    EXPECT_FALSE(vexo_cloud::recordings_text(
+        Json::parse(R"({"recordings":[],"gaps":[{"from":1,"bytes":0}]})"), &error));
 }
 
 } // namespace

@@ -48,6 +48,16 @@ TEST(CloudCommandLine, AdminCommandsBecomeTheirRequests) {
     EXPECT_EQ(nlohmann::json::parse(trigger->admin.body),
               nlohmann::json::parse(R"({"action":"pic_v","duration":15,"ext":{"u":1}})"));
 
+    // The recordings command prints a table, or with --json the answer itself.
+    auto table = parse({"recordings", "cam1"});
+    ASSERT_TRUE(table);
+    EXPECT_EQ(table->admin.path, "/v1/admin/devices/cam1/recordings");
+    EXPECT_TRUE(table->admin.recordings_table);
+    auto json = parse({"recordings", "--json", "cam1"});
+    ASSERT_TRUE(json);
+    EXPECT_FALSE(json->admin.recordings_table);
+    EXPECT_FALSE(parse({"alarms", "cam1"})->admin.recordings_table);
+
     // The ends of the 32-bit range pass as they are; the service judges them.
     auto edges = parse({"order", "cam1", "--slice", "2147483647", "--count-left", "-2147483648"});
     ASSERT_TRUE(edges);
@@ -84,6 +94,8 @@ TEST(CloudCommandLine, BadArgumentsAreRefused) {
         {"trigger", "cam1"},
         {"trigger", "cam1", "record", "--ext", "{"},
         {"fly", "cam1"},
+        {"alarms", "cam1", "--json"},
+        {"recordings", "cam1", "cam2", "--json"},
     };
     for (const auto &args : bad) {
         std::string joined;

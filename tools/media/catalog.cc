@@ -2,8 +2,6 @@
 #include "catalog.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <ctime>
 #include <filesystem>
 #include <tuple>
 
@@ -62,6 +60,15 @@ std::vector<Recording> load_recordings(const std::string &data_dir, const std::s
         return std::tie(a.device, a.start_time) < std::tie(b.device, b.start_time);
     });
     return recordings;
+}
+
+std::vector<Gap> load_gaps(const std::string &data_dir, const std::string &device,
+                           std::vector<std::string> *damaged) {
+    try {
+        return vexo_cloud::read_gaps(data_dir, device, damaged);
+    } catch (const std::exception &e) {
+        throw ToolError("cannot read the gaps of " + data_dir + ": " + e.what());
+    }
 }
 
 std::optional<std::string> metadata_damage(const Recording &recording,
@@ -129,34 +136,6 @@ std::optional<vexo_media::Key> recording_key(const Recording &recording,
         return key;
     }
     return std::nullopt;
-}
-
-std::string local_time_text(uint32_t epoch) {
-    const std::time_t time = epoch;
-    std::tm local{};
-    if (localtime_r(&time, &local) == nullptr) {
-        return "?";
-    }
-    char text[32];
-    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
-    return text;
-}
-
-std::string duration_text(uint64_t seconds) {
-    char text[48];
-    if (seconds < 60) {
-        std::snprintf(text, sizeof text, "%llu s", static_cast<unsigned long long>(seconds));
-    } else if (seconds < 3600) {
-        std::snprintf(text, sizeof text, "%llu min %02llu s",
-                      static_cast<unsigned long long>(seconds / 60),
-                      static_cast<unsigned long long>(seconds % 60));
-    } else {
-        std::snprintf(text, sizeof text, "%llu h %02llu min %02llu s",
-                      static_cast<unsigned long long>(seconds / 3600),
-                      static_cast<unsigned long long>(seconds / 60 % 60),
-                      static_cast<unsigned long long>(seconds % 60));
-    }
-    return text;
 }
 
 std::string base_name(const std::string &path) {

@@ -13,6 +13,7 @@
 
 namespace vexo_tool {
 
+using vexo_cloud::Gap;
 using vexo_cloud::Recording;
 
 constexpr const char *kDefaultDataDir = "./vexo-data/cloud";
@@ -23,6 +24,13 @@ constexpr const char *kDefaultDataDir = "./vexo-data/cloud";
 /// the directory cannot be read or device is not a valid device id.
 std::vector<Recording> load_recordings(const std::string &data_dir, const std::string &device,
                                        std::vector<std::string> *damaged);
+
+/// The gaps reported by the devices under data_dir (one device when device is not empty),
+/// ordered by device and time. A gaps file that is damaged or unreadable is skipped, and
+/// "<path>: <reason>" is appended to *damaged for it. Throws ToolError when the directory
+/// cannot be read or device is not a valid device id.
+std::vector<Gap> load_gaps(const std::string &data_dir, const std::string &device,
+                           std::vector<std::string> *damaged);
 
 /// Why a recording's recording.json could not be used, taken from the lines load_recordings
 /// gave; nullopt when the file is sound or absent.
@@ -44,12 +52,6 @@ std::vector<std::string> media_paths(const Recording &recording);
 /// nullopt when neither is there; throws ToolError when the text given is not 16 characters.
 std::optional<vexo_media::Key> recording_key(const Recording &recording,
                                              const std::optional<std::string> &key_text);
-
-/// "2024-05-01 12:00:00" in local time.
-std::string local_time_text(uint32_t epoch);
-
-/// "1234 s" or "1 h 02 min 03 s" style text of a duration in seconds.
-std::string duration_text(uint64_t seconds);
 
 /// The last path component.
 std::string base_name(const std::string &path);
