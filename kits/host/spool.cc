@@ -295,7 +295,7 @@ uint32_t Spool::open_recording() const {
 }
 
 void Spool::drop(std::map<uint64_t, ItemInfo>::iterator it, bool only_item, const char *reason,
-                 std::map<std::pair<uint32_t, std::string>, Gap> *gaps) {
+                 PendingGaps *gaps) {
     const ItemInfo victim = it->second;
     std::vector<uint64_t> seqs;
     if (only_item || !in_recording(victim)) {
@@ -311,14 +311,21 @@ void Spool::drop(std::map<uint64_t, ItemInfo>::iterator it, bool only_item, cons
     for (const uint64_t seq : seqs) {
         const ItemInfo &info = index_.at(seq);
         if (in_recording(info)) {
-            Gap &gap = (*gaps)[{info.recording, reason}];
+            PendingGap &pending = (*gaps)[{info.recording, reason}];
+            Gap &gap = pending.gap;
             const uint32_t queued_s = static_cast<uint32_t>(info.queued_ms / 1000);
             const uint32_t begin = info.span_begin != 0 ? info.span_begin : queued_s;
             const uint32_t end = info.span_end != 0 ? info.span_end : queued_s;
             gap.recording = info.recording;
             gap.reason = reason;
             gap.from = gap.from == 0 ? begin : std::min(gap.from, begin);
-            gap.to = std::max(gap.to, end);
+            // The stop's end time is the recording's end; without it, the last file's end.
+            if (info.kind == Kind::kStop) {
+                gap.to = end;
+                pending.stopped = true;
+            } else if (!pending.stopped) {
+                gap.to = std::max(gap.to, end);
+            }
             if (info.kind == Kind::kMedia) {
                 gap.bytes += info.body_bytes;
                 media_bytes += info.body_bytes;
@@ -343,7 +350,7 @@ void Spool::enforce_bounds(uint64_t now_ms) {
 }
 
 void Spool::enforce_locked(uint64_t now_ms) {
-    std::map<std::pair<uint32_t, std::string>, Gap> gaps;
+    PendingGaps gaps;
     for (auto it = oldest_free(); it != index_.end() && it->second.queued_ms <= now_ms &&
                                   now_ms - it->second.queued_ms >= config_.max_age_ms;
          it = oldest_free()) {
@@ -370,7 +377,7 @@ void Spool::enforce_locked(uint64_t now_ms) {
         drop(it, only_item, kFull, &gaps);
     }
     for (const auto &entry : gaps) {
-        const Gap &gap = entry.second;
+        const Gap &gap = entry.second.gap;
         internal::log_error("spool: gap in recording %u from %u to %u (%s, %llu bytes)",
                             gap.recording, gap.from, gap.to, gap.reason,
                             static_cast<unsigned long long>(gap.bytes));

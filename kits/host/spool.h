@@ -89,10 +89,16 @@ class Spool {
     std::map<uint64_t, ItemInfo>::iterator oldest_free();
     /// The newest recording's start time when it has no stop queued; 0 otherwise.
     uint32_t open_recording() const;
+    /// A gap being summed up while the bounds drop items, per recording and reason.
+    struct PendingGap {
+        Gap gap;
+        bool stopped = false; ///< its stop was dropped: the end is the stop's
+    };
+    using PendingGaps = std::map<std::pair<uint32_t, std::string>, PendingGap>;
     /// Drops the group of the item at it (or only that media item when `only_item`), adding
     /// to the gaps of this pass.
     void drop(std::map<uint64_t, ItemInfo>::iterator it, bool only_item, const char *reason,
-              std::map<std::pair<uint32_t, std::string>, Gap> *gaps);
+              PendingGaps *gaps);
 
     Config config_;
     mutable std::mutex mu_;
