@@ -7,6 +7,7 @@
 
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "cloud_delivery.h"
 #include "host_internal.h"
@@ -264,7 +265,8 @@ int32_t cloud_put_data_to_file(const vexo_storage_config_t *cfg, const char *sch
     req.headers["content-type"] =
         content_type != nullptr ? content_type : "application/octet-stream";
     req.body.assign(reinterpret_cast<const char *>(data), len);
-    const internal::Delivery sent = internal::deliver(req, internal::media_item(file_name));
+    const internal::Delivery sent =
+        internal::deliver(std::move(req), internal::media_item(file_name));
     if (sent.queued) {
         return 0; // counted when the spool delivers it
     }
@@ -349,7 +351,7 @@ int32_t vexo_ipc_alarm_event(const vexo_alarm_event_t *event) {
     cJSON_free(text);
     spool::ItemInfo item;
     item.kind = spool::Kind::kAlarm;
-    const internal::Delivery sent = internal::deliver(req, item);
+    const internal::Delivery sent = internal::deliver(std::move(req), item);
     if (sent.queued) {
         return 0;
     }

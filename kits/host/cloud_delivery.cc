@@ -156,12 +156,13 @@ Delivery deliver(CloudRequest request, const spool::ItemInfo &info) {
     if (!spool->empty()) {
         return queue(*spool, request, info, nullptr);
     }
-    CloudRequest attempt = request;
-    attempt.timeout_s = live_limit(request);
-    live.response = exchange(attempt);
+    const uint32_t full_limit = request.timeout_s;
+    request.timeout_s = live_limit(request);
+    live.response = exchange(request);
     if (!spool::cloud_unreachable(live.response.status)) {
         return live;
     }
+    request.timeout_s = full_limit; // a replay gets the whole time limit
     return queue(*spool, request, info, &live.response);
 }
 

@@ -37,10 +37,12 @@ class ScriptedCloud : public hostkit::CloudTransport {
         seen_.push_back(request);
         CloudResponse resp;
         resp.status = status_(request);
-        resp.body = request.path.rfind("/v1/api/", 0) == 0
-                        ? R"({"success":true,"result":{"needUpdate":false}})"
-                        : "{}";
+        resp.body = request.path.rfind("/v1/api/", 0) == 0 ? api_body_ : "{}";
         return resp;
+    }
+    void api_answer(const std::string &body) {
+        std::lock_guard<std::mutex> lock(mu_);
+        api_body_ = body;
     }
     void answer(std::function<int32_t(const CloudRequest &)> status) {
         std::lock_guard<std::mutex> lock(mu_);
@@ -72,6 +74,7 @@ class ScriptedCloud : public hostkit::CloudTransport {
     std::condition_variable cv_;
     std::function<int32_t(const CloudRequest &)> status_ = [](const CloudRequest &) { return 0; };
     bool hold_replays_ = false;
+    std::string api_body_ = R"({"success":true,"result":{"needUpdate":false}})";
     std::vector<CloudRequest> seen_;
 };
 
@@ -159,8 +162,15 @@ TEST_F(SpoolCallsTest, CloudDownCallsSucceedAndTheSenderReplaysInOrderOnceItIsBa
     ASSERT_TRUE(eventually([&] { return cloud_->paths(true).size() >= 5; }));
     EXPECT_EQ(queued(), 4u);
 
+    // The service files the replayed start under the key it announces, but has a newer one.
+    cloud_->api_answer(R"({"success":true,"result":{"needUpdate":true,"encryptKey":"k"}})");
+    testing::internal::CaptureStderr();
     cloud_->answer([](const CloudRequest &) { return 200; });
     ASSERT_TRUE(eventually([] { return queued() == 0; }));
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("answered the replayed start of recording 1800000000 with a new key"),
+              std::string::npos)
+        << log;
     std::vector<CloudRequest> seen = cloud_->seen();
     ASSERT_GE(seen.size(), 4u);
     seen.erase(seen.begin(), seen.end() - 4);
