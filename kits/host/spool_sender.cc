@@ -88,6 +88,15 @@ Sender::Pass Sender::pass() {
         return Pass::kUnreachable;
     }
     const bool delivered = resp.status >= 200 && resp.status <= 299;
+    if (!delivered) {
+        internal::log_error("spool: the cloud refused the replayed %s %s (%d %.200s); dropped",
+                            kind_name(item->info.kind), item->info.what.c_str(),
+                            static_cast<int>(resp.status), resp.body.c_str());
+    }
+    // Counted before it leaves, so that whoever sees the spool shrink sees the counts too.
+    if (hooks_.answered) {
+        hooks_.answered(*item, resp, delivered);
+    }
     spool_->remove(seq, delivered);
     if (delivered) {
         if (failures_ > 0) {
@@ -97,13 +106,6 @@ Sender::Pass Sender::pass() {
                             kind_name(item->info.kind), item->info.what.c_str(),
                             static_cast<unsigned long long>(item->info.body_bytes),
                             static_cast<unsigned long long>(spool_->stats().items));
-    } else {
-        internal::log_error("spool: the cloud refused the replayed %s %s (%d %.200s); dropped",
-                            kind_name(item->info.kind), item->info.what.c_str(),
-                            static_cast<int>(resp.status), resp.body.c_str());
-    }
-    if (hooks_.answered) {
-        hooks_.answered(*item, resp, delivered);
     }
     return delivered ? Pass::kDelivered : Pass::kRefused;
 }
