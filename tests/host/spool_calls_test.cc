@@ -3,6 +3,7 @@
 // waits in the spool.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -28,55 +29,48 @@ bool replayed(const CloudRequest &r) {
     return it != r.headers.end() && it->second == "1";
 }
 
-/// A cloud whose answer status the test sets per request; it can hold replays at its door.
-class ScriptedCloud : public hostkit::CloudTransport {
-  public:
+/// A cloud whose answers the test sets; it can hold replays at its door.
+struct ScriptedCloud : hostkit::CloudTransport {
     CloudResponse exchange(const CloudRequest &request) override {
-        std::unique_lock<std::mutex> lock(mu_);
-        cv_.wait(lock, [&] { return !hold_replays_ || !replayed(request); });
-        seen_.push_back(request);
-        CloudResponse resp;
-        resp.status = status_(request);
-        resp.body = request.path.rfind("/v1/api/", 0) == 0 ? api_body_ : "{}";
-        return resp;
+        std::unique_lock<std::mutex> lock(mu);
+        cv.wait(lock, [&] { return !hold || !replayed(request); });
+        seen.push_back(request);
+        return {status(request), "", request.path.rfind("/v1/api/", 0) == 0 ? api_body : "{}"};
     }
-    void api_answer(const std::string &body) {
-        std::lock_guard<std::mutex> lock(mu_);
-        api_body_ = body;
+    void set(std::function<int32_t(const CloudRequest &)> answer, bool hold_replays = false) {
+        std::lock_guard<std::mutex> lock(mu);
+        status = std::move(answer);
+        hold = hold_replays;
+        cv.notify_all();
     }
-    void answer(std::function<int32_t(const CloudRequest &)> status) {
-        std::lock_guard<std::mutex> lock(mu_);
-        status_ = std::move(status);
-    }
-    void hold_replays(bool hold) {
-        std::lock_guard<std::mutex> lock(mu_);
-        hold_replays_ = hold;
-        cv_.notify_all();
-    }
-    /// Paths of the requests seen, live or replayed.
-    std::vector<std::string> paths(bool replays) {
-        std::lock_guard<std::mutex> lock(mu_);
-        std::vector<std::string> out;
-        for (const CloudRequest &r : seen_) {
-            if (replayed(r) == replays) {
-                out.push_back(r.path);
-            }
-        }
+    /// The requests seen, live or replayed.
+    std::vector<CloudRequest> requests(bool replays) {
+        std::lock_guard<std::mutex> lock(mu);
+        std::vector<CloudRequest> out;
+        std::copy_if(seen.begin(), seen.end(), std::back_inserter(out),
+                     [&](const CloudRequest &r) { return replayed(r) == replays; });
         return out;
     }
-    std::vector<CloudRequest> seen() {
-        std::lock_guard<std::mutex> lock(mu_);
-        return seen_;
-    }
 
-  private:
-    std::mutex mu_;
-    std::condition_variable cv_;
-    std::function<int32_t(const CloudRequest &)> status_ = [](const CloudRequest &) { return 0; };
-    bool hold_replays_ = false;
-    std::string api_body_ = R"({"success":true,"result":{"needUpdate":false}})";
-    std::vector<CloudRequest> seen_;
+    std::mutex mu;
+    std::condition_variable cv;
+    std::function<int32_t(const CloudRequest &)> status = [](const CloudRequest &) { return 0; };
+    bool hold = false;
+    std::string api_body = R"({"success":true,"result":{"needUpdate":false}})";
+    std::vector<CloudRequest> seen;
 };
+
+/// The paths of the last n requests.
+std::vector<std::string> last_paths(const std::vector<CloudRequest> &requests, size_t n) {
+    std::vector<std::string> paths;
+    for (size_t i = requests.size() > n ? requests.size() - n : 0; i < requests.size(); ++i) {
+        paths.push_back(requests[i].path);
+    }
+    return paths;
+}
+
+constexpr auto kDown = [](const CloudRequest &) { return 0; };
+constexpr auto kUp = [](const CloudRequest &) { return 200; };
 
 /// Waits (at most 10 s) until the condition holds.
 bool eventually(const std::function<bool()> &condition) {
@@ -105,7 +99,7 @@ class SpoolCallsTest : public ::testing::Test {
         ASSERT_EQ(hostkit::start(o), 0);
     }
     void TearDown() override {
-        cloud_->hold_replays(false);
+        cloud_->set(kDown);
         hostkit::stop();
     }
     static int32_t post(const std::string &api, std::string body, cJSON **result = nullptr) {
@@ -118,10 +112,11 @@ class SpoolCallsTest : public ::testing::Test {
         cJSON_Delete(ignored);
         return ret;
     }
-    static int32_t start(const std::string &md5) {
+    static int32_t start(const std::string &md5, cJSON **result = nullptr) {
         return post(kStartApi,
                     R"({"startTime":1800000000,"payloadInfo":"{}","mtu":10,"enKeyMd5":")" + md5 +
-                        "\"}");
+                        "\"}",
+                    result);
     }
     static int32_t upload(const std::string &name) {
         const uint8_t data[] = {1, 2, 3};
@@ -142,11 +137,7 @@ class SpoolCallsTest : public ::testing::Test {
 
 TEST_F(SpoolCallsTest, CloudDownCallsSucceedAndTheSenderReplaysInOrderOnceItIsBack) {
     cJSON *result = nullptr;
-    ASSERT_EQ(post(kStartApi,
-                   R"({"startTime":1800000000,"payloadInfo":"{}","mtu":10,"enKeyMd5":")" + kKeyMd5 +
-                       "\"}",
-                   &result),
-              0);
+    ASSERT_EQ(start(kKeyMd5, &result), 0);
     EXPECT_TRUE(cJSON_IsFalse(cJSON_GetObjectItem(result, "needUpdate")))
         << "the module keeps its key";
     cJSON_Delete(result);
@@ -155,34 +146,32 @@ TEST_F(SpoolCallsTest, CloudDownCallsSucceedAndTheSenderReplaysInOrderOnceItIsBa
     EXPECT_EQ(alarm(), 0);
     EXPECT_EQ(queued(), 4u);
     // One live attempt found the outage; the later calls queued without trying.
-    EXPECT_EQ(cloud_->paths(false).size(), 1u);
+    EXPECT_EQ(cloud_->requests(false).size(), 1u);
 
     // The sender keeps trying the oldest item; 5xx is still an outage: nothing leaves.
-    cloud_->answer([](const CloudRequest &) { return 503; });
-    ASSERT_TRUE(eventually([&] { return cloud_->paths(true).size() >= 5; }));
+    cloud_->set([](const CloudRequest &) { return 503; });
+    ASSERT_TRUE(eventually([&] { return cloud_->requests(true).size() >= 5; }));
     EXPECT_EQ(queued(), 4u);
 
     // The service files the replayed start under the key it announces, but has a newer one.
-    cloud_->api_answer(R"({"success":true,"result":{"needUpdate":true,"encryptKey":"k"}})");
+    {
+        std::lock_guard<std::mutex> lock(cloud_->mu);
+        cloud_->api_body = R"({"success":true,"result":{"needUpdate":true,"encryptKey":"k"}})";
+    }
     testing::internal::CaptureStderr();
-    cloud_->answer([](const CloudRequest &) { return 200; });
+    cloud_->set(kUp);
     ASSERT_TRUE(eventually([] { return queued() == 0; }));
     const std::string log = testing::internal::GetCapturedStderr();
     EXPECT_NE(log.find("answered the replayed start of recording 1800000000 with a new key"),
               std::string::npos)
         << log;
-    std::vector<CloudRequest> seen = cloud_->seen();
-    ASSERT_GE(seen.size(), 4u);
-    seen.erase(seen.begin(), seen.end() - 4);
-    const std::vector<std::string> expected = {"/v1/api/" + kStartApi,
-                                               "/v1/devices/cam-7/media/1800000000_0000.media",
-                                               "/v1/api/" + kStopApi, "/v1/devices/cam-7/alarms"};
-    for (size_t i = 0; i < expected.size(); ++i) {
-        EXPECT_EQ(seen[i].path, expected[i]);
-        EXPECT_TRUE(replayed(seen[i]));
-        EXPECT_EQ(seen[i].headers["authorization"], "Bearer t0k");
-        EXPECT_EQ(seen[i].timeout_s, i == 1 ? 60u : 30u) << "replays keep the full time limits";
-    }
+    const std::vector<CloudRequest> replays = cloud_->requests(true);
+    EXPECT_EQ(last_paths(replays, 4),
+              (std::vector<std::string>{"/v1/api/" + kStartApi,
+                                        "/v1/devices/cam-7/media/1800000000_0000.media",
+                                        "/v1/api/" + kStopApi, "/v1/devices/cam-7/alarms"}));
+    EXPECT_EQ(replays.back().headers.at("authorization"), "Bearer t0k");
+    EXPECT_EQ(replays[replays.size() - 3].timeout_s, 60u) << "replays keep the full limits";
     const hostkit::Counters c = hostkit::counters();
     EXPECT_EQ(c.spool_sent, 4u);
     EXPECT_EQ(c.uploads, 1u);
@@ -190,17 +179,17 @@ TEST_F(SpoolCallsTest, CloudDownCallsSucceedAndTheSenderReplaysInOrderOnceItIsBa
 }
 
 TEST_F(SpoolCallsTest, FourHundredsAreNotOutagesLiveOrReplayed) {
-    cloud_->answer([](const CloudRequest &r) { return r.method == "PUT" ? 404 : 400; });
+    cloud_->set([](const CloudRequest &r) { return r.method == "PUT" ? 404 : 400; });
     EXPECT_EQ(upload("1800000000_0000.media"), -1);
     EXPECT_EQ(start(kKeyMd5), -1);
     EXPECT_EQ(queued(), 0u);
     EXPECT_EQ(hostkit::counters().upload_failures, 1u);
 
-    cloud_->answer([](const CloudRequest &) { return 0; });
+    cloud_->set(kDown);
     ASSERT_EQ(upload("1800000000_0010.media"), 0);
     ASSERT_EQ(upload("1800000000_0020.media"), 0);
     testing::internal::CaptureStderr();
-    cloud_->answer([](const CloudRequest &r) {
+    cloud_->set([](const CloudRequest &r) {
         return r.path.find("_0010") != std::string::npos ? 403 : 200;
     });
     ASSERT_TRUE(eventually([] { return queued() == 0; }));
@@ -215,39 +204,30 @@ TEST_F(SpoolCallsTest, FourHundredsAreNotOutagesLiveOrReplayed) {
     EXPECT_EQ(c.last_upload, "1800000000_0020.media");
 }
 
-TEST_F(SpoolCallsTest, NewCallsQueueBehindTheQueueEvenWithTheCloudUp) {
-    ASSERT_EQ(upload("1800000000_0000.media"), 0);
-    cloud_->hold_replays(true);
-    cloud_->answer([](const CloudRequest &) { return 200; });
-    EXPECT_EQ(upload("1800000000_0010.media"), 0);
-    EXPECT_EQ(alarm(), 0);
-    EXPECT_EQ(queued(), 3u);
-    EXPECT_EQ(cloud_->paths(false).size(), 1u) << "no live attempt while items wait";
-    cloud_->hold_replays(false);
-    ASSERT_TRUE(eventually([] { return queued() == 0; }));
-    std::vector<std::string> replays = cloud_->paths(true);
-    ASSERT_GE(replays.size(), 3u);
-    replays.erase(replays.begin(), replays.end() - 3);
-    EXPECT_EQ(replays, (std::vector<std::string>{"/v1/devices/cam-7/media/1800000000_0000.media",
-                                                 "/v1/devices/cam-7/media/1800000000_0010.media",
-                                                 "/v1/devices/cam-7/alarms"}));
-}
-
-TEST_F(SpoolCallsTest, ConfigurationFetchesAndKeylessStartsNeverWait) {
+TEST_F(SpoolCallsTest, WhileItemsWaitCallsQueueBehindThemButFetchesAndKeylessStartsDoNot) {
     vexo_storage_config_t cfg{};
     EXPECT_EQ(cloud_get_storage_config(&cfg, 1), -1);
     EXPECT_EQ(cloud_get_storage_restriction_config(&cfg), -1);
     EXPECT_EQ(start("0000"), -1) << "footage under a key the cloud never saw is of no use";
     EXPECT_EQ(queued(), 0u);
 
-    cloud_->hold_replays(true);
     ASSERT_EQ(upload("1800000000_0000.media"), 0);
-    const size_t live = cloud_->paths(false).size();
-    EXPECT_EQ(cloud_get_storage_config(&cfg, 1), -1);
-    EXPECT_EQ(cloud_->paths(false).size(), live + 1) << "a fetch still tries the cloud";
-    EXPECT_EQ(start("0000"), -1);
-    EXPECT_EQ(cloud_->paths(false).size(), live + 1) << "a keyless start fails at once";
-    EXPECT_EQ(queued(), 1u);
+    cloud_->set(kUp, true); // the cloud is back, the sender's first replay is still on its way
+    EXPECT_EQ(upload("1800000000_0010.media"), 0);
+    EXPECT_EQ(alarm(), 0);
+    EXPECT_EQ(start("0000"), -1) << "a keyless start fails at once";
+    EXPECT_EQ(queued(), 3u);
+    const size_t live = cloud_->requests(false).size();
+    EXPECT_EQ(live, 4u) << "no live attempt but the first while items wait";
+    EXPECT_EQ(cloud_get_storage_config(&cfg, 1), 0) << "a fetch still asks the cloud";
+    EXPECT_EQ(cloud_->requests(false).size(), live + 1);
+
+    cloud_->set(kUp);
+    ASSERT_TRUE(eventually([] { return queued() == 0; }));
+    EXPECT_EQ(last_paths(cloud_->requests(true), 3),
+              (std::vector<std::string>{"/v1/devices/cam-7/media/1800000000_0000.media",
+                                        "/v1/devices/cam-7/media/1800000000_0010.media",
+                                        "/v1/devices/cam-7/alarms"}));
 }
 
 } // namespace
