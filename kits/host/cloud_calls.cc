@@ -1,11 +1,15 @@
 // The kit's cloud calls in their wire form: each call becomes one request to the cloud
 // service (path, headers, JSON) through the configured transport, and the answer's status
 // and body become the call's result. No retries: the module decides what a failure means.
+// With the outage spool on, uploads, notifications and alarms that the cloud cannot take now
+// wait in the spool and are answered as delivered (cloud_delivery.cc decides).
 #include <cjson/cJSON.h>
 
 #include <cstring>
 #include <string>
+#include <utility>
 
+#include "cloud_delivery.h"
 #include "host_internal.h"
 #include "vexo_cloud.h"
 #include "vexo_device.h"
@@ -32,25 +36,22 @@ CloudRequest make_request(const char *method, std::string path, uint32_t timeout
     req.path = std::move(path);
     req.timeout_s = timeout_s;
     req.headers["x-vexo-device"] = device_id();
-    const std::string &token = internal::options().device_token;
-    if (!token.empty()) {
-        req.headers["authorization"] = "Bearer " + token;
-    }
+    internal::add_credentials(&req);
     return req;
 }
 
-CloudResponse send(const CloudRequest &req) {
-    const std::shared_ptr<CloudTransport> transport = internal::cloud();
-    if (!transport) {
-        internal::log_error("cloud: no transport (kit not started)");
-        return {};
+bool success(const CloudResponse &resp) {
+    return resp.status >= 200 && resp.status <= 299;
+}
+
+/// The result object a notification answered from the spool hands the module: a start keeps
+/// its key.
+cJSON *queued_answer(const spool::ItemInfo &info) {
+    cJSON *result = cJSON_CreateObject();
+    if (result != nullptr && info.kind == spool::Kind::kStart) {
+        cJSON_AddFalseToObject(result, "needUpdate");
     }
-    CloudResponse resp = transport->exchange(req);
-    if (resp.status < 200 || resp.status > 299) {
-        internal::log_debug("cloud: %s %s -> %d %.200s", req.method.c_str(), req.path.c_str(),
-                            static_cast<int>(resp.status), resp.body.c_str());
-    }
-    return resp;
+    return result;
 }
 
 std::string device_path(const char *tail) {
@@ -124,6 +125,35 @@ std::string base64(const uint8_t *data, uint32_t len) {
 }
 
 } // namespace
+
+namespace internal {
+
+void add_credentials(CloudRequest *request) {
+    const std::string &token = options().device_token;
+    if (token.empty()) {
+        request->headers.erase("authorization");
+    } else {
+        request->headers["authorization"] = "Bearer " + token;
+    }
+}
+
+CloudRequest gap_request(const spool::Gap &gap) {
+    CloudRequest req = make_request("POST", device_path("/gaps"), kRequestTimeoutS);
+    req.headers["content-type"] = "application/json";
+    JsonGuard json{cJSON_CreateObject()};
+    cJSON_AddNumberToObject(json.root, "from", gap.from);
+    cJSON_AddNumberToObject(json.root, "to", gap.to);
+    cJSON_AddStringToObject(json.root, "reason", gap.reason);
+    cJSON_AddNumberToObject(json.root, "bytes", static_cast<double>(gap.bytes));
+    if (char *text = cJSON_PrintUnformatted(json.root)) {
+        req.body = text;
+        cJSON_free(text);
+    }
+    return req;
+}
+
+} // namespace internal
+
 std::string path_segment(const std::string &text) {
     static const char kHex[] = "0123456789ABCDEF";
     std::string out;
@@ -153,8 +183,8 @@ int32_t cloud_get_storage_config(vexo_storage_config_t *cfg, int32_t flag) {
     if (cfg == nullptr) {
         return -1;
     }
-    const CloudResponse resp =
-        send(make_request("GET", device_path("/storage/config"), kRequestTimeoutS));
+    const CloudResponse resp = internal::send_live(
+        make_request("GET", device_path("/storage/config"), kRequestTimeoutS), false);
     if (resp.status == 410) {
         return VEXO_CLOUD_ORDER_EXPIRED;
     }
@@ -193,8 +223,8 @@ int32_t cloud_get_storage_restriction_config(vexo_storage_config_t *cfg) {
     if (cfg == nullptr) {
         return -1;
     }
-    const CloudResponse resp =
-        send(make_request("GET", device_path("/storage/restriction"), kRequestTimeoutS));
+    const CloudResponse resp = internal::send_live(
+        make_request("GET", device_path("/storage/restriction"), kRequestTimeoutS), false);
     if (resp.status != 200) {
         return -1;
     }
@@ -235,8 +265,12 @@ int32_t cloud_put_data_to_file(const vexo_storage_config_t *cfg, const char *sch
     req.headers["content-type"] =
         content_type != nullptr ? content_type : "application/octet-stream";
     req.body.assign(reinterpret_cast<const char *>(data), len);
-    const CloudResponse resp = send(req);
-    const bool ok = resp.status >= 200 && resp.status <= 299;
+    const internal::Delivery sent =
+        internal::deliver(std::move(req), internal::media_item(file_name));
+    if (sent.queued) {
+        return 0; // counted when the spool delivers it
+    }
+    const bool ok = success(sent.response);
     internal::count_upload(file_name, len, ok);
     return ok ? 0 : -1;
 }
@@ -262,8 +296,17 @@ int32_t iot_httpc_common_post_no_remalloc(const char *api_name, const char *api_
     }
     req.headers["content-type"] = "application/json";
     req.body.assign(post_data, strnlen(post_data, post_len));
+    bool spoolable = false;
+    const spool::ItemInfo item = internal::api_item(api_name, req.body, &spoolable);
+    const internal::Delivery sent = spoolable
+                                        ? internal::deliver(req, item)
+                                        : internal::Delivery{false, internal::send_live(req, true)};
+    if (sent.queued) {
+        *result = queued_answer(item);
+        return *result != nullptr ? 0 : -1;
+    }
     internal::count_api_post();
-    const CloudResponse resp = send(req);
+    const CloudResponse &resp = sent.response;
     if (resp.status != 200) {
         return -1;
     }
@@ -306,9 +349,14 @@ int32_t vexo_ipc_alarm_event(const vexo_alarm_event_t *event) {
     req.headers["content-type"] = "application/json";
     req.body = text;
     cJSON_free(text);
-    const CloudResponse resp = send(req);
+    spool::ItemInfo item;
+    item.kind = spool::Kind::kAlarm;
+    const internal::Delivery sent = internal::deliver(std::move(req), item);
+    if (sent.queued) {
+        return 0;
+    }
     internal::count_alarm();
-    return resp.status >= 200 && resp.status <= 299 ? 0 : -1;
+    return success(sent.response) ? 0 : -1;
 }
 
 } // extern "C"

@@ -5,6 +5,7 @@
 #ifndef VEXO_HOST_CLOUD_TRANSPORT_H
 #define VEXO_HOST_CLOUD_TRANSPORT_H
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -19,6 +20,9 @@ struct CloudRequest {
     std::string body;
     /// Whole-request time limit, seconds (uploads get a longer one).
     uint32_t timeout_s = 30;
+    /// When set, the transport gives the request up (status 0) soon after *cancel turns
+    /// true; the flag must outlive the exchange. Not part of what is sent.
+    const std::atomic<bool> *cancel = nullptr;
 };
 
 struct CloudResponse {

@@ -127,6 +127,12 @@ size_t on_body(char *data, size_t size, size_t count, void *user) {
     return n;
 }
 
+/// Ends a transfer whose request was cancelled: libcurl calls it at least once a second.
+int on_progress(void *user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+    const auto *cancel = static_cast<const std::atomic<bool> *>(user);
+    return cancel->load() ? 1 : 0;
+}
+
 /// Frees the easy handle and header list at scope exit.
 struct Handles {
     CURL *easy = nullptr;
@@ -268,6 +274,11 @@ CloudResponse CurlTransport::perform(const CloudRequest &request, std::string *e
     curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, on_body);
     curl_easy_setopt(e, CURLOPT_WRITEDATA, &sink);
     curl_easy_setopt(e, CURLOPT_ERRORBUFFER, error_text);
+    if (request.cancel != nullptr) {
+        curl_easy_setopt(e, CURLOPT_NOPROGRESS, 0L);
+        curl_easy_setopt(e, CURLOPT_XFERINFOFUNCTION, on_progress);
+        curl_easy_setopt(e, CURLOPT_XFERINFODATA, const_cast<std::atomic<bool> *>(request.cancel));
+    }
     if (!sends_body) {
         curl_easy_setopt(e, CURLOPT_HTTPGET, 1L);
     } else {
@@ -283,7 +294,9 @@ CloudResponse CurlTransport::perform(const CloudRequest &request, std::string *e
 
     const CURLcode rc = curl_easy_perform(e);
     if (rc != CURLE_OK) {
-        if (sink.too_long || rc == CURLE_FILESIZE_EXCEEDED) {
+        if (rc == CURLE_ABORTED_BY_CALLBACK) {
+            *error = what + ": cancelled";
+        } else if (sink.too_long || rc == CURLE_FILESIZE_EXCEEDED) {
             *error = what + ": answer longer than " + std::to_string(config_.max_answer_bytes) +
                      " bytes, refused";
         } else {

@@ -29,6 +29,30 @@ struct MqttSecurity {
     std::string password;
 };
 
+/// The outage spool: while the cloud cannot be reached (no answer, 5xx, 408, 429), the media
+/// uploads, start/stop notifications, event reports and alarms the module hands over are kept
+/// in order in a directory, the module is answered as if they were delivered (a start with
+/// {"needUpdate":false}), and a thread of the kit sends them, oldest first, once the cloud
+/// answers. Configuration fetches never wait in it, and a 4xx goes back to the module.
+struct SpoolOptions {
+    bool enabled = false;
+    /// Where the items live; empty: <data_dir>/spool.
+    std::string dir;
+    /// Over either bound the oldest whole recording is dropped and reported to the cloud as a
+    /// gap. Age is measured on the kit clock (now_ms), so a fast clock ages items fast.
+    uint64_t max_bytes = uint64_t{256} << 20;
+    uint32_t max_age_s = 24 * 3600;
+    /// Time limits of live requests while the spool is on, real seconds: a cloud that accepts
+    /// and never answers holds the module's worker for one of them at most, as every later
+    /// call queues without a network attempt. Replays keep the full limits (30 s, uploads 60 s).
+    uint32_t live_timeout_s = 5;
+    uint32_t live_upload_timeout_s = 15;
+    /// The sender's wait between attempts while the cloud does not answer, real milliseconds:
+    /// from retry_min_ms, doubling, at most retry_max_ms, each jittered down by up to half.
+    uint32_t retry_min_ms = 500;
+    uint32_t retry_max_ms = 60000;
+};
+
 struct Options {
     /// Key-value records go to <data_dir>/kv/, the sequence log to <data_dir>/seq-log.jsonl.
     std::string data_dir = "vexo-data";
@@ -63,14 +87,17 @@ struct Options {
     uint32_t ring_delay_ms = 0;
     /// Real milliseconds DeleteThrdHandle waits for a thread to end before it detaches it.
     uint32_t thread_join_timeout_ms = 5000;
+    /// Store and forward through a cloud outage; off: a failed call fails, as the module expects.
+    SpoolOptions spool;
 };
 
 /// Starts the kit with these options; call before any module call. 0 on success, -1 with an
 /// error on stderr when an option is invalid (a bad mqtt_url included) or the data directory
 /// cannot be made. A broker that is not reachable yet is not an error: the kit keeps trying.
 int32_t start(const Options &options);
-/// Stops the kit's own threads (MQTT dispatcher, MQTT client) and forgets readers, handlers
-/// and streams; no MQTT handler runs once it returns. Call after the module is uninitialised.
+/// Stops the kit's own threads (spool sender, MQTT dispatcher, MQTT client) and forgets
+/// readers, handlers and streams (spooled items stay on disk for the next start); no MQTT handler
+/// runs once it returns. Call after the module is uninitialised.
 void stop();
 
 // ---- clock ----
@@ -116,6 +143,15 @@ struct Counters {
     uint64_t frames_skipped = 0;     ///< frames those jumps passed over
     uint64_t frames_overwritten = 0; ///< of the skipped, those the ring had dropped already
     std::string last_upload;         ///< file name of the newest accepted upload
+    /// The outage spool (Options::spool): items waiting for the cloud, their bytes on disk, the
+    /// kit time the oldest was queued (0 when none), items sent on replay, and items dropped
+    /// (over a bound, refused by the cloud on replay, or found damaged). The last values stay
+    /// readable after stop().
+    uint64_t spool_items = 0;
+    uint64_t spool_bytes = 0;
+    uint64_t spool_oldest_ms = 0;
+    uint64_t spool_sent = 0;
+    uint64_t spool_dropped = 0;
 };
 Counters counters();
 

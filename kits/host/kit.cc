@@ -7,6 +7,7 @@
 #include <mutex>
 #include <string>
 
+#include "cloud_delivery.h"
 #include "host_internal.h"
 #include "ring_stream.h"
 
@@ -168,6 +169,15 @@ int32_t start(const Options &options) {
         g_counters = Counters{};
     }
     internal::clock_start(options);
+    // The spool loads what an earlier run left (its log lines at this run's level).
+    std::string spool_error;
+    if (!internal::spool_open(options, &spool_error)) {
+        std::fprintf(stderr, "hostkit: %s\n", spool_error.c_str());
+        internal::mqtt_net_stop();
+        std::lock_guard<std::mutex> lock(g_mu);
+        g_options.cloud.reset();
+        return -1;
+    }
     internal::kv_start(options.data_dir);
     internal::seq_log_start(options.data_dir);
     internal::ring_reset(options);
@@ -177,6 +187,7 @@ int32_t start(const Options &options) {
         std::lock_guard<std::mutex> lock(g_mu);
         g_started = true;
     }
+    internal::spool_run();
     return 0;
 }
 
@@ -184,6 +195,7 @@ void stop() {
     if (!internal::started()) {
         return;
     }
+    internal::spool_stop();
     internal::mqtt_net_stop();
     internal::mqtt_stop();
     internal::ring_reset(g_options);
@@ -195,8 +207,13 @@ void stop() {
 }
 
 Counters counters() {
-    std::lock_guard<std::mutex> lock(g_mu);
-    return g_counters;
+    Counters c;
+    {
+        std::lock_guard<std::mutex> lock(g_mu);
+        c = g_counters;
+    }
+    internal::spool_counters(&c);
+    return c;
 }
 
 } // namespace hostkit

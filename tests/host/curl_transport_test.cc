@@ -275,6 +275,29 @@ TEST_F(CurlTransportTest, AServerSlowerThanTheRequestTimeLimitGivesStatusZero) {
     EXPECT_EQ(resp.body, "");
 }
 
+TEST_F(CurlTransportTest, ACancelledRequestEndsBeforeItsTimeLimit) {
+    recorder_.set_answer([this](const httplib::Request &, httplib::Response &res) {
+        gate_.wait();
+        res.set_content("late", "text/plain");
+    });
+    std::atomic<bool> cancel{false};
+    CloudRequest req = request("GET", "/slow");
+    req.timeout_s = 30;
+    req.cancel = &cancel;
+    std::thread canceller([&] {
+        for (int i = 0; i < 2000 && recorder_.seen().empty(); ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        cancel = true;
+    });
+    std::string error;
+    const CloudResponse resp = transport_->exchange(req, &error);
+    canceller.join();
+    gate_.release();
+    EXPECT_EQ(resp.status, 0);
+    EXPECT_NE(error.find("GET " + server_->url() + "/slow: cancelled"), std::string::npos) << error;
+}
+
 TEST_F(CurlTransportTest, AnAnswerOverTheLimitIsRefusedWhetherItsLengthIsKnownOrNot) {
     constexpr size_t kLimit = 64 * 1024;
     auto t = transport_for(server_->url(), kLimit);

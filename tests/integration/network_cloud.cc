@@ -104,20 +104,39 @@ std::string SecureBroker::password(const std::string &login) const {
 
 Cloud::Cloud(const std::string &dir, const std::string &broker_url,
              const std::vector<std::string> &extra)
-    : data_(dir + "/cloud") {
-    std::vector<std::string> argv = {kCloudTool, "serve",    "--data",
-                                     data_,      "--listen", "127.0.0.1:0"};
+    : dir_(dir), data_(dir + "/cloud") {
+    args_ = {"--data", data_};
     if (!broker_url.empty()) {
-        argv.insert(argv.end(), {"--mqtt", broker_url});
+        args_.insert(args_.end(), {"--mqtt", broker_url});
     }
-    argv.insert(argv.end(), extra.begin(), extra.end());
-    process_ = std::make_unique<Process>(argv, dir + "/vexo-cloud.log");
+    args_.insert(args_.end(), extra.begin(), extra.end());
+    launch("127.0.0.1:0");
+}
+
+bool Cloud::launch(const std::string &listen) {
+    std::vector<std::string> argv = {kCloudTool, "serve", "--listen", listen};
+    argv.insert(argv.end(), args_.begin(), args_.end());
+    ++starts_;
+    process_ = std::make_unique<Process>(
+        argv, dir_ + "/vexo-cloud" + (starts_ > 1 ? "-" + std::to_string(starts_) : std::string()) +
+                  ".log");
     if (!process_->wait_for(kListening, kStartTimeoutS)) {
-        return;
+        return false;
     }
     const std::string text = process_->output();
     const size_t from = text.find(kListening) + sizeof kListening - 1;
     url_ = text.substr(from, text.find(' ', from) - from);
+    return true;
+}
+
+void Cloud::kill() {
+    process_->signal(SIGKILL);
+    process_->wait(kStartTimeoutS);
+}
+
+bool Cloud::restart() {
+    const std::string scheme_end = "://";
+    return launch(url_.substr(url_.find(scheme_end) + scheme_end.size()));
 }
 
 e2e::Result Cloud::admin(std::vector<std::string> args) const {

@@ -91,10 +91,20 @@ class Cloud {
     e2e::Result admin(std::vector<std::string> args) const;
     /// Stops it (SIGTERM); its exit status.
     int stop();
+    /// Ends it at once (SIGKILL), as a crash or a power cut would.
+    void kill();
+    /// Starts it again on the same port with the same data and options (after stop or kill);
+    /// false when it did not come up. log() is the new run's.
+    bool restart();
 
   private:
+    bool launch(const std::string &listen);
+
+    std::string dir_;
     std::string data_;
+    std::vector<std::string> args_; // after --listen
     std::string url_;
+    int starts_ = 0;
     std::unique_ptr<Process> process_;
 };
 

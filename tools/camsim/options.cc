@@ -60,6 +60,21 @@ const char kUsage[] =
     "These five need --cloud. An order refused by the cloud, or a cloud that cannot be\n"
     "reached at start, ends the run with status 2.\n"
     "\n"
+    "Store and forward (these need --cloud):\n"
+    "  --spool-bytes N       bound of the outage spool: bytes, or N with K, M or G (times\n"
+    "                        1024; default 256M)\n"
+    "  --spool-age SECS      the oldest item it keeps, kit seconds (default 86400)\n"
+    "  --no-spool            no spool: a call the cloud does not answer fails, as the module\n"
+    "                        expects without one\n"
+    "While the cloud cannot be reached (no answer, 5xx), uploads, notifications and alarms\n"
+    "wait in order in DIR/camera/spool and go out once it answers again, also after a\n"
+    "restart; over a bound the oldest recording is dropped and reported to the cloud as a\n"
+    "gap. At the end of a run the camera waits while the cloud takes the spooled items (it\n"
+    "stops waiting after 15 s without progress, or on Ctrl-C; what is left goes out at the\n"
+    "next start). The progress line and the summary show the spool: items, bytes, the\n"
+    "oldest item's age, items sent and dropped. The embedded cloud never fails: it runs\n"
+    "without a spool.\n"
+    "\n"
     "A locked-down broker (these need --mqtt):\n"
     "  --mqtt-ca FILE        PEM certificate authorities for an mqtts broker (default: the\n"
     "                        system's); the broker's certificate and name are always verified\n"
@@ -196,6 +211,33 @@ bool parse_order(const std::string &text, Action *a) {
 
 } // namespace
 
+std::optional<uint64_t> parse_size(const std::string &text) {
+    size_t digits = 0;
+    uint64_t n = 0;
+    while (digits < text.size() && text[digits] >= '0' && text[digits] <= '9') {
+        if (n > (uint64_t{1} << 62) / 10) {
+            return std::nullopt;
+        }
+        n = n * 10 + static_cast<uint64_t>(text[digits] - '0');
+        ++digits;
+    }
+    const std::string unit = text.substr(digits);
+    int shift = 0;
+    if (unit == "K" || unit == "k") {
+        shift = 10;
+    } else if (unit == "M" || unit == "m") {
+        shift = 20;
+    } else if (unit == "G" || unit == "g") {
+        shift = 30;
+    } else if (!unit.empty()) {
+        return std::nullopt;
+    }
+    if (digits == 0 || n == 0 || n > (uint64_t{1} << (63 - shift))) {
+        return std::nullopt;
+    }
+    return n << shift;
+}
+
 std::optional<uint32_t> parse_time(const std::string &text) {
     char *end = nullptr;
     const unsigned long long v = std::strtoull(text.c_str(), &end, 10);
@@ -221,6 +263,7 @@ std::optional<uint32_t> parse_time(const std::string &text) {
 std::optional<Options> parse_options(int argc, char **argv, bool *exit_now) {
     Options o;
     std::string mqtt_password_file;
+    const char *spool_option = nullptr; // the first spool option given
     *exit_now = false;
     auto fail = [](const std::string &why) -> std::optional<Options> {
         std::fprintf(stderr, "vexo-camsim: %s\n\n%s", why.c_str(), kUsage);
@@ -251,6 +294,9 @@ std::optional<Options> parse_options(int argc, char **argv, bool *exit_now) {
             o.verbosity = 2;
         } else if (arg == "--no-order") {
             o.send_order = false;
+        } else if (arg == "--no-spool") {
+            o.spool = false;
+            spool_option = spool_option != nullptr ? spool_option : "--no-spool";
         } else if (!value(&v)) {
             return fail(arg.rfind("--", 0) == 0 ? "missing value for " + arg
                                                 : "unknown argument " + arg);
@@ -349,6 +395,20 @@ std::optional<Options> parse_options(int argc, char **argv, bool *exit_now) {
                                  : arg == "--mqtt-user" ? o.mqtt_security.username
                                                         : mqtt_password_file;
             field = v;
+        } else if (arg == "--spool-bytes") {
+            const std::optional<uint64_t> bytes = parse_size(v);
+            if (!bytes) {
+                return fail("bad --spool-bytes " + std::string(v) + " (N, NK, NM or NG, above 0)");
+            }
+            o.spool_bytes = *bytes;
+            spool_option = spool_option != nullptr ? spool_option : "--spool-bytes";
+        } else if (arg == "--spool-age") {
+            int32_t secs = 0;
+            if (!parse_int(v, 1, INT32_MAX, &secs)) {
+                return fail("bad --spool-age " + std::string(v) + " (seconds, above 0)");
+            }
+            o.spool_age_s = static_cast<uint32_t>(secs);
+            spool_option = spool_option != nullptr ? spool_option : "--spool-age";
         } else if (arg == "--order") {
             a.kind = Action::Kind::kOrder;
             if (!parse_order(v, &a)) {
@@ -365,7 +425,7 @@ std::optional<Options> parse_options(int argc, char **argv, bool *exit_now) {
                                   : !o.device_token.empty() ? "--token"
                                   : !o.admin_token.empty()  ? "--admin-token"
                                   : !o.send_order           ? "--no-order"
-                                                            : nullptr;
+                                                            : spool_option;
         if (needs_cloud != nullptr) {
             return fail(std::string(needs_cloud) + " is only valid with --cloud");
         }

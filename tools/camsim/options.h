@@ -49,6 +49,11 @@ struct Options {
     std::string device_token; // sent by the kit with every cloud call
     std::string admin_token;  // sent with every admin call
     bool send_order = true;   // false (--no-order): the cloud's order is left as it is
+    // The outage spool of a network cloud (--no-spool, --spool-bytes, --spool-age); the
+    // embedded cloud never fails and runs without one.
+    bool spool = true;
+    uint64_t spool_bytes = uint64_t{256} << 20;
+    uint32_t spool_age_s = 24 * 3600;
     // The broker's TLS files and login (--mqtt-ca, --mqtt-cert, --mqtt-key, --mqtt-user,
     // the password from --mqtt-password-file or $VEXO_MQTT_PASSWORD).
     hostkit::MqttSecurity mqtt_security;
@@ -57,6 +62,10 @@ struct Options {
 /// Parses argv. On a bad argument returns nullopt after printing the reason and the usage.
 /// Sets *exit_now for --help (usage printed, exit 0).
 std::optional<Options> parse_options(int argc, char **argv, bool *exit_now);
+
+/// Bytes as "N", or "NK", "NM", "NG" (times 1024, 1024^2, 1024^3); nullopt for anything else,
+/// 0 and sizes beyond 2^63.
+std::optional<uint64_t> parse_size(const std::string &text);
 
 /// "2026-11-22 23:59:30" (local time) or seconds since the epoch; nullopt when neither.
 std::optional<uint32_t> parse_time(const std::string &text);

@@ -44,18 +44,33 @@ std::string local_time(uint32_t t) {
     return buf;
 }
 
+std::string spool_text(const hostkit::Counters &c) {
+    char buf[160];
+    const uint64_t now = hostkit::now_ms();
+    const double oldest_s = c.spool_items > 0 && now > c.spool_oldest_ms
+                                ? static_cast<double>(now - c.spool_oldest_ms) / 1000.0
+                                : 0.0;
+    std::snprintf(buf, sizeof buf, "spool %llu items, %s, oldest %.0f s; %llu sent, %llu dropped",
+                  static_cast<unsigned long long>(c.spool_items),
+                  human_bytes(c.spool_bytes).c_str(), oldest_s,
+                  static_cast<unsigned long long>(c.spool_sent),
+                  static_cast<unsigned long long>(c.spool_dropped));
+    return buf;
+}
+
 void show_progress(double elapsed_s, double total_s, const Feeder &feeder, const Tally &tally,
-                   bool tty) {
+                   bool tty, bool spool) {
     const hostkit::Counters c = hostkit::counters();
     const bool recording = vexo_ipc_cloud_storage_get_status() == 1;
-    std::fprintf(
-        stderr,
-        "%s[%6.1fs/%.0fs] %-9s %-8s | frames %llu | uploaded %llu files, %s | "
-        "events %d | mqtt %llu%s",
-        tty ? "\r" : "", elapsed_s, total_s, mode_name(vexo_ipc_cloud_storage_get_store_mode()),
-        recording ? "RECORD" : "idle", static_cast<unsigned long long>(feeder.video_frames()),
-        static_cast<unsigned long long>(c.uploads), human_bytes(c.bytes_uploaded).c_str(),
-        tally.motion_started, static_cast<unsigned long long>(c.mqtt_messages), tty ? "   " : "\n");
+    std::fprintf(stderr,
+                 "%s[%6.1fs/%.0fs] %-9s %-8s | frames %llu | uploaded %llu files, %s | "
+                 "events %d | mqtt %llu%s%s%s",
+                 tty ? "\r" : "", elapsed_s, total_s,
+                 mode_name(vexo_ipc_cloud_storage_get_store_mode()), recording ? "RECORD" : "idle",
+                 static_cast<unsigned long long>(feeder.video_frames()),
+                 static_cast<unsigned long long>(c.uploads), human_bytes(c.bytes_uploaded).c_str(),
+                 tally.motion_started, static_cast<unsigned long long>(c.mqtt_messages),
+                 spool ? " | " : "", spool ? spool_text(c).c_str() : "", tty ? "   " : "\n");
     std::fflush(stderr);
 }
 
@@ -110,6 +125,9 @@ void summarise(const Options &o, CloudControl &cloud, const Feeder &feeder, cons
     std::printf("uploads: %llu files, %s, %llu failed\n",
                 static_cast<unsigned long long>(c.uploads), human_bytes(c.bytes_uploaded).c_str(),
                 static_cast<unsigned long long>(c.upload_failures));
+    if (!o.cloud_url.empty()) {
+        std::printf("%s\n", o.spool ? spool_text(c).c_str() : "spool: off");
+    }
     if (listed) {
         std::printf("cloud %s, device %s: %zu recordings\n", cloud.name().c_str(),
                     o.device_id.c_str(), recordings.size());

@@ -8,6 +8,7 @@
 
 #include "cloud_control.h"
 #include "feeder.h"
+#include "host_kit.h"
 #include "options.h"
 
 namespace camsim {
@@ -25,8 +26,11 @@ std::string human_bytes(uint64_t n);
 /// "2026-11-22 23:59:30", local time.
 std::string local_time(uint32_t t);
 
+/// spool: the kit keeps an outage spool, whose state the line shows.
 void show_progress(double elapsed_s, double total_s, const Feeder &feeder, const Tally &tally,
-                   bool tty);
+                   bool tty, bool spool);
+/// "spool 3 items, 1.2 MB, oldest 12 s; 40 sent, 0 dropped" (ages in kit seconds).
+std::string spool_text(const hostkit::Counters &c);
 
 /// Prints a line to stderr when the module's store mode or the kit's MQTT connection changes:
 ///   "[camsim] %6.1fs store mode <old> -> <new>"

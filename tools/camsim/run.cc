@@ -30,6 +30,9 @@ namespace {
 constexpr uint32_t kMaxBitrateKbps = 2048;
 /// Real seconds to wait for the module's first configuration.
 constexpr int kConfigWaitRealS = 15;
+/// At the end of a run, real seconds without an item leaving the spool after which the camera
+/// stops waiting for it (more than a typical back-off step; the items stay for the next start).
+constexpr int kDrainIdleRealS = 15;
 
 /// Set by Ctrl-C or SIGTERM: the run ends early but still uninitialises and summarises.
 std::atomic<bool> g_interrupted{false};
@@ -115,6 +118,41 @@ void perform(const Step &step, CloudControl &cloud, Tally *tally) {
     }
 }
 
+bool spool_on(const Options &o) {
+    return !o.cloud_url.empty() && o.spool;
+}
+
+/// Waits while the cloud takes what the spool holds: until it is empty, no item left it for
+/// kDrainIdleRealS, or Ctrl-C.
+void drain_spool() {
+    using Clock = std::chrono::steady_clock;
+    hostkit::Counters c = hostkit::counters();
+    if (c.spool_items == 0) {
+        return;
+    }
+    std::fprintf(stderr, "[camsim] sending %llu spooled items (%s) before stopping\n",
+                 static_cast<unsigned long long>(c.spool_items),
+                 human_bytes(c.spool_bytes).c_str());
+    uint64_t gone = c.spool_sent + c.spool_dropped;
+    Clock::time_point progress = Clock::now();
+    while (!g_interrupted && c.spool_items > 0 &&
+           Clock::now() - progress < std::chrono::seconds(kDrainIdleRealS)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        c = hostkit::counters();
+        if (c.spool_sent + c.spool_dropped != gone) {
+            gone = c.spool_sent + c.spool_dropped;
+            progress = Clock::now();
+        }
+    }
+    if (c.spool_items == 0) {
+        std::fprintf(stderr, "[camsim] spool empty\n");
+    } else {
+        std::fprintf(stderr, "[camsim] spool: %llu items (%s) kept for the next start\n",
+                     static_cast<unsigned long long>(c.spool_items),
+                     human_bytes(c.spool_bytes).c_str());
+    }
+}
+
 } // namespace
 
 int run(const Options &o) {
@@ -170,6 +208,9 @@ int run(const Options &o) {
     kit.mqtt_url = o.mqtt_url;
     kit.mqtt_security = o.mqtt_security;
     kit.ring_seconds = o.ring_seconds;
+    kit.spool.enabled = spool_on(o);
+    kit.spool.max_bytes = o.spool_bytes;
+    kit.spool.max_age_s = o.spool_age_s;
     if (hostkit::start(kit) != 0) {
         return 2;
     }
@@ -253,7 +294,7 @@ int run(const Options &o) {
         // Every real half second on a terminal; every 10 kit seconds otherwise.
         const double gap = tty ? 0.5 * o.speed : 10.0;
         if (!o.quiet && elapsed - last_shown >= gap) {
-            show_progress(elapsed, o.duration_s, feeder, tally, tty);
+            show_progress(elapsed, o.duration_s, feeder, tally, tty, spool_on(o));
             last_shown = elapsed;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -261,7 +302,7 @@ int run(const Options &o) {
     const double ran_s =
         std::min(o.duration_s, static_cast<double>(hostkit::now_ms() - t0) / 1000.0);
     if (!o.quiet) {
-        show_progress(ran_s, o.duration_s, feeder, tally, tty);
+        show_progress(ran_s, o.duration_s, feeder, tally, tty, spool_on(o));
         std::fputc('\n', stderr);
     }
     if (g_interrupted) {
@@ -273,6 +314,9 @@ int run(const Options &o) {
     std::fprintf(stderr, "[camsim] stopping: uninit the module\n");
     vexo_ipc_cloud_storage_uninit();
     feeder.stop();
+    if (spool_on(o)) {
+        drain_spool();
+    }
     const std::string feed_error = feeder.error();
     if (!feed_error.empty()) {
         std::fprintf(stderr, "vexo-camsim: the camera stopped: %s\n", feed_error.c_str());

@@ -1,0 +1,408 @@
+// The outage spool's directory: durable appends, recovery at open, the oldest item for the
+// sender, and the bounds.
+#include "spool.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "host_internal.h"
+#include "unique_fd.h"
+
+namespace hostkit::spool {
+namespace {
+
+constexpr char kTempInfix[] = ".tmp.";
+constexpr char kTooOld[] = "too old";
+constexpr char kFull[] = "spool full";
+
+std::atomic<uint64_t> g_temp_serial{0};
+
+bool is_recording_kind(Kind kind) {
+    return kind == Kind::kStart || kind == Kind::kMedia || kind == Kind::kStop;
+}
+
+/// Items of one recording go together; every other item is alone.
+bool in_recording(const ItemInfo &info) {
+    return info.recording != 0 && is_recording_kind(info.kind);
+}
+
+bool write_all(int fd, const char *data, size_t len) {
+    while (len > 0) {
+        const ssize_t n = write(fd, data, len);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            if (n == 0) {
+                errno = ENOSPC;
+            }
+            return false;
+        }
+        data += n;
+        len -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+bool sync_dir(const std::string &dir) {
+    UniqueFd fd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (fd.get() < 0) {
+        return false;
+    }
+    // Some file systems cannot flush a directory; the rename is as durable as they allow.
+    return fsync(fd.get()) == 0 || errno == EINVAL || errno == EROFS;
+}
+
+bool make_dir(const std::string &path, std::string *error) {
+    if (mkdir(path.c_str(), 0700) == 0 || errno == EEXIST) {
+        struct stat st {};
+        if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+            return true;
+        }
+        *error = path + " is not a directory";
+        return false;
+    }
+    *error = "cannot make " + path + ": " + std::strerror(errno);
+    return false;
+}
+
+std::string describe(const ItemInfo &info) {
+    return std::string(kind_name(info.kind)) + " " + info.what;
+}
+
+} // namespace
+
+std::unique_ptr<Spool> Spool::open(Config config, std::string *error) {
+    if (!make_dir(config.dir, error)) {
+        return nullptr;
+    }
+    DIR *probe = opendir(config.dir.c_str());
+    if (probe == nullptr) {
+        *error = "cannot list " + config.dir + ": " + std::strerror(errno);
+        return nullptr;
+    }
+    closedir(probe);
+    std::unique_ptr<Spool> spool(new Spool(std::move(config)));
+    spool->load();
+    return spool;
+}
+
+Spool::Spool(Config config) : config_(std::move(config)) {}
+
+void Spool::load() {
+    std::vector<std::string> names;
+    if (DIR *d = opendir(config_.dir.c_str())) {
+        while (const struct dirent *entry = readdir(d)) {
+            names.emplace_back(entry->d_name);
+        }
+        closedir(d);
+    }
+    std::sort(names.begin(), names.end());
+    std::lock_guard<std::mutex> lock(mu_);
+    for (const std::string &name : names) {
+        const std::string path = config_.dir + "/" + name;
+        if (name.find(kTempInfix) != std::string::npos) {
+            if (unlink(path.c_str()) == 0) {
+                internal::log_debug("spool: removed unfinished write %s", path.c_str());
+            }
+            continue;
+        }
+        const std::optional<uint64_t> seq = seq_of(name);
+        if (!seq) {
+            continue; // not ours
+        }
+        next_seq_ = std::max(next_seq_, *seq + 1);
+        std::string why;
+        UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        struct stat st {};
+        std::optional<Item> item;
+        if (fd.get() < 0 || fstat(fd.get(), &st) != 0) {
+            why = std::strerror(errno);
+        } else {
+            item = spool::load(fd.get(), static_cast<uint64_t>(st.st_size), *seq, false, &why);
+        }
+        if (!item) {
+            internal::log_error("spool: discarded damaged item %s: %s", path.c_str(), why.c_str());
+            unlink(path.c_str());
+            ++dropped_;
+            continue;
+        }
+        bytes_ += item->info.file_bytes;
+        index_.emplace(*seq, std::move(item->info));
+    }
+    if (!index_.empty()) {
+        internal::log_debug("spool: %zu items (%llu bytes) waiting in %s", index_.size(),
+                            static_cast<unsigned long long>(bytes_), config_.dir.c_str());
+    }
+}
+
+bool Spool::write_item(const ItemInfo &info, const CloudRequest &request) {
+    const std::string path = config_.dir + "/" + file_name(info.seq);
+    const std::string temp = path + kTempInfix + std::to_string(getpid()) + "." +
+                             std::to_string(g_temp_serial.fetch_add(1));
+    const std::string bytes = encode(info, request);
+    UniqueFd fd(::open(temp.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0600));
+    if (fd.get() < 0) {
+        internal::log_error("spool: cannot create %s: %s", temp.c_str(), std::strerror(errno));
+        return false;
+    }
+    const char *step = nullptr;
+    if (!write_all(fd.get(), bytes.data(), bytes.size())) {
+        step = "write";
+    } else if (fsync(fd.get()) != 0) {
+        step = "fsync";
+    } else if (fd.close_now() != 0) {
+        step = "close";
+    } else if (rename(temp.c_str(), path.c_str()) != 0) {
+        step = "rename";
+    }
+    if (step != nullptr) {
+        const int err = errno;
+        unlink(temp.c_str());
+        internal::log_error("spool: %s of %s failed: %s", step, temp.c_str(), std::strerror(err));
+        return false;
+    }
+    if (!sync_dir(config_.dir)) {
+        // The item is in place; only its survival of a power cut is in doubt.
+        internal::log_error("spool: cannot flush directory %s: %s", config_.dir.c_str(),
+                            std::strerror(errno));
+    }
+    return true;
+}
+
+bool Spool::append(ItemInfo info, const CloudRequest &request, uint64_t now_ms) {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (!append_locked(std::move(info), request, now_ms)) {
+        return false;
+    }
+    enforce_locked(now_ms); // with the new item counted
+    return true;
+}
+
+bool Spool::append_locked(ItemInfo info, const CloudRequest &request, uint64_t now_ms) {
+    info.seq = next_seq_++;
+    info.queued_ms = now_ms;
+    info.body_bytes = request.body.size();
+    info.what = request.method + " " + request.path;
+    if (!write_item(info, request)) {
+        return false;
+    }
+    struct stat st {};
+    const std::string path = config_.dir + "/" + file_name(info.seq);
+    info.file_bytes = stat(path.c_str(), &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0;
+    bytes_ += info.file_bytes;
+    index_.emplace(info.seq, std::move(info));
+    return true;
+}
+
+std::optional<Item> Spool::take_oldest() {
+    for (;;) {
+        uint64_t seq = 0;
+        {
+            std::lock_guard<std::mutex> lock(mu_);
+            if (index_.empty()) {
+                return std::nullopt;
+            }
+            seq = index_.begin()->first;
+            held_ = seq;
+        }
+        // Read outside the lock: a media file can be megabytes.
+        const std::string path = config_.dir + "/" + file_name(seq);
+        std::string why;
+        std::optional<Item> item;
+        UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        struct stat st {};
+        if (fd.get() < 0 || fstat(fd.get(), &st) != 0) {
+            why = std::strerror(errno);
+        } else {
+            item = spool::load(fd.get(), static_cast<uint64_t>(st.st_size), seq, true, &why);
+        }
+        if (item) {
+            return item;
+        }
+        internal::log_error("spool: discarded damaged item %s: %s", path.c_str(), why.c_str());
+        std::lock_guard<std::mutex> lock(mu_);
+        held_ = 0;
+        erase_locked(seq);
+        ++dropped_;
+    }
+}
+
+void Spool::remove(uint64_t seq, bool delivered) {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (held_ == seq) {
+        held_ = 0;
+    }
+    if (index_.count(seq) == 0) {
+        return;
+    }
+    erase_locked(seq);
+    ++(delivered ? sent_ : dropped_);
+}
+
+void Spool::release(uint64_t seq) {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (held_ == seq) {
+        held_ = 0;
+    }
+}
+
+void Spool::erase_locked(uint64_t seq) {
+    const auto it = index_.find(seq);
+    if (it == index_.end()) {
+        return;
+    }
+    const std::string path = config_.dir + "/" + file_name(seq);
+    if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+        internal::log_error("spool: cannot remove %s: %s", path.c_str(), std::strerror(errno));
+    }
+    bytes_ -= std::min(bytes_, it->second.file_bytes);
+    index_.erase(it);
+    // A removal lost in a power cut would only send the item again.
+    sync_dir(config_.dir);
+}
+
+std::map<uint64_t, ItemInfo>::iterator Spool::oldest_free() {
+    auto it = index_.begin();
+    if (it != index_.end() && it->first == held_) {
+        ++it;
+    }
+    return it;
+}
+
+uint32_t Spool::open_recording() const {
+    uint32_t newest = 0;
+    for (auto it = index_.rbegin(); it != index_.rend(); ++it) {
+        if (in_recording(it->second)) {
+            newest = it->second.recording;
+            break;
+        }
+    }
+    for (const auto &[seq, info] : index_) {
+        if (newest != 0 && info.recording == newest && info.kind == Kind::kStop) {
+            return 0;
+        }
+    }
+    return newest;
+}
+
+void Spool::drop(std::map<uint64_t, ItemInfo>::iterator it, bool only_item, const char *reason,
+                 PendingGaps *gaps) {
+    const ItemInfo victim = it->second;
+    std::vector<uint64_t> seqs;
+    if (only_item || !in_recording(victim)) {
+        seqs.push_back(victim.seq);
+    } else {
+        for (const auto &[seq, info] : index_) {
+            if (seq != held_ && in_recording(info) && info.recording == victim.recording) {
+                seqs.push_back(seq);
+            }
+        }
+    }
+    uint64_t media_bytes = 0;
+    for (const uint64_t seq : seqs) {
+        const ItemInfo &info = index_.at(seq);
+        if (in_recording(info)) {
+            PendingGap &pending = (*gaps)[{info.recording, reason}];
+            Gap &gap = pending.gap;
+            const uint32_t queued_s = static_cast<uint32_t>(info.queued_ms / 1000);
+            const uint32_t begin = info.span_begin != 0 ? info.span_begin : queued_s;
+            const uint32_t end = info.span_end != 0 ? info.span_end : queued_s;
+            gap.recording = info.recording;
+            gap.reason = reason;
+            gap.from = gap.from == 0 ? begin : std::min(gap.from, begin);
+            // The stop's end time is the recording's end; without it, the last file's end.
+            if (info.kind == Kind::kStop) {
+                gap.to = end;
+                pending.stopped = true;
+            } else if (!pending.stopped) {
+                gap.to = std::max(gap.to, end);
+            }
+            if (info.kind == Kind::kMedia) {
+                gap.bytes += info.body_bytes;
+                media_bytes += info.body_bytes;
+            }
+        }
+        erase_locked(seq);
+        ++dropped_;
+    }
+    if (in_recording(victim) && !only_item) {
+        internal::log_error("spool: %s: dropped recording %u (%zu items, %llu media bytes)", reason,
+                            victim.recording, seqs.size(),
+                            static_cast<unsigned long long>(media_bytes));
+    } else {
+        internal::log_error("spool: %s: dropped %s (%llu bytes)", reason, describe(victim).c_str(),
+                            static_cast<unsigned long long>(victim.body_bytes));
+    }
+}
+
+void Spool::enforce_bounds(uint64_t now_ms) {
+    std::lock_guard<std::mutex> lock(mu_);
+    enforce_locked(now_ms);
+}
+
+void Spool::enforce_locked(uint64_t now_ms) {
+    PendingGaps gaps;
+    for (auto it = oldest_free(); it != index_.end() && it->second.queued_ms <= now_ms &&
+                                  now_ms - it->second.queued_ms >= config_.max_age_ms;
+         it = oldest_free()) {
+        drop(it, false, kTooOld, &gaps);
+    }
+    while (bytes_ > config_.max_bytes) {
+        auto it = oldest_free();
+        if (it == index_.end()) {
+            break;
+        }
+        bool only_item = false;
+        const uint32_t open = open_recording();
+        if (open != 0 && in_recording(it->second) && it->second.recording == open) {
+            // The recording still being written keeps its start: its oldest file goes.
+            for (auto m = index_.begin(); m != index_.end(); ++m) {
+                if (m->first != held_ && m->second.recording == open &&
+                    m->second.kind == Kind::kMedia) {
+                    it = m;
+                    only_item = true;
+                    break;
+                }
+            }
+        }
+        drop(it, only_item, kFull, &gaps);
+    }
+    for (const auto &entry : gaps) {
+        const Gap &gap = entry.second.gap;
+        internal::log_error("spool: gap in recording %u from %u to %u (%s, %llu bytes)",
+                            gap.recording, gap.from, gap.to, gap.reason,
+                            static_cast<unsigned long long>(gap.bytes));
+        if (config_.gap_request) {
+            ItemInfo info;
+            info.kind = Kind::kGap;
+            append_locked(info, config_.gap_request(gap), now_ms);
+        }
+    }
+}
+
+bool Spool::empty() const {
+    std::lock_guard<std::mutex> lock(mu_);
+    return index_.empty();
+}
+
+Stats Spool::stats() const {
+    std::lock_guard<std::mutex> lock(mu_);
+    Stats s;
+    s.items = index_.size();
+    s.bytes = bytes_;
+    s.oldest_ms = index_.empty() ? 0 : index_.begin()->second.queued_ms;
+    s.sent = sent_;
+    s.dropped = dropped_;
+    return s;
+}
+
+} // namespace hostkit::spool

@@ -1,0 +1,115 @@
+/// The outage spool: a directory of requests the cloud could not take yet, oldest first.
+///
+/// Each item is its own file, written as the key-value store writes a record (a private
+/// temporary file, fsync, rename, fsync of the directory), so a crash leaves an item whole or
+/// absent; temporary files of an interrupted write are removed when the spool opens. Items are
+/// named by a sequence number that only grows, so the order survives a restart. An item that
+/// is damaged (short, bad header, bad checksum) is discarded with a log line, never handed out.
+///
+/// Bounds: bytes on disk and the age of the oldest item (kit clock). Over a bound the oldest
+/// whole recording goes first: its start, its media files and its stop, grouped by the
+/// recording's start time; every other item is a group of its own. The recording still being
+/// appended to (the newest, without a stop) loses its oldest media files instead, so what
+/// follows still has its start. A dropped recording is reported by a gap item queued behind
+/// the rest. Thread-safe.
+#ifndef VEXO_HOST_SPOOL_H
+#define VEXO_HOST_SPOOL_H
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "spool_item.h"
+
+namespace hostkit::spool {
+
+/// Footage the spool dropped: one recording's items, or its oldest media files.
+struct Gap {
+    uint32_t recording = 0;  ///< the recording's start time
+    uint32_t from = 0;       ///< seconds: the first dropped item's begin
+    uint32_t to = 0;         ///< the last dropped item's end
+    const char *reason = ""; ///< "spool full" or "too old"
+    uint64_t bytes = 0;      ///< media bytes dropped
+};
+
+struct Config {
+    std::string dir;
+    uint64_t max_bytes = uint64_t{256} << 20;
+    uint64_t max_age_ms = uint64_t{24} * 3600 * 1000;
+    /// The request that reports a gap to the cloud; null: gaps are only logged.
+    std::function<CloudRequest(const Gap &)> gap_request;
+};
+
+struct Stats {
+    uint64_t items = 0;
+    uint64_t bytes = 0;     ///< on disk
+    uint64_t oldest_ms = 0; ///< kit time the oldest item was queued; 0 when empty
+    uint64_t sent = 0;      ///< items removed as delivered since the spool opened
+    uint64_t dropped = 0;   ///< items dropped: bounds, refusals, damage
+};
+
+class Spool {
+  public:
+    /// Makes the directory if needed, removes temporary files and damaged items, and loads the
+    /// rest in order. Null with *error when the directory cannot be made or listed.
+    static std::unique_ptr<Spool> open(Config config, std::string *error);
+
+    /// Queues a request durably at the tail; info gives kind, recording and span (the rest is
+    /// set here). Applies the bounds afterwards. False (logged) when the item could not be
+    /// written: then nothing was queued.
+    bool append(ItemInfo info, const CloudRequest &request, uint64_t now_ms);
+
+    /// Reads the oldest item whole and holds it (the bounds leave it alone) until remove() or
+    /// release(). nullopt when the spool is empty. A damaged item is discarded on the way.
+    std::optional<Item> take_oldest();
+    /// The held item is gone for good: delivered (counted as sent) or refused (dropped).
+    void remove(uint64_t seq, bool delivered);
+    /// The held item stays queued, first in line.
+    void release(uint64_t seq);
+
+    /// Drops what is over the bounds (age first, then bytes) and queues the gap reports.
+    void enforce_bounds(uint64_t now_ms);
+
+    bool empty() const;
+    Stats stats() const;
+    const std::string &dir() const { return config_.dir; }
+
+  private:
+    explicit Spool(Config config);
+    void load();
+    bool write_item(const ItemInfo &info, const CloudRequest &request);
+    bool append_locked(ItemInfo info, const CloudRequest &request, uint64_t now_ms);
+    void enforce_locked(uint64_t now_ms);
+    void erase_locked(uint64_t seq);
+    /// The oldest item not held, or index_.end().
+    std::map<uint64_t, ItemInfo>::iterator oldest_free();
+    /// The newest recording's start time when it has no stop queued; 0 otherwise.
+    uint32_t open_recording() const;
+    /// A gap being summed up while the bounds drop items, per recording and reason.
+    struct PendingGap {
+        Gap gap;
+        bool stopped = false; ///< its stop was dropped: the end is the stop's
+    };
+    using PendingGaps = std::map<std::pair<uint32_t, std::string>, PendingGap>;
+    /// Drops the group of the item at it (or only that media item when `only_item`), adding
+    /// to the gaps of this pass.
+    void drop(std::map<uint64_t, ItemInfo>::iterator it, bool only_item, const char *reason,
+              PendingGaps *gaps);
+
+    Config config_;
+    mutable std::mutex mu_;
+    std::map<uint64_t, ItemInfo> index_;
+    uint64_t bytes_ = 0;
+    uint64_t next_seq_ = 1;
+    uint64_t held_ = 0; ///< seq of the item handed out; 0 for none
+    uint64_t sent_ = 0;
+    uint64_t dropped_ = 0;
+};
+
+} // namespace hostkit::spool
+
+#endif

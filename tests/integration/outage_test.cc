@@ -1,0 +1,148 @@
+// The camera through a cloud outage: vexo-cloud is killed in the middle of a recording and
+// started again on the same port and data; the camera keeps what it could not deliver in its
+// spool and sends it once the service is back, also after being killed itself. Camera time is
+// read from the simulator's progress lines (one every 10 kit seconds).
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <sstream>
+
+#include "e2e_support.h"
+#include "network_cloud.h"
+
+namespace integration {
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string kDevice = "out-cam";
+/// 2026-01-01 10:05:00 UTC: far from the half hours at which all-time recordings split.
+const std::string kMorning = "1767261900";
+const std::string kLater = "1767265500";
+constexpr double kWaitS = 120;
+
+class OutageTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        broker_ = std::make_unique<Broker>(tmp_.path());
+        ASSERT_TRUE(broker_->start()) << broker_->output();
+        cloud_ = std::make_unique<Cloud>(tmp_.path(), broker_->url());
+        ASSERT_TRUE(cloud_->up()) << cloud_->log();
+        clip_ = e2e::make_clip(tmp_.path(), "clip.mkv", 320, 240, 20, 40, 6, "pcm_mulaw", 300);
+        for (const e2e::NalList &key : e2e::source_key_frames(tmp_.path(), clip_)) {
+            keys_.insert(key);
+        }
+    }
+    /// vexo-camsim with its progress lines and the kit's debug lines, in the background.
+    std::unique_ptr<Process> camera(const std::vector<std::string> &extra, const std::string &log) {
+        std::vector<std::string> argv =
+            camsim_args(*cloud_, broker_->url(), camera_dir(), clip_, kDevice, extra);
+        argv.erase(std::find(argv.begin(), argv.end(), "--quiet"));
+        argv.push_back("-v");
+        return std::make_unique<Process>(argv, tmp_.path() + "/" + log);
+    }
+    std::string camera_dir() const { return tmp_.path() + "/camera"; }
+    /// Kills the service once the camera's clock passed `down_s`, starts it again once it
+    /// passed `up_s` (multiples of 10), and waits for the camera to end.
+    void outage(Process &camsim, const std::string &duration, int down_s, int up_s) {
+        const std::string progress = "s/" + duration + "s] ";
+        ASSERT_TRUE(camsim.wait_for(progress, kWaitS, down_s / 10 + 1)) << camsim.output();
+        cloud_->kill();
+        ASSERT_TRUE(camsim.wait_for("spool: cloud unreachable", kWaitS)) << camsim.output();
+        ASSERT_TRUE(camsim.wait_for(progress, kWaitS, up_s / 10 + 1)) << camsim.output();
+        ASSERT_TRUE(cloud_->restart()) << cloud_->log();
+        ASSERT_EQ(camsim.wait(kWaitS * 2), 0) << camsim.output();
+        // The summary: nothing left in the spool, nothing dropped.
+        EXPECT_NE(camsim.output().find("\nspool 0 items, 0 B"), std::string::npos)
+            << camsim.output();
+        EXPECT_NE(camsim.output().find(" sent, 0 dropped\ncloud "), std::string::npos)
+            << camsim.output();
+    }
+
+    e2e::TempDir tmp_;
+    std::unique_ptr<Broker> broker_;
+    std::unique_ptr<Cloud> cloud_;
+    std::string clip_;
+    std::set<e2e::NalList> keys_;
+};
+
+TEST_F(OutageTest, ARemoteRecordingIsWholeAfterThirtySecondsWithoutTheService) {
+    auto camsim =
+        camera({"--speed", "4", "--duration", "90", "--slice", "4", "--trigger", "4:record:60"},
+               "camsim.log");
+    outage(*camsim, "90", 20, 50);
+    const auto recordings = e2e::read_cloud(cloud_->data(), kDevice);
+    ASSERT_EQ(recordings.size(), 1u) << camsim->output();
+    // Start and stop reached the service; every frame from the pre-record on is there.
+    EXPECT_GE(recordings[0].info.end_time, recordings[0].info.start_time + 60);
+    e2e::check_recording(kMediaTool, kDevice, recordings[0], cloud_->data(), keys_, 20,
+                         tmp_.path());
+}
+
+TEST_F(OutageTest, AllTimeRecordingLosesNoFrameAcrossTheOutage) {
+    auto camsim = camera({"--mode", "alltime", "--start", kMorning, "--speed", "4", "--duration",
+                          "70", "--slice", "4"},
+                         "camsim.log");
+    outage(*camsim, "70", 20, 50);
+    const auto recordings = e2e::read_cloud(cloud_->data(), kDevice);
+    ASSERT_EQ(recordings.size(), 1u) << camsim->output();
+    EXPECT_GE(e2e::count(recordings[0]).video, 60u * 20) << "a minute of video";
+    e2e::check_recording(kMediaTool, kDevice, recordings[0], cloud_->data(), keys_, 20, tmp_.path(),
+                         false);
+}
+
+/// The media files the camera's log says it kept in its spool.
+std::vector<std::string> kept_files(const std::string &log) {
+    std::vector<std::string> names;
+    const std::string marker = "keeping PUT /v1/devices/" + kDevice + "/media/";
+    std::istringstream in(log);
+    for (std::string line; std::getline(in, line);) {
+        const size_t at = line.find(marker);
+        if (at != std::string::npos) {
+            const size_t from = at + marker.size();
+            names.push_back(line.substr(from, line.find(' ', from) - from));
+        }
+    }
+    return names;
+}
+
+TEST_F(OutageTest, ACameraKilledWithAFullSpoolSendsItAfterItsRestart) {
+    auto first = camera({"--mode", "alltime", "--start", kMorning, "--speed", "4", "--duration",
+                         "600", "--slice", "4"},
+                        "camsim-1.log");
+    ASSERT_TRUE(first->wait_for("s/600s] ", kWaitS, 2)) << first->output();
+    cloud_->kill();
+    ASSERT_TRUE(first->wait_for("spool: keeping PUT", kWaitS, 3)) << first->output();
+    first->signal(SIGKILL);
+    first->wait(kWaitS);
+    const std::vector<std::string> kept = kept_files(first->output());
+    ASSERT_GE(kept.size(), 3u);
+    const std::string spool_dir = camera_dir() + "/camera/spool";
+    EXPECT_GE(std::distance(fs::directory_iterator(spool_dir), fs::directory_iterator()), 3);
+
+    ASSERT_TRUE(cloud_->restart()) << cloud_->log();
+    // An hour later, so that its own recording sorts after the killed run's.
+    auto second = camera({"--mode", "alltime", "--start", kLater, "--speed", "4", "--duration",
+                          "12", "--slice", "4"},
+                         "camsim-2.log");
+    ASSERT_EQ(second->wait(kWaitS * 2), 0) << second->output();
+    EXPECT_TRUE(fs::is_empty(spool_dir));
+
+    const auto recordings = e2e::read_cloud(cloud_->data(), kDevice);
+    ASSERT_EQ(recordings.size(), 2u) << second->output();
+    std::set<std::string> stored;
+    for (const vexo_cloud::MediaFileInfo &f : recordings[0].info.files) {
+        stored.insert(f.name);
+    }
+    for (const std::string &name : kept) {
+        EXPECT_EQ(stored.count(name), 1u) << name << " was kept but never delivered";
+    }
+    // The killed run's recording stays open, and no frame is missing up to its last file.
+    e2e::check_recording(kMediaTool, kDevice, recordings[0], cloud_->data(), keys_, 20, tmp_.path(),
+                         false);
+}
+
+} // namespace
+} // namespace integration
