@@ -291,6 +291,13 @@ void spool_run() {
     }
 }
 
+void spool_retry_now() {
+    std::lock_guard<std::mutex> lock(g_mu);
+    if (g_sender) {
+        g_sender->retry_now();
+    }
+}
+
 void spool_stop() {
     std::unique_ptr<spool::Sender> sender;
     std::shared_ptr<spool::Spool> spool;

@@ -43,6 +43,8 @@ spool::ItemInfo api_item(const std::string &api_name, const std::string &body, b
 bool spool_open(const Options &options, std::string *error);
 void spool_run();
 void spool_stop();
+/// Has the sender try the cloud at once (see hostkit::spool_retry_now).
+void spool_retry_now();
 /// Fills the spool's counters (the last ones seen after stop).
 void spool_counters(Counters *counters);
 

@@ -100,6 +100,11 @@ int32_t start(const Options &options);
 /// runs once it returns. Call after the module is uninitialised.
 void stop();
 
+/// Has the outage spool's sender try the cloud at once instead of waiting out its back-off
+/// (up to a minute after a long outage): for a host that is about to stop and wants the queue
+/// out first, or that has learnt that the cloud is back. Nothing happens without a spool.
+void spool_retry_now();
+
 // ---- clock ----
 /// Kit time in milliseconds since the epoch (runs at Options::speed).
 uint64_t now_ms();

@@ -206,6 +206,10 @@ void stop() {
     g_options.cloud.reset();
 }
 
+void spool_retry_now() {
+    internal::spool_retry_now();
+}
+
 Counters counters() {
     Counters c;
     {

@@ -49,6 +49,14 @@ void Sender::wake() {
     cv_.notify_all();
 }
 
+void Sender::retry_now() {
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        retry_now_ = true;
+    }
+    cv_.notify_all();
+}
+
 std::chrono::milliseconds Sender::backoff(uint32_t failures) {
     uint64_t delay = std::max<uint32_t>(settings_.retry_min_ms, 1);
     for (uint32_t i = 0; i < failures && delay < settings_.retry_max_ms; ++i) {
@@ -124,13 +132,18 @@ void Sender::run() {
         if (result == Pass::kEmpty) {
             cv_.wait(lock, [this] { return stopping_ || woken_; });
             woken_ = false;
+            retry_now_ = false; // nothing was queued to retry
             // What woke it was queued because the cloud just failed a live call.
             failures_ = 0;
         } else {
             ++failures_;
         }
         cv_.wait_for(lock, backoff(failures_ == 0 ? 0 : failures_ - 1),
-                     [this] { return stopping_.load(); });
+                     [this] { return stopping_.load() || retry_now_; });
+        if (retry_now_) {
+            retry_now_ = false;
+            failures_ = 0;
+        }
     }
 }
 

@@ -59,6 +59,10 @@ class Sender {
     /// Something was queued: an idle sender starts trying (after the first back-off step, as
     /// the cloud just failed the live call).
     void wake();
+    /// Tries the cloud at once instead of waiting out the back-off, which starts again from
+    /// its first step: for a caller that has reason to think the cloud is back, or that is
+    /// about to stop and wants the queue out first.
+    void retry_now();
 
     /// One attempt: applies the bounds, then sends the oldest item. The thread's loop body.
     Pass pass();
@@ -75,6 +79,7 @@ class Sender {
     std::mutex mu_;
     std::condition_variable cv_;
     bool woken_ = false;
+    bool retry_now_ = false;
     uint32_t failures_ = 0; ///< failed attempts in a row (sender thread only)
     std::mt19937 rng_;
     std::thread thread_;

@@ -93,6 +93,41 @@ TEST_F(OutageTest, AllTimeRecordingLosesNoFrameAcrossTheOutage) {
                          false);
 }
 
+TEST_F(OutageTest, ASpoolTooSmallForTwoMinutesDropsTheOldestRecordingAndReportsTheGap) {
+    // Three motion events: one before the outage, two during two minutes without the
+    // service. An 800 KiB spool holds one of those recordings (about 0.5 MB each), not both.
+    auto camsim = camera({"--speed", "4", "--duration", "170", "--slice", "4", "--event-duration",
+                          "10", "--silence", "2", "--motion", "3", "--motion", "40", "--motion",
+                          "90", "--spool-bytes", "800K"},
+                         "camsim.log");
+    const std::string progress = "s/170s] ";
+    ASSERT_TRUE(camsim->wait_for(progress, kWaitS, 3)) << camsim->output();
+    cloud_->kill();
+    ASSERT_TRUE(camsim->wait_for("spool: cloud unreachable", kWaitS)) << camsim->output();
+    ASSERT_TRUE(camsim->wait_for(progress, kWaitS, 15)) << camsim->output();
+    ASSERT_TRUE(cloud_->restart()) << cloud_->log();
+    ASSERT_EQ(camsim->wait(kWaitS * 2), 0) << camsim->output();
+    EXPECT_NE(camsim->output().find("\nspool 0 items, 0 B"), std::string::npos) << camsim->output();
+
+    // The recordings before and after the dropped one arrived whole.
+    const auto recordings = e2e::read_cloud(cloud_->data(), kDevice);
+    ASSERT_EQ(recordings.size(), 2u) << camsim->output();
+    for (const e2e::RecordingContent &rec : recordings) {
+        EXPECT_NE(rec.info.end_time, 0u) << rec.info.start_time;
+        e2e::check_recording(kMediaTool, kDevice, rec, cloud_->data(), keys_, 20, tmp_.path());
+    }
+    // The one in between is a gap with its times and the bytes it lost.
+    const std::vector<vexo_cloud::Gap> gaps = vexo_cloud::read_gaps(cloud_->data(), kDevice);
+    ASSERT_EQ(gaps.size(), 1u) << camsim->output();
+    const vexo_cloud::Gap &gap = gaps[0];
+    EXPECT_EQ(gap.reason, "spool full");
+    EXPECT_GT(gap.from, recordings[0].info.end_time);
+    EXPECT_LT(gap.to, recordings[1].info.start_time);
+    EXPECT_GE(gap.to - gap.from, 10u) << "the event lasted 10 s";
+    EXPECT_GT(gap.bytes, 100u * 1000) << "a 10 s event at about 36 kB/s";
+    EXPECT_LT(gap.bytes, 1u << 20);
+}
+
 /// The media files the camera's log says it kept in its spool.
 std::vector<std::string> kept_files(const std::string &log) {
     std::vector<std::string> names;

@@ -133,6 +133,8 @@ void drain_spool() {
     std::fprintf(stderr, "[camsim] sending %llu spooled items (%s) before stopping\n",
                  static_cast<unsigned long long>(c.spool_items),
                  human_bytes(c.spool_bytes).c_str());
+    // After a long outage the sender may be a minute into its back-off: try now.
+    hostkit::spool_retry_now();
     uint64_t gone = c.spool_sent + c.spool_dropped;
     Clock::time_point progress = Clock::now();
     while (!g_interrupted && c.spool_items > 0 &&
