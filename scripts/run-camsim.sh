@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Builds the camera simulator and the media tool, runs the simulator on the bundled sample
+# Builds the camera simulator, the media tool and the cloud service (vexo-cloud, for the
+# README's "The cloud on the network"), runs the simulator on the bundled sample
 # with the embedded cloud in ./vexo-data (about a minute: a camera playing the sample, the
 # module recording two motion events), then exports every recording the cloud received to a
 # playable MP4 file in ./vexo-data/export. Installs what is missing first
@@ -17,7 +18,7 @@ if [[ "${VEXO_SKIP_INSTALL:-0}" != 1 ]]; then
     bash "${ROOT}/scripts/install-deps.sh"
 fi
 cmake -S "${ROOT}" -B "${BUILD}" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVEXO_BUILD_TESTS=OFF >/dev/null
-cmake --build "${BUILD}" --target vexo-camsim vexo-media --parallel 2
+cmake --build "${BUILD}" --target vexo-camsim vexo-media vexo-cloud --parallel 2
 
 # A fresh start: the previous run's recordings, camera store and exports go.
 rm -rf "${DATA}/cloud" "${DATA}/camera" "${DATA}/export"
