@@ -42,7 +42,7 @@ TOOLS=(tools/camsim/vexo-camsim service/http/vexo-cloud tools/media/vexo-media)
 # trap then stops what the README started.
 if [[ -z "${VEXO_README_BOUNDED:-}" ]]; then
     export VEXO_README_BOUNDED=1
-    exec timeout --kill-after=20 "${TIMEOUT_S}" "${BASH_SOURCE[0]}" "${README}"
+    exec timeout --kill-after=20 "${TIMEOUT_S}" bash "${BASH_SOURCE[0]}" "${README}"
 fi
 
 NAME="$(basename "${README}")"
@@ -108,12 +108,17 @@ trap on_signal INT TERM
 extract() {
     awk -v wanted="$(printf '%s\n' "${SECTIONS[@]}")" '
         BEGIN { n = split(wanted, names, "\n"); for (i = 1; i <= n; i++) want[names[i]] = i - 1 }
-        /^```/ && in_block { in_block = 0; next }
-        in_block { printf "%d\t%s\n", NR, $0; next }
-        /^#+ / { title = $0; sub(/^#+ +/, "", title); section = (title in want) ? title : "" }
-        /^```sh[[:space:]]*$/ && section != "" {
-            in_block = 1; found[section] = 1; printf "block\t%d\t%d\n", NR, want[section]
+        /^[[:space:]]*```/ {
+            if (fence) { fence = 0; wanted_block = 0; next }
+            fence = 1
+            if ($0 ~ /^```sh[[:space:]]*$/ && section != "") {
+                wanted_block = 1; found[section] = 1
+                printf "block\t%d\t%d\n", NR, want[section]
+            }
+            next
         }
+        fence { if (wanted_block) printf "%d\t%s\n", NR, $0; next }
+        /^#+ / { title = $0; sub(/^#+ +/, "", title); section = (title in want) ? title : "" }
         END { for (s in want) if (!(s in found)) print "missing\t" s }
     ' "${README}"
 }
@@ -208,7 +213,7 @@ declare -A MARK=()       # such a file -> its size when the last command ended
 CAMERA_PID=""            # the camera a "While it runs" step runs beside, its line and command
 CAMERA_LINE=""
 CAMERA_CMD=""
-TRIGGERS_SENT=0 # vexo-cloud trigger / abort commands run beside that camera
+TRIGGERS_SENT=0         # vexo-cloud trigger / abort commands run beside that camera
 ABORTS_SENT=0
 
 fail_at() { # <line> <command> <message>
@@ -412,8 +417,9 @@ expect() { # <line> <file> <text> <what it shows>: the command's output holds th
 
 decodes_cleanly() { # <file>: ffmpeg decodes every stream without a complaint
     local errors
-    errors="$(ffmpeg -nostdin -v error -i "$1" -f null - 2>&1)" && [[ -z "${errors}" ]] ||
+    if ! errors="$(ffmpeg -nostdin -v error -i "$1" -f null - 2>&1)" || [[ -n "${errors}" ]]; then
         check_failed "ffmpeg does not decode $1 cleanly: ${errors:-exit status not 0}"
+    fi
 }
 
 say "checking what the walk-through left"
@@ -424,7 +430,7 @@ item="$(find_cmd 0 'vexo-camsim')"
 line="${LINES[${item}]}"
 ((TRIGGERS_SENT > 0)) ||
     check_failed "no vexo-cloud trigger ran beside the camera of ${NAME}:${line}"
-expect "${line}" "${OUT[${line}]}" "${TRIGGERS_SENT} remote triggers received" \
+expect "${line}" "${OUT[${line}]}" "; ${TRIGGERS_SENT} remote triggers received" \
     "the camera got each trigger sent while it ran"
 if ((ABORTS_SENT > 0)); then
     expect "${line}" "${ERR[${line}]}" "-> no order" "the abort took the camera's order"
@@ -460,7 +466,7 @@ expect "${line}" "${ERR[${line}]}" "[camsim] mqtt connected" "the camera logged 
 scheduled="$(grep -o -- '--trigger' <<<"${TEXTS[${item}]}" | wc -l)"
 if ((scheduled > 0)); then
     expect "${line}" "${OUT[${line}]}" \
-        "${scheduled} remote triggers received (${scheduled} scheduled)" \
+        "; ${scheduled} remote triggers received (${scheduled} scheduled)" \
         "each trigger came back over the locked-down broker"
 fi
 grep -Eq '^cloud .*: [1-9][0-9]* recordings$' "${OUT[${line}]}" ||
