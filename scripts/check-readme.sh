@@ -58,8 +58,6 @@ for tool in "${TOOLS[@]}"; do
 done
 [[ -f "${README}" ]] || die "no README at ${README}"
 
-WORK="$(mktemp -d "${TMPDIR:-/tmp}/check-readme.XXXXXX")"
-mkdir -p "${WORK}/logs"
 CURRENT="" # "README.md:LINE: command", while it runs
 FAILED=1
 
@@ -98,9 +96,6 @@ on_signal() {
         "${CURRENT:+ while running ${CURRENT}}" >&2
     exit 1
 }
-trap cleanup EXIT
-trap on_signal INT TERM
-
 # ---- the README's blocks, as items: commands, comment paragraphs, block starts -----------
 
 # "block<TAB>LINE<TAB>SECTION" where a wanted block starts, "LINE<TAB>TEXT" for its lines,
@@ -177,6 +172,11 @@ flush_note
 ((${#KINDS[@]})) || die "no commands found in ${NAME}"
 
 # ---- rewriting for a shared machine ------------------------------------------------------
+
+WORK="$(mktemp -d "${TMPDIR:-/tmp}/check-readme.XXXXXX")"
+mkdir -p "${WORK}/logs"
+trap cleanup EXIT
+trap on_signal INT TERM
 
 port_is_open() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
 
@@ -438,6 +438,9 @@ fi
 item="$(find_cmd 0 'vexo-cloud[[:space:]]+recordings')"
 line="${LINES[${item}]}"
 expect "${line}" "${OUT[${line}]}" '"startTime"' "the service lists the camera's recordings"
+if ((ABORTS_SENT > 0)); then
+    expect "${line}" "${OUT[${line}]}" '"endTime": 0' "the aborted recording is left open"
+fi
 item="$(find_cmd 0 'vexo-cloud[[:space:]]+alarms')"
 line="${LINES[${item}]}"
 alarms="$(grep -c '"time"' "${OUT[${line}]}" || true)"
