@@ -9,7 +9,8 @@
 #   readme    the README as a reader runs it: its first command (scripts/run-camsim.sh, a
 #             30 s run into build/readme/vexo-data; every export must decode cleanly), then
 #             scripts/check-readme.sh, which runs the sh blocks of "The cloud on the network"
-#             and "A locked-down broker" against that build/release (about 3 minutes)
+#             and "A locked-down broker" against that build/release (about 2 minutes
+#             beside the build)
 #   asan      AddressSanitizer + UndefinedBehaviorSanitizer build + ctest
 #   tsan      ThreadSanitizer build + ctest
 #   armhf     arm-linux-gnueabihf cross build + ctest under qemu-arm; size of the module
