@@ -180,10 +180,14 @@ trap on_signal INT TERM
 
 port_is_open() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
 
+# Below the kernel's range for outgoing connections and port-0 binds (32768.. by default):
+# a client socket there, of the tests running beside this, would make the bind fail.
+ephemeral_low="$(awk '{ print $1 }' /proc/sys/net/ipv4/ip_local_port_range 2>/dev/null || true)"
+[[ "${ephemeral_low}" =~ ^[0-9]+$ ]] && ((ephemeral_low > 12000)) || ephemeral_low=32768
 declare -A NEW_PORT=()
 for port in "${PORTS[@]}"; do
     for ((try = 0; try < 200; try++)); do
-        candidate=$((20000 + RANDOM % 40000))
+        candidate=$((10000 + RANDOM % (ephemeral_low - 10000)))
         if ! port_is_open "${candidate}" && [[ " ${NEW_PORT[*]} " != *" ${candidate} "* ]]; then
             NEW_PORT[${port}]="${candidate}"
             break
@@ -258,19 +262,22 @@ listens() { # <pid> <port>: the process listens on that TCP port
 # A program started in the background is ready when every port its command names accepts
 # connections and it listens on one of them itself (so an old one on that port is no help).
 wait_until_ready() { # <line> <command> <pid>
-    local line="$1" cmd="$2" pid="$3" port i ports=() own
+    local line="$1" cmd="$2" pid="$3" port i ports=() open own
     for port in "${PORTS[@]}"; do
         [[ "${cmd}" =~ (^|[^0-9])${port}([^0-9]|$) ]] && ports+=("${NEW_PORT[${port}]}")
     done
     ((${#ports[@]})) || return 0
     for ((i = 0; ; i++)); do
         kill -0 "${pid}" 2>/dev/null || fail_at "${line}" "${cmd}" "it ended at once"
-        own=0
+        open=1 own=0
         for port in "${ports[@]}"; do
-            port_is_open "${port}" || continue 2
+            if ! port_is_open "${port}"; then
+                open=0
+                break
+            fi
             listens "${pid}" "${port}" && own=1
         done
-        ((own)) && return 0
+        ((open && own)) && return 0
         ((i < WAIT_S * 10)) ||
             fail_at "${line}" "${cmd}" "not listening on its port within ${WAIT_S} s"
         sleep 0.1
