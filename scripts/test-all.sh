@@ -6,6 +6,11 @@
 #
 # Stages (default: all, in this order):
 #   native    gcc Debug build (benchmarks compiled too) + ctest
+#   readme    the README as a reader runs it: its first command (scripts/run-camsim.sh, a
+#             30 s run into build/readme/vexo-data; every export must decode cleanly), then
+#             scripts/check-readme.sh, which runs the sh blocks of "The cloud on the network"
+#             and "A locked-down broker" against that build/release (about 2 minutes
+#             beside the build)
 #   asan      AddressSanitizer + UndefinedBehaviorSanitizer build + ctest
 #   tsan      ThreadSanitizer build + ctest
 #   armhf     arm-linux-gnueabihf cross build + ctest under qemu-arm; size of the module
@@ -19,13 +24,14 @@
 #   VEXO_SKIP_COVERAGE=1   skip the coverage stage
 #   VEXO_CLEAN=1           delete a stage's build directory before configuring
 #   VEXO_JOBS=N            parallel build and test jobs (default 2)
-#   VEXO_BUILD_ROOT=dir    where the build/<config> directories go (default <repo>/build)
+#   VEXO_BUILD_ROOT=dir    where the build/<config> directories go (default <repo>/build;
+#                          the readme stage builds in <repo>/build/release, as the README)
 set -euo pipefail
 
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 BUILD_ROOT="${VEXO_BUILD_ROOT:-${ROOT}/build}"
 JOBS="${VEXO_JOBS:-2}"
-ALL_STAGES=(native asan tsan armhf format coverage)
+ALL_STAGES=(native readme asan tsan armhf format coverage)
 ARMHF_TRIPLET=arm-linux-gnueabihf
 MODULE_LIB=libvexo_ipc_cloud_storage.a
 # Directories whose sources make up the module (the coverage figure is over these).
@@ -87,6 +93,26 @@ run_ctest() { # <config> [prefix command...]
 stage_native() {
     configure_and_build native -DCMAKE_BUILD_TYPE=Debug -DVEXO_BUILD_BENCH=ON
     run_ctest native
+}
+
+stage_readme() {
+    local data="${BUILD_ROOT}/readme/vexo-data" log="${BUILD_ROOT}/readme/run-camsim.log"
+    if [[ "${VEXO_CLEAN:-0}" == 1 ]]; then
+        rm -rf "${ROOT}/build/release"
+    fi
+    mkdir -p "${BUILD_ROOT}/readme"
+    say "readme: scripts/run-camsim.sh --duration 30 (the README's first command)"
+    VEXO_SKIP_INSTALL=1 VEXO_DATA="${data}" bash "${ROOT}/scripts/run-camsim.sh" --duration 30 |
+        tee "${log}"
+    local exported
+    exported="$(grep -c 'decodes cleanly)$' "${log}" || true)"
+    ((exported > 0)) || {
+        echo "readme: scripts/run-camsim.sh exported no recording that decodes" >&2
+        return 1
+    }
+    say "readme: scripts/check-readme.sh (the README's network walk-through)"
+    bash "${ROOT}/scripts/check-readme.sh"
+    note "readme: run-camsim.sh exported ${exported} decodable recording(s); README walk-through passed"
 }
 
 stage_asan() {

@@ -121,7 +121,7 @@ int32_t mqtt_dispatch(const std::string &payload) {
         cJSON_Delete(root);
         return -1;
     }
-    internal::count_mqtt();
+    internal::count_mqtt(static_cast<uint32_t>(number));
     handler(root);
     cJSON_Delete(root);
     return 0;

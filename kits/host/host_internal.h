@@ -32,7 +32,8 @@ uint64_t real_ms_for_kit_ms(uint64_t kit_ms);
 void count_upload(const std::string &name, uint64_t bytes, bool ok);
 void count_api_post();
 void count_alarm();
-void count_mqtt();
+/// A message dispatched to the handler attached for its protocol number.
+void count_mqtt(uint32_t protocol);
 void set_mqtt_connected(bool connected);
 void count_frame_pushed();
 /// One reader caught up: frames it passed over, and how many of those the ring had dropped.

@@ -141,6 +141,10 @@ struct Counters {
     uint64_t api_posts = 0; ///< notifications sent
     uint64_t alarms = 0;
     uint64_t mqtt_messages = 0; ///< dispatched to a handler
+    /// Of those, the cloud's remote triggers (protocol 307) and order changes (protocol 300),
+    /// whichever way they came: the network broker or an embedded cloud.
+    uint64_t remote_triggers = 0;
+    uint64_t order_changes = 0;
     /// The MQTT client is connected to its broker and subscribed to its command topic.
     bool mqtt_connected = false;
     uint64_t frames_pushed = 0;

@@ -90,9 +90,17 @@ void count_alarm() {
     ++g_counters.alarms;
 }
 
-void count_mqtt() {
+void count_mqtt(uint32_t protocol) {
+    // The cloud's two command numbers, as the module attaches its handlers for them.
+    constexpr uint32_t kOrderChange = 300;
+    constexpr uint32_t kRemoteTrigger = 307;
     std::lock_guard<std::mutex> lock(g_mu);
     ++g_counters.mqtt_messages;
+    if (protocol == kRemoteTrigger) {
+        ++g_counters.remote_triggers;
+    } else if (protocol == kOrderChange) {
+        ++g_counters.order_changes;
+    }
 }
 
 void set_mqtt_connected(bool connected) {

@@ -12,8 +12,8 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 #include <mutex>
+#include <sstream>
 
 namespace vexo_cloud {
 
@@ -64,9 +64,12 @@ bool check_security(bool tls, const MqttSecurity &s, std::string *error) {
         if (!readable(s.ca_file, "CA file", error)) {
             return false;
         }
+        // Read through the stream buffer: gcc 12 at -O2 takes the inlined
+        // istreambuf_iterator loop for a null dereference (-Wnull-dereference).
         std::ifstream in(s.ca_file, std::ios::binary);
-        const std::string text{std::istreambuf_iterator<char>(in),
-                               std::istreambuf_iterator<char>()};
+        std::ostringstream contents;
+        contents << in.rdbuf();
+        const std::string text = contents.str();
         if (text.find("-----BEGIN CERTIFICATE-----") == std::string::npos) {
             *error = "the MQTT CA file " + s.ca_file + " holds no PEM certificate";
             return false;

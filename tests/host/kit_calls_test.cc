@@ -327,6 +327,34 @@ TEST_F(KitCallsTest, MqttDispatchCallsTheAttachedHandlerAndDropsTheRest) {
     EXPECT_EQ(g_handled, 2);
 }
 
+TEST_F(KitCallsTest, MqttCountersCountWhatReachedAHandlerByProtocol) {
+    ASSERT_EQ(mqtt_attach(307, handler), 0);
+    ASSERT_EQ(mqtt_attach(300, handler), 0);
+    ASSERT_EQ(mqtt_attach(301, handler), 0);
+    struct Case {
+        const char *payload;
+        uint64_t messages, triggers, order_changes; // the counters after it
+    };
+    const Case cases[] = {
+        {R"({"protocol":307})", 1, 1, 0},   // a remote trigger
+        {R"({"protocol":300})", 2, 1, 1},   // an order change
+        {R"({"protocol":301})", 3, 1, 1},   // handled, but neither command
+        {R"({"protocol":302})", 3, 1, 1},   // no handler: dropped, not counted
+        {R"({"protocol":"307"})", 3, 1, 1}, // not a number: dropped
+        {R"({"protocol":3.07e2})", 4, 2, 1},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.payload);
+        testing::internal::CaptureStderr();
+        hostkit::mqtt_dispatch(c.payload);
+        testing::internal::GetCapturedStderr();
+        const hostkit::Counters counters = hostkit::counters();
+        EXPECT_EQ(counters.mqtt_messages, c.messages);
+        EXPECT_EQ(counters.remote_triggers, c.triggers);
+        EXPECT_EQ(counters.order_changes, c.order_changes);
+    }
+}
+
 TEST_F(KitCallsTest, MqttDispatchDropsProtocolNumbersThatNameNoHandler) {
     g_handled = 0;
     ASSERT_EQ(mqtt_attach(307, handler), 0);

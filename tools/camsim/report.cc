@@ -118,9 +118,13 @@ void summarise(const Options &o, CloudControl &cloud, const Feeder &feeder, cons
                 static_cast<unsigned long long>(c.reader_jumps),
                 static_cast<unsigned long long>(c.frames_skipped),
                 static_cast<unsigned long long>(c.frames_overwritten));
-    std::printf("module: %d motion events recorded, %d refused; %d remote triggers; %llu "
-                "alarms\n",
-                tally.motion_started, tally.motion_refused, tally.triggers,
+    // Commands are counted as the kit handed them to the module, so those sent from outside
+    // the simulator (vexo-cloud trigger, order, abort) count as well as the scheduled ones.
+    std::printf("module: %d motion events recorded, %d refused; %llu remote triggers received "
+                "(%d scheduled), %llu order changes received; %llu alarms\n",
+                tally.motion_started, tally.motion_refused,
+                static_cast<unsigned long long>(c.remote_triggers), tally.triggers,
+                static_cast<unsigned long long>(c.order_changes),
                 static_cast<unsigned long long>(c.alarms));
     std::printf("uploads: %llu files, %s, %llu failed\n",
                 static_cast<unsigned long long>(c.uploads), human_bytes(c.bytes_uploaded).c_str(),
