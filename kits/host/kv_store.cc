@@ -6,7 +6,6 @@
 // old bytes or the new ones. Temporary files left by a crash are never read and are removed when
 // the store starts. Buffers handed out by reads are remembered with their sizes, so the
 // deserialiser never reads past the end of a short (truncated) record.
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <dirent.h>
@@ -20,6 +19,7 @@
 #include <vector>
 
 #include "common/kv_record.h"
+#include "durable_file.h"
 #include "host_internal.h"
 #include "unique_fd.h"
 #include "vexo_kv.h"
@@ -33,7 +33,6 @@ constexpr int32_t kNoRecord = -6; // the record does not exist
 
 constexpr size_t kMaxKeyLength = 64;
 constexpr char kRecordSuffix[] = ".rec";
-constexpr char kTempInfix[] = ".tmp.";
 /// Files larger than this are not records of this store: refused rather than loaded.
 constexpr off_t kMaxRecordFile = 64 * 1024 * 1024;
 
@@ -41,7 +40,6 @@ std::mutex g_mu;
 std::string g_kv_dir; // "<data_dir>/kv", empty until kv_start
 /// Buffers handed out by iot_wd_common_read, with their sizes.
 std::map<uint8_t *, size_t, std::less<>> g_reads;
-std::atomic<uint64_t> g_temp_serial{0};
 
 bool safe_key(const std::string &key) {
     if (key.empty() || key.size() > kMaxKeyLength || key[0] == '.') {
@@ -72,11 +70,11 @@ bool all_digits(const std::string &s) {
 /// True for the name of a temporary file a write leaves behind: "<key>.rec.tmp.<pid>.<n>".
 /// Record files end in ".rec", so no record is ever taken for one.
 bool is_temp_name(const std::string &name) {
-    size_t infix = name.rfind(kTempInfix);
+    size_t infix = name.rfind(hostkit::kTempInfix);
     if (infix == std::string::npos) {
         return false;
     }
-    std::string tail = name.substr(infix + std::strlen(kTempInfix));
+    std::string tail = name.substr(infix + std::strlen(hostkit::kTempInfix));
     size_t dot = tail.find('.');
     return dot != std::string::npos && all_digits(tail.substr(0, dot)) &&
            all_digits(tail.substr(dot + 1));
@@ -115,63 +113,16 @@ void remove_temp_files(const std::string &dir) {
     }
 }
 
-bool write_all(int fd, const uint8_t *data, size_t len) {
-    while (len > 0) {
-        ssize_t n = write(fd, data, len);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            if (n == 0) {
-                errno = ENOSPC; // no progress: treat as a full device
-            }
-            return false;
-        }
-        data += n;
-        len -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
-bool sync_dir(const std::string &dir) {
-    hostkit::UniqueFd fd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (fd.get() < 0) {
-        return false;
-    }
-    // Some file systems cannot flush a directory; the rename is as durable as they allow.
-    return fsync(fd.get()) == 0 || errno == EINVAL || errno == EROFS;
-}
-
 int32_t write_record(const std::string &path, const uint8_t *value, uint32_t len) {
-    std::string temp = path + kTempInfix + std::to_string(getpid()) + "." +
-                       std::to_string(g_temp_serial.fetch_add(1));
-    hostkit::UniqueFd fd(open(temp.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0600));
-    if (fd.get() < 0) {
-        hostkit::internal::log_error("kv: cannot create %s: %s", temp.c_str(),
-                                     std::strerror(errno));
+    const hostkit::DurableWrite written = hostkit::durable_write(path, value, len);
+    if (written.failed_step != nullptr) {
+        hostkit::internal::log_error("kv: %s of %s failed: %s", written.failed_step,
+                                     written.temp.c_str(), std::strerror(written.error));
         return kIoError;
     }
-    const char *step = nullptr;
-    if (!write_all(fd.get(), value, len)) {
-        step = "write";
-    } else if (fsync(fd.get()) != 0) {
-        step = "fsync";
-    } else if (fd.close_now() != 0) {
-        step = "close";
-    } else if (rename(temp.c_str(), path.c_str()) != 0) {
-        step = "rename";
-    }
-    if (step != nullptr) {
-        int err = errno;
-        unlink(temp.c_str());
-        hostkit::internal::log_error("kv: %s of %s failed: %s", step, temp.c_str(),
-                                     std::strerror(err));
-        return kIoError;
-    }
-    std::string dir = path.substr(0, path.rfind('/'));
-    if (!sync_dir(dir)) {
-        hostkit::internal::log_error("kv: cannot flush directory %s: %s", dir.c_str(),
-                                     std::strerror(errno));
+    if (written.directory_unsynced) {
+        hostkit::internal::log_error("kv: cannot flush the directory of %s: %s", path.c_str(),
+                                     std::strerror(written.error));
         return kIoError;
     }
     return 0;

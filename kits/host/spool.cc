@@ -8,22 +8,19 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <vector>
 
+#include "durable_file.h"
 #include "host_internal.h"
 #include "unique_fd.h"
 
 namespace hostkit::spool {
 namespace {
 
-constexpr char kTempInfix[] = ".tmp.";
 constexpr char kTooOld[] = "too old";
 constexpr char kFull[] = "spool full";
-
-std::atomic<uint64_t> g_temp_serial{0};
 
 bool is_recording_kind(Kind kind) {
     return kind == Kind::kStart || kind == Kind::kMedia || kind == Kind::kStop;
@@ -32,33 +29,6 @@ bool is_recording_kind(Kind kind) {
 /// Items of one recording go together; every other item is alone.
 bool in_recording(const ItemInfo &info) {
     return info.recording != 0 && is_recording_kind(info.kind);
-}
-
-bool write_all(int fd, const char *data, size_t len) {
-    while (len > 0) {
-        const ssize_t n = write(fd, data, len);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            if (n == 0) {
-                errno = ENOSPC;
-            }
-            return false;
-        }
-        data += n;
-        len -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
-bool sync_dir(const std::string &dir) {
-    UniqueFd fd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (fd.get() < 0) {
-        return false;
-    }
-    // Some file systems cannot flush a directory; the rename is as durable as they allow.
-    return fsync(fd.get()) == 0 || errno == EINVAL || errno == EROFS;
 }
 
 bool make_dir(const std::string &path, std::string *error) {
@@ -146,34 +116,17 @@ void Spool::load() {
 
 bool Spool::write_item(const ItemInfo &info, const CloudRequest &request) {
     const std::string path = config_.dir + "/" + file_name(info.seq);
-    const std::string temp = path + kTempInfix + std::to_string(getpid()) + "." +
-                             std::to_string(g_temp_serial.fetch_add(1));
     const std::string bytes = encode(info, request);
-    UniqueFd fd(::open(temp.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0600));
-    if (fd.get() < 0) {
-        internal::log_error("spool: cannot create %s: %s", temp.c_str(), std::strerror(errno));
+    const DurableWrite written = durable_write(path, bytes.data(), bytes.size());
+    if (written.failed_step != nullptr) {
+        internal::log_error("spool: %s of %s failed: %s", written.failed_step, written.temp.c_str(),
+                            std::strerror(written.error));
         return false;
     }
-    const char *step = nullptr;
-    if (!write_all(fd.get(), bytes.data(), bytes.size())) {
-        step = "write";
-    } else if (fsync(fd.get()) != 0) {
-        step = "fsync";
-    } else if (fd.close_now() != 0) {
-        step = "close";
-    } else if (rename(temp.c_str(), path.c_str()) != 0) {
-        step = "rename";
-    }
-    if (step != nullptr) {
-        const int err = errno;
-        unlink(temp.c_str());
-        internal::log_error("spool: %s of %s failed: %s", step, temp.c_str(), std::strerror(err));
-        return false;
-    }
-    if (!sync_dir(config_.dir)) {
+    if (written.directory_unsynced) {
         // The item is in place; only its survival of a power cut is in doubt.
         internal::log_error("spool: cannot flush directory %s: %s", config_.dir.c_str(),
-                            std::strerror(errno));
+                            std::strerror(written.error));
     }
     return true;
 }
@@ -267,7 +220,7 @@ void Spool::erase_locked(uint64_t seq) {
     bytes_ -= std::min(bytes_, it->second.file_bytes);
     index_.erase(it);
     // A removal lost in a power cut would only send the item again.
-    sync_dir(config_.dir);
+    sync_directory(config_.dir);
 }
 
 std::map<uint64_t, ItemInfo>::iterator Spool::oldest_free() {
