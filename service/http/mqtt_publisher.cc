@@ -224,18 +224,33 @@ void MqttPublisher::run() {
             }
             socket_open = true;
             ever_connected = true;
-            told_unreachable = false;
-            delay_s = kReconnectMinS;
         }
         // Runs the callbacks (connect, disconnect) and sends what was published.
-        if (mosquitto_loop(client_, kLoopWaitMs, 1) != MOSQ_ERR_SUCCESS) {
-            socket_open = false;
-            std::lock_guard<std::mutex> lock(mutex_);
+        const int rc = mosquitto_loop(client_, kLoopWaitMs, 1);
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (rc == MOSQ_ERR_SUCCESS) {
             if (connected_) {
-                connected_ = false;
-                std::fprintf(stderr, "vexo-cloud: mqtt: lost %s, reconnecting\n", url_.c_str());
+                told_unreachable = false;
+                delay_s = kReconnectMinS;
             }
+            continue;
         }
+        socket_open = false;
+        if (connected_) {
+            connected_ = false;
+            std::fprintf(stderr, "vexo-cloud: mqtt: lost %s, reconnecting\n", url_.c_str());
+            continue;
+        }
+        // The connection failed before the broker accepted it: a TLS handshake or a login
+        // that the socket's connect did not finish. Said once, and retried with the same
+        // growing delay as a broker that cannot be reached, not in a tight loop.
+        if (!told_unreachable) {
+            std::fprintf(stderr, "vexo-cloud: mqtt: %s not reachable (%s); retrying\n",
+                         url_.c_str(), mosquitto_strerror(rc));
+            told_unreachable = true;
+        }
+        wake_.wait_for(lock, std::chrono::seconds(delay_s), [this] { return stopping_; });
+        delay_s = std::min(delay_s * 2, kReconnectMaxS);
     }
     if (socket_open) {
         mosquitto_disconnect(client_);
