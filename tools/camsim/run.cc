@@ -252,6 +252,9 @@ int run(const Options &o) {
     fill_media_info(params, &media);
     const vexo_ipc_cloud_storage_hooks_t hooks{};
     int status = 0;
+    // Taken before init ("not configured"), so that the first configuration shows as a
+    // change even when the module's worker has it before init returns.
+    StateLines state_lines;
     const int32_t init = vexo_ipc_cloud_storage_init(&media, &hooks);
     if (init != 0) {
         std::fprintf(stderr, "vexo-camsim: module init failed (%d)\n", static_cast<int>(init));
@@ -259,8 +262,6 @@ int run(const Options &o) {
         hostkit::stop();
         return 1;
     }
-    // From the store mode the module starts with: its first configuration shows as a change.
-    StateLines state_lines;
     if (o.pre_record >= 0 && vexo_ipc_cloud_storage_set_pre_record_time(o.pre_record) != 0) {
         std::fprintf(stderr, "vexo-camsim: pre-record %d s refused by the module\n",
                      static_cast<int>(o.pre_record));
