@@ -1,13 +1,12 @@
 // The simulator's progress line, state-change lines and summary.
 #include "report.h"
 
-#include <time.h>
-
 #include <cstdio>
 #include <cstring>
 #include <vector>
 
 #include "host_kit.h"
+#include "recording_listing.h"
 #include "vexo_ipc_cloud_storage.h"
 
 namespace camsim {
@@ -32,15 +31,6 @@ std::string human_bytes(uint64_t n) {
     } else {
         std::snprintf(buf, sizeof buf, "%llu B", static_cast<unsigned long long>(n));
     }
-    return buf;
-}
-
-std::string local_time(uint32_t t) {
-    const time_t secs = t;
-    struct tm local {};
-    localtime_r(&secs, &local);
-    char buf[32];
-    std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &local);
     return buf;
 }
 
@@ -141,8 +131,8 @@ void summarise(const Options &o, CloudControl &cloud, const Feeder &feeder, cons
     }
     for (const RecordingSummary &r : recordings) {
         std::printf("  %u  %s .. %s  %llu files  %s  key md5 %s\n", r.start_time,
-                    local_time(r.start_time).c_str(),
-                    r.end_time != 0 ? local_time(r.end_time).c_str() : "(open)",
+                    vexo_cloud::local_time_text(r.start_time).c_str(),
+                    r.end_time != 0 ? vexo_cloud::local_time_text(r.end_time).c_str() : "(open)",
                     static_cast<unsigned long long>(r.files), human_bytes(r.bytes).c_str(),
                     r.key_md5.c_str());
     }

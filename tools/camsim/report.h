@@ -23,8 +23,6 @@ struct Tally {
 /// "alltime", "event", or "no order" for any other value of the module's store mode.
 const char *mode_name(int32_t mode);
 std::string human_bytes(uint64_t n);
-/// "2026-11-22 23:59:30", local time.
-std::string local_time(uint32_t t);
 
 /// spool: the kit keeps an outage spool, whose state the line shows.
 void show_progress(double elapsed_s, double total_s, const Feeder &feeder, const Tally &tally,

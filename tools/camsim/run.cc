@@ -19,6 +19,7 @@
 #include "feeder.h"
 #include "host_kit.h"
 #include "media_source.h"
+#include "recording_listing.h"
 #include "report.h"
 #include "snapshot.h"
 #include "vexo_ipc_cloud_storage.h"
@@ -233,14 +234,15 @@ int run(const Options &o) {
     Feeder feeder(std::move(source), &snapshot);
     feeder.start();
 
-    std::fprintf(stderr,
-                 "[camsim] %s: %s %ux%u %u fps, GOP %u, %u kbit/s%s; device %s, store mode %s, "
-                 "clock %s x%g\n",
-                 path.c_str(), params.video_codec == 4 ? "H.265" : "H.264", params.width,
-                 params.height, params.fps, params.gop, params.bitrate_kbps,
-                 params.has_audio ? ", with audio" : "", o.device_id.c_str(),
-                 o.send_order ? o.store_mode.c_str() : "as the cloud has it",
-                 local_time(static_cast<uint32_t>(hostkit::now_ms() / 1000)).c_str(), o.speed);
+    std::fprintf(
+        stderr,
+        "[camsim] %s: %s %ux%u %u fps, GOP %u, %u kbit/s%s; device %s, store mode %s, "
+        "clock %s x%g\n",
+        path.c_str(), params.video_codec == 4 ? "H.265" : "H.264", params.width, params.height,
+        params.fps, params.gop, params.bitrate_kbps, params.has_audio ? ", with audio" : "",
+        o.device_id.c_str(), o.send_order ? o.store_mode.c_str() : "as the cloud has it",
+        vexo_cloud::local_time_text(static_cast<uint32_t>(hostkit::now_ms() / 1000)).c_str(),
+        o.speed);
     if (!o.cloud_url.empty()) {
         std::fprintf(stderr, "[camsim] cloud %s, MQTT broker %s\n", o.cloud_url.c_str(),
                      o.mqtt_url.empty() ? "none (the camera hears no commands)"
