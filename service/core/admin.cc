@@ -130,9 +130,10 @@ bool Service::trigger(const std::string &device, const std::string &action, int3
     if (!picture_only && (duration < kMinTriggerDuration || duration > kMaxTriggerDuration)) {
         return fail(error, "duration must be 1..1800 seconds");
     }
-    const Json ext = Json::parse(ext_json, nullptr, false);
-    if (ext.is_discarded()) {
-        return fail(error, "ext is not JSON");
+    std::string why;
+    const std::optional<Json> ext = parse_value(ext_json, &why);
+    if (!ext) {
+        return fail(error, "ext is refused: " + why);
     }
     {
         std::lock_guard<std::mutex> lock(core.mutex);
@@ -141,7 +142,7 @@ bool Service::trigger(const std::string &device, const std::string &action, int3
         }
     }
     // A picture has no duration, but the device expects the member: it gets 0.
-    const Json data{{"action", action}, {"duration", picture_only ? 0 : duration}, {"ext", ext}};
+    const Json data{{"action", action}, {"duration", picture_only ? 0 : duration}, {"ext", *ext}};
     publish(core, device, Json{{"protocol", kProtocolRemoteTrigger}, {"data", data}});
     return true;
 }

@@ -73,10 +73,9 @@ Alarm load_alarm(const std::string &alarms_dir, const std::string &name,
 // ---- exported calls ------------------------------------------------------------------------
 
 std::optional<AlarmPost> parse_alarm_post(const std::string &body, std::string *error) {
-    const std::optional<Json> json = parse_object(body);
+    const std::optional<Json> json = parse_body(body, error);
     AlarmPost alarm;
     if (!json) {
-        *error = "the body is not a JSON object";
         return std::nullopt;
     }
     if (!get_u32(*json, "time", &alarm.time)) {

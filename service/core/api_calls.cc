@@ -54,10 +54,9 @@ std::string query_value(const std::string &query, const std::string &name) {
 }
 
 std::optional<StartNotice> parse_start(const std::string &body, std::string *error) {
-    const std::optional<Json> json = parse_object(body);
+    const std::optional<Json> json = parse_body(body, error);
     StartNotice notice;
     if (!json) {
-        *error = "the body is not a JSON object";
         return std::nullopt;
     }
     if (!get_u32(*json, "startTime", &notice.start_time) || notice.start_time == 0) {
@@ -68,9 +67,10 @@ std::optional<StartNotice> parse_start(const std::string &body, std::string *err
         *error = "payloadInfo must be a text";
         return std::nullopt;
     }
-    const std::optional<Json> payload = parse_object(notice.payload_info);
+    std::string why;
+    const std::optional<Json> payload = parse_object(notice.payload_info, &why);
     if (!payload) {
-        *error = "payloadInfo must hold a JSON object";
+        *error = "payloadInfo must hold a JSON object (" + why + ")";
         return std::nullopt;
     }
     notice.payload = *payload;
@@ -184,11 +184,14 @@ Response notify_start(ServiceCore &core, const std::string &device, const std::s
 }
 
 Response notify_stop(ServiceCore &core, const std::string &device, const std::string &body) {
-    const std::optional<Json> json = parse_object(body);
+    std::string why;
+    const std::optional<Json> json = parse_body(body, &why);
     uint32_t start_time = 0;
     uint32_t end_time = 0;
-    if (!json || !get_u32(*json, "startTime", &start_time) ||
-        !get_u32(*json, "endTime", &end_time)) {
+    if (!json) {
+        return error_answer(kBadRequest, why);
+    }
+    if (!get_u32(*json, "startTime", &start_time) || !get_u32(*json, "endTime", &end_time)) {
         return error_answer(kBadRequest, "the body must be {\"startTime\":N,\"endTime\":N}");
     }
     std::lock_guard<std::mutex> lock(core.mutex);
@@ -209,9 +212,10 @@ Response notify_stop(ServiceCore &core, const std::string &device, const std::st
 }
 
 Response report_event(ServiceCore &core, const std::string &device, const std::string &body) {
-    const std::optional<Json> json = parse_object(body);
+    std::string error;
+    const std::optional<Json> json = parse_body(body, &error);
     if (!json) {
-        return error_answer(kBadRequest, "the body is not a JSON object");
+        return error_answer(kBadRequest, error);
     }
     std::lock_guard<std::mutex> lock(core.mutex);
     append_line(core.device_dir(device) + "/" + kEventsFile, to_text(*json));

@@ -69,9 +69,8 @@ std::optional<Gap> gap_from_json(const Json &json, std::string *error) {
 // ---- exported calls ------------------------------------------------------------------------
 
 std::optional<Gap> parse_gap_post(const std::string &body, std::string *error) {
-    const std::optional<Json> json = parse_object(body);
+    const std::optional<Json> json = parse_body(body, error);
     if (!json) {
-        *error = "the body is not a JSON object";
         return std::nullopt;
     }
     return gap_from_json(*json, error);

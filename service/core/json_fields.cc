@@ -2,6 +2,7 @@
 #include "json_fields.h"
 
 #include <limits>
+#include <utility>
 
 namespace vexo_cloud {
 
@@ -32,12 +33,77 @@ std::optional<int64_t> whole_number(const Json &object, const char *key) {
 
 // ---- exported calls ------------------------------------------------------------------------
 
-std::optional<Json> parse_object(const std::string &text) {
+std::string json_limit_breach(const std::string &text) {
+    if (text.size() > kMaxJsonBytes) {
+        return "JSON text longer than " + std::to_string(kMaxJsonBytes) + " bytes";
+    }
+    size_t depth = 0;
+    bool in_string = false;
+    bool escaped = false;
+    for (const char c : text) {
+        if (in_string) {
+            if (escaped) {
+                escaped = false;
+            } else if (c == '\\') {
+                escaped = true;
+            } else if (c == '"') {
+                in_string = false;
+            }
+            continue;
+        }
+        if (c == '"') {
+            in_string = true;
+        } else if (c == '[' || c == '{') {
+            if (++depth > kMaxJsonDepth) {
+                return "JSON nested deeper than " + std::to_string(kMaxJsonDepth) + " levels";
+            }
+        } else if ((c == ']' || c == '}') && depth > 0) {
+            --depth;
+        }
+    }
+    return "";
+}
+
+std::optional<Json> parse_value(const std::string &text, std::string *why) {
+    std::string breach = json_limit_breach(text);
+    if (!breach.empty()) {
+        if (why != nullptr) {
+            *why = std::move(breach);
+        }
+        return std::nullopt;
+    }
     Json value = Json::parse(text, nullptr, false);
-    if (value.is_discarded() || !value.is_object()) {
+    if (value.is_discarded()) {
+        if (why != nullptr) {
+            *why = "not JSON";
+        }
         return std::nullopt;
     }
     return value;
+}
+
+std::optional<Json> parse_object(const std::string &text, std::string *why) {
+    std::optional<Json> value = parse_value(text, why);
+    if (value && !value->is_object()) {
+        if (why != nullptr) {
+            *why = "not a JSON object";
+        }
+        return std::nullopt;
+    }
+    return value;
+}
+
+std::optional<Json> parse_body(const std::string &body, std::string *error) {
+    const std::string breach = json_limit_breach(body);
+    if (!breach.empty()) {
+        *error = "the body is refused: " + breach;
+        return std::nullopt;
+    }
+    std::optional<Json> object = parse_object(body);
+    if (!object) {
+        *error = "the body is not a JSON object";
+    }
+    return object;
 }
 
 bool get_u32(const Json &object, const char *key, uint32_t *out) {

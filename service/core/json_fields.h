@@ -2,6 +2,7 @@
 #ifndef VEXO_CLOUD_JSON_FIELDS_H
 #define VEXO_CLOUD_JSON_FIELDS_H
 
+#include <cstddef>
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -11,8 +12,28 @@ namespace vexo_cloud {
 
 using Json = nlohmann::json;
 
-/// The object a text holds; nullopt when the text is not JSON or not an object.
-std::optional<Json> parse_object(const std::string &text);
+/// How deep arrays and objects may nest in a JSON text the service parses: request bodies,
+/// payloadInfo, admin calls and its own records. Deeper texts are refused before parsing, so
+/// no recursive walk over a parsed value can run out of stack.
+constexpr size_t kMaxJsonDepth = 32;
+/// The longest JSON text the service parses (an alarm's picture travels inside one).
+constexpr size_t kMaxJsonBytes = 4u << 20;
+
+/// Why text may not be parsed: longer than kMaxJsonBytes or nested deeper than
+/// kMaxJsonDepth; empty when it may. Counts brackets outside strings, so it is linear and
+/// allocates nothing.
+std::string json_limit_breach(const std::string &text);
+
+/// The value a text holds; nullopt when the text breaks the limits above or is not JSON.
+/// why, when not null, gets the reason then.
+std::optional<Json> parse_value(const std::string &text, std::string *why = nullptr);
+
+/// The object a text holds; nullopt when parse_value refuses it or it is not an object.
+std::optional<Json> parse_object(const std::string &text, std::string *why = nullptr);
+
+/// The object a request body holds; nullopt with *error ("the body is not a JSON object", or
+/// the limit it breaks) for any other body.
+std::optional<Json> parse_body(const std::string &body, std::string *error);
 
 // Each reader is false (and leaves *out alone) when the member is missing or of another
 // type or range: integers must be whole numbers that fit.

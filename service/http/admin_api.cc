@@ -58,9 +58,8 @@ Response order_answer(const Service &service, const std::string &device) {
 /// The change a PUT order body asks for; nullopt with *error for a body that is not an
 /// object of known members of the right types.
 std::optional<OrderChange> parse_order_change(const std::string &body, std::string *error) {
-    const std::optional<Json> object = parse_object(body);
+    const std::optional<Json> object = parse_body(body, error);
     if (!object) {
-        *error = "the body is not a JSON object";
         return std::nullopt;
     }
     OrderChange change;

@@ -252,11 +252,11 @@ std::optional<Command> parse_admin(const std::string &verb, const std::vector<st
             }
             trigger["duration"] = seconds;
         } else if (verb == "trigger" && arg == "--ext") {
-            const Json ext = Json::parse(value, nullptr, false);
-            if (ext.is_discarded()) {
+            const std::optional<Json> ext = parse_value(value);
+            if (!ext) {
                 return fail("--ext takes JSON, e.g. {\"user\":\"u1\"}");
             }
-            trigger["ext"] = ext;
+            trigger["ext"] = *ext;
         } else if (verb == "order") {
             if (!order_member(arg, value, &change, &error)) {
                 return fail(error);

@@ -82,4 +82,41 @@ TEST(JsonFields, FlagsAreBooleansOrExactlyZeroAndOne) {
     }
 }
 
+TEST(JsonFields, TextsBeyondTheLimitsAreRefusedBeforeParsing) {
+    const auto nest = [](size_t depth, const std::string &inner = "") {
+        return std::string(depth, '[') + inner + std::string(depth, ']');
+    };
+    const struct {
+        std::string text;
+        bool taken;
+    } cases[] = {
+        {nest(vexo_cloud::kMaxJsonDepth), true},
+        {nest(vexo_cloud::kMaxJsonDepth + 1), false},
+        {"{\"a\":" + nest(vexo_cloud::kMaxJsonDepth - 1) + "}", true},
+        {"{\"a\":" + nest(vexo_cloud::kMaxJsonDepth) + "}", false},
+        // Brackets inside strings, escaped quotes included, do not nest.
+        {"[\"" + std::string(100, '[') + "\\\"" + std::string(100, '{') + "\"]", true},
+        {"[\"\\\\\"" + nest(vexo_cloud::kMaxJsonDepth) + "]", false},
+        // Unbalanced closers do not buy depth back.
+        {"]]]]" + nest(vexo_cloud::kMaxJsonDepth + 1), false},
+        {"\"" + std::string(vexo_cloud::kMaxJsonBytes - 2, 'x') + "\"", true},
+        {"\"" + std::string(vexo_cloud::kMaxJsonBytes - 1, 'x') + "\"", false},
+    };
+    for (const auto &c : cases) {
+        const std::string what = c.text.substr(0, 80);
+        EXPECT_EQ(vexo_cloud::json_limit_breach(c.text).empty(), c.taken) << what;
+        std::string why;
+        const bool parsed = vexo_cloud::parse_value(c.text, &why).has_value();
+        if (!c.taken) {
+            EXPECT_FALSE(parsed) << what;
+            EXPECT_FALSE(why.empty()) << what;
+        }
+    }
+    std::string error;
+    EXPECT_FALSE(vexo_cloud::parse_body(nest(100000), &error));
+    EXPECT_EQ(error, "the body is refused: JSON nested deeper than 32 levels");
+    EXPECT_FALSE(vexo_cloud::parse_body("[1]", &error));
+    EXPECT_EQ(error, "the body is not a JSON object");
+}
+
 } // namespace

@@ -46,6 +46,8 @@ TEST_F(ServiceRequestsTest, RefusedRequestsAnswer4xxAndChangeNothing) {
         {request("GET", "/v1/devices/cam1/media/1_0.media", "cam1"), 405},
     };
     const std::string api = "/v1/api/";
+    const std::string deep = std::string(33, '[') + std::string(33, ']');
+    const std::string deep_text = "{\\\"a\\\":" + deep + "}"; // as a JSON string's content
     const std::pair<std::string, std::string> bad_bodies[] = {
         {api + kStartApi, "{\"startTime\":"},
         {api + kStartApi, R"({"startTime":5,"payloadInfo":"{v:1","mtu":10,"enKeyMd5":"0000"})"},
@@ -57,6 +59,13 @@ TEST_F(ServiceRequestsTest, RefusedRequestsAnswer4xxAndChangeNothing) {
         {"/v1/devices/cam1/alarms", R"({"time":1,"withPicture":1,"picture":"A==="})"},
         {"/v1/devices/cam1/alarms", R"({"time":1,"withPicture":2})"},
         {"/v1/devices/cam1/alarms", "time=1"},
+        // Nested deeper than the parser takes: refused before parsing, wherever it comes.
+        {api + kStartApi, R"({"startTime":5,"payloadInfo":")" + deep_text + R"(","mtu":10})"},
+        {api + kStartApi, deep},
+        {api + kStopApi, deep},
+        {api + kReportApi, R"({"a":)" + deep + "}"},
+        {"/v1/devices/cam1/alarms", deep},
+        {"/v1/devices/cam1/gaps", deep},
     };
     for (const auto &[path, body] : bad_bodies) {
         const bool is_api = path.rfind(api, 0) == 0;
