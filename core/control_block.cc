@@ -1,5 +1,4 @@
-// The module's one control block and its file-level statics.
-
+/// The module's one control block and its file-level statics.
 #include <cstring>
 
 #include "cloud_storage_internal.h"

@@ -1,7 +1,6 @@
-// Initialisation and teardown: validates the stream parameters, prepares the control block,
-// checks the stored key, chooses the slice duration, sizes the slice buffer and starts the
-// upload thread.
-
+/// Initialisation and teardown: validates the stream parameters, prepares the control block,
+/// checks the stored key, chooses the slice duration, sizes the slice buffer and starts the
+/// upload thread.
 #include <cstring>
 
 #include "cloud_storage_internal.h"

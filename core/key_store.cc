@@ -1,6 +1,5 @@
-// The two persisted records: the AES key with the md5 text that names it to the cloud
-// ("md5_encrypt_key") and the slice duration last offered by the cloud ("storage_restriction").
-
+/// The two persisted records: the AES key with the md5 text that names it to the cloud
+/// ("md5_encrypt_key") and the slice duration last offered by the cloud ("storage_restriction").
 #include <cstdio>
 #include <cstring>
 

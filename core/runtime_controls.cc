@@ -1,6 +1,5 @@
-// Runtime controls and queries: pause/resume, audio, pre-record length and state queries.
-// The settings are single words that the upload thread polls.
-
+/// Runtime controls and queries: pause/resume, audio, pre-record length and state queries.
+/// The settings are single words that the upload thread polls.
 #include "cloud_storage_internal.h"
 #include "cs_log.h"
 #include "kit_lock.h"

@@ -1,7 +1,6 @@
-// Cloud recordings: opening one with the start notification, uploading each filled slice
-// as a media file named after the recording's start, closing with the stop notification,
-// and closing-and-reopening in one step at group and day boundaries.
-
+/// Cloud recordings: opening one with the start notification, uploading each filled slice
+/// as a media file named after the recording's start, closing with the stop notification,
+/// and closing-and-reopening in one step at group and day boundaries.
 #include <cstdio>
 
 #include "cloud_storage_internal.h"

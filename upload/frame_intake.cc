@@ -1,7 +1,6 @@
-// Frame intake: appends each frame to the slice buffer as an entry with a 24-byte header,
-// encrypting key frames and audio frames, and cuts slices, 30-minute groups and days on key
-// frames so that every media file starts where a player can start decoding.
-
+/// Frame intake: appends each frame to the slice buffer as an entry with a 24-byte header,
+/// encrypting key frames and audio frames, and cuts slices, 30-minute groups and days on key
+/// frames so that every media file starts where a player can start decoding.
 #include <cstring>
 #include <ctime>
 

@@ -1,8 +1,7 @@
-// The module's worker thread: the only reader of the ring buffer and the only uploader. It
-// waits for the service configuration, repairs the event table, then polls: it follows the
-// pause flag, the store mode and the event table, opens and closes cloud recordings and
-// hands each frame to frame intake. Every pass either processes one frame or sleeps briefly.
-
+/// The module's worker thread: the only reader of the ring buffer and the only uploader. It
+/// waits for the service configuration, repairs the event table, then polls: it follows the
+/// pause flag, the store mode and the event table, opens and closes cloud recordings and
+/// hands each frame to frame intake. Every pass either processes one frame or sleeps briefly.
 #include <cstring>
 
 #include "cloud_storage_internal.h"
