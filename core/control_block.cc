@@ -1,7 +1,7 @@
 /// The module's one control block and its file-level statics.
 #include <cstring>
 
-#include "cloud_storage_internal.h"
+#include "core/cloud_storage_internal.h"
 
 cloud_storage_ctl_t cloud_storage_ctl;
 uint32_t s_max_frame_size = 0;

@@ -3,8 +3,8 @@
 /// upload thread.
 #include <cstring>
 
-#include "cloud_storage_internal.h"
-#include "cs_log.h"
+#include "core/cloud_storage_internal.h"
+#include "core/cs_log.h"
 
 namespace {
 

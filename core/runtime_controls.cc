@@ -1,8 +1,8 @@
 /// Runtime controls and queries: pause/resume, audio, pre-record length and state queries.
 /// The settings are single words that the upload thread polls.
-#include "cloud_storage_internal.h"
-#include "cs_log.h"
-#include "kit_lock.h"
+#include "core/cloud_storage_internal.h"
+#include "core/cs_log.h"
+#include "core/kit_lock.h"
 
 extern "C" int32_t vexo_ipc_cloud_storage_get_store_mode(void) {
     return cloud_storage_ctl.store_mode;

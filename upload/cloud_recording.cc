@@ -3,9 +3,9 @@
 /// and closing-and-reopening in one step at group and day boundaries.
 #include <cstdio>
 
-#include "cloud_storage_internal.h"
-#include "cs_log.h"
-#include "kit_lock.h"
+#include "core/cloud_storage_internal.h"
+#include "core/cs_log.h"
+#include "core/kit_lock.h"
 
 namespace {
 

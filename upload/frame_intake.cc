@@ -4,8 +4,8 @@
 #include <cstring>
 #include <ctime>
 
-#include "cloud_storage_internal.h"
-#include "cs_log.h"
+#include "core/cloud_storage_internal.h"
+#include "core/cs_log.h"
 
 namespace {
 

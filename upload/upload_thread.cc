@@ -4,8 +4,8 @@
 /// hands each frame to frame intake. Every pass either processes one frame or sleeps briefly.
 #include <cstring>
 
-#include "cloud_storage_internal.h"
-#include "cs_log.h"
+#include "core/cloud_storage_internal.h"
+#include "core/cs_log.h"
 
 namespace {
 
