@@ -1,7 +1,6 @@
 /// Order change over MQTT (protocol 300): the user's cloud-storage order gained a store mode
 /// or was aborted. The change is applied with upload_mutex held, so that no slice upload runs
 /// while the order changes.
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 
@@ -12,8 +11,6 @@
 // ---- constants ---------------------------------------------------------------------------
 
 namespace {
-
-constexpr auto kRelaxed = std::memory_order_relaxed;
 
 constexpr char kActionStore[] = "store";
 constexpr char kActionAbort[] = "abort";
@@ -39,7 +36,7 @@ void apply_store_order(cloud_storage_ctl_t *c, const char *mode) {
             CS_DBG("keep going");
         } else {
             (void)__update_cloud_storage_config();
-            CS_DBG("new cloud type -> %d", static_cast<int>(c->store_mode.load(kRelaxed)));
+            CS_DBG("new cloud type -> %d", static_cast<int>(c->store_mode));
         }
     }
     if (unchanged) {
@@ -55,7 +52,7 @@ void apply_abort_order(cloud_storage_ctl_t *c) {
         kit_lock hold(c->upload_mutex);
         snprintf(c->storage_config.store_mode, sizeof(c->storage_config.store_mode), "%s",
                  kModeNone);
-        c->store_mode.store(STORE_MODE_NONE, kRelaxed);
+        c->store_mode = STORE_MODE_NONE;
         cs_seq::report_none(14);
     }
     CS_DBG("order change done");
@@ -70,7 +67,7 @@ void __cloud_storage_order_change(const char *action, const char *mode) {
     cs_seq::text(10, action);
 
     cloud_storage_ctl_t *c = &cloud_storage_ctl;
-    if (c->inited.load(kRelaxed) == 0) {
+    if (c->inited == 0) {
         CS_DBG("not inited, just return");
         cs_seq::report_none(11);
         return;

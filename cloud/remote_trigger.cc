@@ -1,7 +1,6 @@
 /// Remote trigger over MQTT (protocol 307): the service asks for a picture, a recording or
 /// both. The handler takes a snapshot, adds a remote-trigger event for a recording and raises
 /// an alarm event through the kit carrying the picture and the request's extra data.
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 
@@ -11,8 +10,6 @@
 // ---- constants ---------------------------------------------------------------------------
 
 namespace {
-
-constexpr auto kRelaxed = std::memory_order_relaxed;
 
 constexpr int32_t kMaxDuration = 1800;
 constexpr int32_t kSnapshotSize = 102400;
@@ -88,7 +85,7 @@ void handle_trigger(const trigger_action &action, int32_t duration, const cJSON 
 
     const uint32_t now = uni_time_get_posix();
     if (action.records) {
-        const int32_t mode = c->store_mode.load(kRelaxed);
+        const int32_t mode = c->store_mode;
         if (mode != STORE_MODE_ALLTIME && mode != STORE_MODE_EVENT) {
             CS_ERR("cloud storage type error %d", static_cast<int>(mode));
             Free(snapshot);
@@ -157,7 +154,7 @@ void __cloud_storage_iot_event_trigger_callback(cJSON *root) {
     cs_seq::text(40, action_text);
 
     cloud_storage_ctl_t *c = &cloud_storage_ctl;
-    if (c->inited.load(kRelaxed) == 0) {
+    if (c->inited == 0) {
         CS_DBG("not inited, just return");
         cs_seq::report_none(41);
         return;
@@ -167,7 +164,7 @@ void __cloud_storage_iot_event_trigger_callback(cJSON *root) {
         cs_seq::report_code(42, duration);
         return;
     }
-    if (c->enable.load(kRelaxed) == 0) {
+    if (c->enable == 0) {
         CS_DBG("cloud storage is disabled now");
         cs_seq::report_none(44);
         return;

@@ -1,7 +1,6 @@
 /// Service configuration: the store mode, the day's event quota and the silence interval,
 /// fetched from the kit's cloud configuration service, refreshed once a day just after local
 /// midnight, and the admission tests that the event calls and the upload thread ask.
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -12,8 +11,6 @@
 // ---- constants ---------------------------------------------------------------------------
 
 namespace {
-
-constexpr auto kRelaxed = std::memory_order_relaxed;
 
 constexpr char kModeAlltime[] = "alltime";
 constexpr char kModeEvent[] = "event";
@@ -82,8 +79,8 @@ int32_t get_ready() {
 } // namespace
 
 void cloud_storage_reset_config_statics() {
-    update_day.store(-1, kRelaxed);
-    new_day_update.store(0, kRelaxed);
+    update_day = -1;
+    new_day_update = 0;
 }
 
 // ---- fetch and apply ---------------------------------------------------------------------
@@ -97,16 +94,16 @@ int32_t __update_cloud_storage_config() {
     const int32_t ret = cloud_get_storage_config(cfg, kConfigFlag);
     if (ret == CS_ORDER_INVALID || ret == CS_SERVICE_FAILED) {
         CS_DBG("order expire or remote server error");
-        c->store_mode.store(STORE_MODE_NONE, kRelaxed);
-        c->have_config.store(1, kRelaxed);
+        c->store_mode = STORE_MODE_NONE;
+        c->have_config = 1;
         mark_store_mode_text_none(cfg);
-        c->order_invalid_time.store(uni_time_get_posix(), kRelaxed);
+        c->order_invalid_time = uni_time_get_posix();
         cs_seq::report_code(71, ret);
         return CS_ORDER_EXPIRED;
     }
     if (ret != 0) {
         CS_ERR("fail to get cloud config ret %d", static_cast<int>(ret));
-        c->order_invalid_time.store(now, kRelaxed);
+        c->order_invalid_time = now;
         return ret;
     }
 
@@ -114,25 +111,25 @@ int32_t __update_cloud_storage_config() {
     cs_seq::text(72, cfg->store_mode);
 
     if (strcmp(cfg->store_mode, kModeAlltime) == 0) {
-        c->store_mode.store(STORE_MODE_ALLTIME, kRelaxed);
-        c->config_time.store(now, kRelaxed);
+        c->store_mode = STORE_MODE_ALLTIME;
+        c->config_time = now;
     } else if (strcmp(cfg->store_mode, kModeEvent) == 0) {
-        c->store_mode.store(STORE_MODE_EVENT, kRelaxed);
-        c->config_time.store(now, kRelaxed);
+        c->store_mode = STORE_MODE_EVENT;
+        c->config_time = now;
     } else {
-        c->store_mode.store(STORE_MODE_NONE, kRelaxed);
-        c->order_invalid_time.store(now, kRelaxed);
-        c->have_config.store(1, std::memory_order_release);
+        c->store_mode = STORE_MODE_NONE;
+        c->order_invalid_time = now;
+        c->have_config = 1;
         return CS_ORDER_EXPIRED;
     }
 
-    c->count_left.store(cfg->count_left, kRelaxed);
-    c->silence_interval.store(static_cast<uint32_t>(cfg->silence_interval), kRelaxed);
-    CS_DBG("count_left: %d, silence_interval: %d", static_cast<int>(c->count_left.load(kRelaxed)),
-           static_cast<int>(c->silence_interval.load(kRelaxed)));
-    // Raised only now, and with release order, so that a caller who sees a configuration
-    // also sees its store mode and the day's counts.
-    c->have_config.store(1, std::memory_order_release);
+    c->count_left = cfg->count_left;
+    c->silence_interval = static_cast<uint32_t>(cfg->silence_interval);
+    CS_DBG("count_left: %d, silence_interval: %d", static_cast<int>(c->count_left),
+           static_cast<int>(c->silence_interval));
+    // Raised only now, after them, so that a caller who sees a configuration also sees its
+    // store mode and the day's counts.
+    c->have_config = 1;
     cs_seq::text(73, cfg->cloud_type);
 
     compose_storage_address(cfg);
@@ -144,9 +141,9 @@ int32_t __update_cloud_storage_config() {
 
 int32_t __check_silence_time(uint32_t now) {
     cloud_storage_ctl_t *c = ctl();
-    const int32_t mode = c->store_mode.load(kRelaxed);
+    const int32_t mode = c->store_mode;
     if (mode == STORE_MODE_EVENT) {
-        if (c->silence_interval.load(kRelaxed) != 0 && c->silence_end_time.load(kRelaxed) > now) {
+        if (c->silence_interval != 0 && c->silence_end_time > now) {
             CS_TRACE("cloud storage in silence time");
             return CS_NOT_ALLOWED;
         }
@@ -161,9 +158,9 @@ int32_t __check_silence_time(uint32_t now) {
 
 int32_t __check_event_count() {
     cloud_storage_ctl_t *c = ctl();
-    const int32_t count_left = c->count_left.load(kRelaxed);
+    const int32_t count_left = c->count_left;
     CS_TRACE("cloud storage event count left: %d", static_cast<int>(count_left));
-    const int32_t mode = c->store_mode.load(kRelaxed);
+    const int32_t mode = c->store_mode;
     if (mode == STORE_MODE_EVENT) {
         return count_left == 0 ? CS_NOT_ALLOWED : CS_OK;
     }
@@ -180,10 +177,10 @@ void __update_cloud_storage_config_new_day() {
     struct tm local = {};
     (void)uni_local_time_get_custom(now, &local);
 
-    if (local.tm_mday != update_day.load(kRelaxed)) {
-        update_day.store(local.tm_mday, kRelaxed);
-        new_day_update.store(0, kRelaxed);
-    } else if (new_day_update.load(kRelaxed) == 1) {
+    if (local.tm_mday != update_day) {
+        update_day = local.tm_mday;
+        new_day_update = 0;
+    } else if (new_day_update == 1) {
         return;
     }
     if (local.tm_min <= kRefreshLastQuietMinute) {
@@ -193,7 +190,7 @@ void __update_cloud_storage_config_new_day() {
         return;
     }
     if (__update_cloud_storage_config() == CS_OK) {
-        new_day_update.store(1, kRelaxed);
+        new_day_update = 1;
     } else {
         CS_ERR("fail to update cloud storage config");
     }

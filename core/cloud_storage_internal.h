@@ -102,8 +102,8 @@ static_assert(sizeof(cs_word<uint32_t>) == 4 && cs_word<uint32_t>::is_always_loc
               "shared words must be plain lock-free 32-bit words");
 
 /// The module's one control block. Fields shared between threads without a lock are atomic
-/// words of the same width; relaxed order is enough, a change takes effect at the reader's
-/// next look.
+/// words of the same width, read and written as plain values (sequentially consistent); a
+/// change takes effect at the reader's next look.
 struct cloud_storage_ctl_t {
     cs_word<int32_t> inited;
     vexo_mutex_t upload_mutex;

@@ -135,7 +135,7 @@ extern "C" int32_t vexo_ipc_cloud_storage_init(const vexo_ipc_media_info_t *medi
 
     // A buffer still held by an earlier upload thread that has not yet left keeps its size
     // and slice duration.
-    if (ctl.media_buffer.load() == nullptr) {
+    if (ctl.media_buffer == nullptr) {
         ctl.slice_duration = choose_slice_duration(ctl);
         ctl.media_buffer_size = media_buffer_bytes(ctl.media_info, ctl.slice_duration);
         auto *buffer = static_cast<uint8_t *>(Malloc(ctl.media_buffer_size));

@@ -1,7 +1,6 @@
 /// The exported event calls: the application reports, ends, retypes and queries events.
 /// Each call checks the module's state, applies the quota and silence rules in event store
 /// mode, then works on the event table through its primitives (which lock by themselves).
-#include <atomic>
 #include <cstdio>
 
 #include "core/cloud_storage_internal.h"
@@ -10,8 +9,6 @@
 // ---- constants ---------------------------------------------------------------------------
 
 namespace {
-
-constexpr auto kRelaxed = std::memory_order_relaxed;
 
 constexpr uint32_t kMaxRecordOnlyDuration = 300;
 constexpr int kStopPolls = 301;
@@ -26,7 +23,7 @@ cloud_storage_ctl_t *ctl() {
 /// Every event call except the status-by-id query refuses an uninitialised module the same
 /// way.
 bool inited_or_log(const cloud_storage_ctl_t *c) {
-    if (c->inited.load(kRelaxed) == 0) {
+    if (c->inited == 0) {
         CS_ERR("cloud storage not inited");
         return false;
     }
@@ -62,7 +59,7 @@ int32_t event_start() {
     if (!inited_or_log(c)) {
         return CS_FAIL;
     }
-    if (c->enable.load(kRelaxed) == 0) {
+    if (c->enable == 0) {
         CS_DBG("cloud storage is disabled now");
         return CS_NOT_ALLOWED;
     }
@@ -74,7 +71,7 @@ int32_t event_start() {
         cs_seq::report_none(56);
         return CS_NOT_ALLOWED;
     }
-    if (c->store_mode.load(kRelaxed) == STORE_MODE_EVENT) {
+    if (c->store_mode == STORE_MODE_EVENT) {
         const int32_t ret = admit_event(now);
         if (ret != 0) {
             return ret;
@@ -101,14 +98,14 @@ int32_t event_add_record_only(int32_t type, int32_t duration) {
     if (!inited_or_log(c)) {
         return CS_FAIL;
     }
-    if (c->enable.load(kRelaxed) == 0) {
+    if (c->enable == 0) {
         CS_DBG("cloud storage is disabled now");
         return CS_FAIL; // -1 here, not -2000 as in the other calls
     }
     const uint32_t now = uni_time_get_posix();
     cs_seq::time(50, now);
 
-    if (c->store_mode.load(kRelaxed) == STORE_MODE_EVENT) {
+    if (c->store_mode == STORE_MODE_EVENT) {
         const int32_t ret = admit_event(now);
         if (ret != 0) {
             return ret;
@@ -182,11 +179,11 @@ int32_t check_retype_allowed(cloud_storage_ctl_t *c) {
     if (!inited_or_log(c)) {
         return CS_FAIL;
     }
-    if (c->enable.load(kRelaxed) == 0) {
+    if (c->enable == 0) {
         CS_DBG("cloud storage is disabled now");
         return CS_NOT_ALLOWED;
     }
-    const int32_t mode = c->store_mode.load(kRelaxed);
+    const int32_t mode = c->store_mode;
     if (mode > STORE_MODE_EVENT) {
         CS_ERR("cloud storage type error %d", static_cast<int>(mode));
         return CS_NOT_ALLOWED;

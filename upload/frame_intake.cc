@@ -127,7 +127,7 @@ int32_t __upload_frame(const upload_frame_t *frame) {
     if (ctl.media_data_len == 0) {
         is_first_video_frame = 1;
     }
-    uint8_t *entry = ctl.media_buffer.load() + ctl.media_data_len;
+    uint8_t *entry = ctl.media_buffer + ctl.media_data_len;
 
     if (is_encrypted_type(frame->type)) {
         header.length = encrypt_payload(ctl, *frame, entry + MEDIA_ENTRY_HEADER_SIZE);

@@ -391,7 +391,7 @@ bool cloud_storage_thread_pass(upload_thread_state *st) {
         }
     }
 
-    switch (ctl.store_mode.load()) {
+    switch (ctl.store_mode) {
     case STORE_MODE_ALLTIME:
         pass_alltime(ctl, *st, now);
         break;
@@ -410,7 +410,7 @@ void cloud_storage_thread_exit(upload_thread_state *st) {
     // A thread overtaken by a newer init leaves the buffer, the events and AES to the
     // current thread and only releases what is its own.
     const bool current = thread_is_current(ctl, *st);
-    if (current && ctl.media_buffer.load() != nullptr) {
+    if (current && ctl.media_buffer != nullptr) {
         CS_DBG("free media_buffer");
         Free(ctl.media_buffer.exchange(nullptr));
     }
