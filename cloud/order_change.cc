@@ -12,10 +12,10 @@
 
 namespace {
 
-constexpr char kActionStore[] = "store";
-constexpr char kActionAbort[] = "abort";
+constexpr char ACTION_STORE[] = "store";
+constexpr char ACTION_ABORT[] = "abort";
 /// Store mode text standing for the absence of a valid order.
-constexpr char kModeNone[] = "max";
+constexpr char MODE_TEXT_NONE[] = "max";
 
 // ---- helpers -----------------------------------------------------------------------------
 
@@ -51,7 +51,7 @@ void apply_abort_order(cloud_storage_ctl_t *c) {
     {
         kit_lock hold(c->upload_mutex);
         snprintf(c->storage_config.store_mode, sizeof(c->storage_config.store_mode), "%s",
-                 kModeNone);
+                 MODE_TEXT_NONE);
         c->store_mode = STORE_MODE_NONE;
         cs_seq::report_none(14);
     }
@@ -77,7 +77,7 @@ void __cloud_storage_order_change(const char *action, const char *mode) {
     // Always told first, before anything about the order is decided.
     (void)cloud_cfg_broadcast_update_status();
 
-    if (strcmp(action, kActionStore) == 0) {
+    if (strcmp(action, ACTION_STORE) == 0) {
         apply_store_order(c, mode);
     } else {
         apply_abort_order(c);
@@ -98,17 +98,17 @@ void __cloud_storage_order_change_callback(cJSON *root) {
     CS_DBG("get cloud storage req");
     CS_DBG("action:%s\n", action);
 
-    if (strcmp(action, kActionAbort) == 0) {
-        __cloud_storage_order_change(kActionAbort, kModeNone);
+    if (strcmp(action, ACTION_ABORT) == 0) {
+        __cloud_storage_order_change(ACTION_ABORT, MODE_TEXT_NONE);
         return;
     }
-    if (strcmp(action, kActionStore) == 0) {
+    if (strcmp(action, ACTION_STORE) == 0) {
         const char *mode = string_member(data, "storeMode");
         if (mode == nullptr) {
-            __cloud_storage_order_change(kActionStore, kModeNone);
+            __cloud_storage_order_change(ACTION_STORE, MODE_TEXT_NONE);
             return;
         }
         CS_DBG("storeMode:%s\n", mode);
-        __cloud_storage_order_change(kActionStore, mode);
+        __cloud_storage_order_change(ACTION_STORE, mode);
     }
 }

@@ -11,18 +11,18 @@
 
 namespace {
 
-constexpr int32_t kMaxDuration = 1800;
-constexpr int32_t kSnapshotSize = 102400;
-constexpr size_t kExtraSpare = 16;
+constexpr int32_t MAX_DURATION = 1800;
+constexpr int32_t SNAPSHOT_SIZE = 102400;
+constexpr size_t EXTRA_SPARE = 16;
 
-constexpr uint32_t kAlarmKind = 4;
+constexpr uint32_t ALARM_KIND = 4;
 
 struct trigger_action {
     const char *name;
     bool records;
     uint32_t with_picture;
 };
-constexpr trigger_action kActions[] = {
+constexpr trigger_action TRIGGER_ACTIONS[] = {
     {"pic", false, 1},
     {"record", true, 0},
     {"pic_v", true, 1},
@@ -31,7 +31,7 @@ constexpr trigger_action kActions[] = {
 // ---- helpers -----------------------------------------------------------------------------
 
 const trigger_action *find_action(const char *name) {
-    for (const trigger_action &action : kActions) {
+    for (const trigger_action &action : TRIGGER_ACTIONS) {
         if (strcmp(action.name, name) == 0) {
             return &action;
         }
@@ -44,7 +44,7 @@ void raise_alarm(uint32_t with_picture, uint32_t now, char *extra, uint8_t *pict
                  uint32_t picture_size) {
     vexo_alarm_event_t alarm;
     memset(&alarm, 0, sizeof(alarm));
-    alarm.kind = kAlarmKind;
+    alarm.kind = ALARM_KIND;
     alarm.reserved0 = 0;
     alarm.with_picture = with_picture;
     alarm.time = now;
@@ -65,7 +65,7 @@ void handle_trigger(const trigger_action &action, int32_t duration, const cJSON 
     cloud_storage_ctl_t *c = &cloud_storage_ctl;
     char *ext_text = cJSON_PrintUnformatted(ext);
     uint8_t *snapshot =
-        ext_text != nullptr ? static_cast<uint8_t *>(Malloc(kSnapshotSize)) : nullptr;
+        ext_text != nullptr ? static_cast<uint8_t *>(Malloc(SNAPSHOT_SIZE)) : nullptr;
     if (snapshot == nullptr) {
         CS_ERR("fail to malloc buffer");
         cs_seq::report_none(45);
@@ -73,9 +73,9 @@ void handle_trigger(const trigger_action &action, int32_t duration, const cJSON 
         return;
     }
 
-    int32_t size = kSnapshotSize;
+    int32_t size = SNAPSHOT_SIZE;
     (void)vexo_ipc_get_snapshot_cb(snapshot, &size);
-    if (size == 0 || static_cast<uint32_t>(size) > static_cast<uint32_t>(kSnapshotSize)) {
+    if (size == 0 || static_cast<uint32_t>(size) > static_cast<uint32_t>(SNAPSHOT_SIZE)) {
         CS_ERR("fail to get snap or oversize %d", static_cast<int>(size));
         Free(snapshot);
         cs_seq::report_code(46, size);
@@ -102,7 +102,7 @@ void handle_trigger(const trigger_action &action, int32_t duration, const cJSON 
         }
     }
 
-    const size_t extra_size = strlen(ext_text) + kExtraSpare;
+    const size_t extra_size = strlen(ext_text) + EXTRA_SPARE;
     char *extra = static_cast<char *>(Malloc(extra_size));
     if (extra == nullptr) {
         CS_ERR("fail to malloc buf");
@@ -159,7 +159,7 @@ void __cloud_storage_iot_event_trigger_callback(cJSON *root) {
         cs_seq::report_none(41);
         return;
     }
-    if (duration > kMaxDuration) {
+    if (duration > MAX_DURATION) {
         CS_ERR("duration too big %d", static_cast<int>(duration));
         cs_seq::report_code(42, duration);
         return;

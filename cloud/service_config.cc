@@ -12,16 +12,16 @@
 
 namespace {
 
-constexpr char kModeAlltime[] = "alltime";
-constexpr char kModeEvent[] = "event";
-constexpr char kModeNone[] = "max";
-constexpr char kCloudTypeAzure[] = "azure";
+constexpr char MODE_TEXT_ALLTIME[] = "alltime";
+constexpr char MODE_TEXT_EVENT[] = "event";
+constexpr char MODE_TEXT_NONE[] = "max";
+constexpr char CLOUD_TYPE_AZURE[] = "azure";
 
-constexpr int32_t kConfigFlag = 1;
-constexpr size_t kAddressSize = 256;
+constexpr int32_t CONFIG_FLAG = 1;
+constexpr size_t ADDRESS_SIZE = 256;
 /// The daily refresh runs in the first hour after local midnight, from minute 3 on.
-constexpr int kRefreshHour = 0;
-constexpr int kRefreshLastQuietMinute = 2;
+constexpr int REFRESH_HOUR = 0;
+constexpr int REFRESH_LAST_QUIET_MINUTE = 2;
 
 // ---- file-level state --------------------------------------------------------------------
 
@@ -38,7 +38,7 @@ cloud_storage_ctl_t *ctl() {
 }
 
 void mark_store_mode_text_none(vexo_storage_config_t *cfg) {
-    snprintf(cfg->store_mode, sizeof(cfg->store_mode), "%s", kModeNone);
+    snprintf(cfg->store_mode, sizeof(cfg->store_mode), "%s", MODE_TEXT_NONE);
 }
 
 /// Appends src to the text in dst (capacity cap), cut short as a bounded print would be.
@@ -55,8 +55,8 @@ void append_text(char *dst, size_t cap, const char *src) {
 /// and the suffix joined with a dot. Nothing here uses the address; it is kept for parity
 /// with that path and is harmless.
 void compose_storage_address(const vexo_storage_config_t *cfg) {
-    char address[kAddressSize] = {};
-    if (strcmp(cfg->cloud_type, kCloudTypeAzure) == 0) {
+    char address[ADDRESS_SIZE] = {};
+    if (strcmp(cfg->cloud_type, CLOUD_TYPE_AZURE) == 0) {
         append_text(address, sizeof(address), cfg->azure_address);
     } else {
         append_text(address, sizeof(address), cfg->address_prefix);
@@ -91,7 +91,7 @@ int32_t __update_cloud_storage_config() {
     const uint32_t now = uni_time_get_posix();
     cs_seq::time(70, now);
 
-    const int32_t ret = cloud_get_storage_config(cfg, kConfigFlag);
+    const int32_t ret = cloud_get_storage_config(cfg, CONFIG_FLAG);
     if (ret == CS_ORDER_INVALID || ret == CS_SERVICE_FAILED) {
         CS_DBG("order expire or remote server error");
         c->store_mode = STORE_MODE_NONE;
@@ -110,10 +110,10 @@ int32_t __update_cloud_storage_config() {
     CS_DBG("store mode update to %s", cfg->store_mode);
     cs_seq::text(72, cfg->store_mode);
 
-    if (strcmp(cfg->store_mode, kModeAlltime) == 0) {
+    if (strcmp(cfg->store_mode, MODE_TEXT_ALLTIME) == 0) {
         c->store_mode = STORE_MODE_ALLTIME;
         c->config_time = now;
-    } else if (strcmp(cfg->store_mode, kModeEvent) == 0) {
+    } else if (strcmp(cfg->store_mode, MODE_TEXT_EVENT) == 0) {
         c->store_mode = STORE_MODE_EVENT;
         c->config_time = now;
     } else {
@@ -183,10 +183,10 @@ void __update_cloud_storage_config_new_day() {
     } else if (new_day_update == 1) {
         return;
     }
-    if (local.tm_min <= kRefreshLastQuietMinute) {
+    if (local.tm_min <= REFRESH_LAST_QUIET_MINUTE) {
         return;
     }
-    if (local.tm_hour != kRefreshHour) {
+    if (local.tm_hour != REFRESH_HOUR) {
         return;
     }
     if (__update_cloud_storage_config() == CS_OK) {

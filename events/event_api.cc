@@ -10,9 +10,9 @@
 
 namespace {
 
-constexpr uint32_t kMaxRecordOnlyDuration = 300;
-constexpr int kStopPolls = 301;
-constexpr uint32_t kStopPollMs = 100;
+constexpr uint32_t MAX_RECORD_ONLY_DURATION = 300;
+constexpr int STOP_POLLS = 301;
+constexpr uint32_t STOP_POLL_MS = 100;
 
 // ---- helpers -----------------------------------------------------------------------------
 
@@ -88,10 +88,10 @@ int32_t event_start() {
 }
 
 int32_t event_add_record_only(int32_t type, int32_t duration) {
-    if (type_out_of_range(type) || static_cast<uint32_t>(duration) > kMaxRecordOnlyDuration) {
+    if (type_out_of_range(type) || static_cast<uint32_t>(duration) > MAX_RECORD_ONLY_DURATION) {
         CS_ERR("invalid input  type %d(%d) duration %d(%d)", static_cast<int>(type),
                static_cast<int>(EVENT_TYPE_NONE), static_cast<int>(duration),
-               static_cast<int>(kMaxRecordOnlyDuration));
+               static_cast<int>(MAX_RECORD_ONLY_DURATION));
         return CS_FAIL;
     }
     cloud_storage_ctl_t *c = ctl();
@@ -130,8 +130,8 @@ int32_t event_stop() {
         return CS_FAIL;
     }
     __mark_event_to_stop(c, EVENT_TYPE_MD);
-    for (int poll = 0; poll < kStopPolls; ++poll) {
-        vexo_hal_system_sleep(kStopPollMs);
+    for (int poll = 0; poll < STOP_POLLS; ++poll) {
+        vexo_hal_system_sleep(STOP_POLL_MS);
         if (__get_event_status(c, EVENT_TYPE_MD) == EVENT_NONE) {
             CS_DBG("stop event done");
             return CS_OK;

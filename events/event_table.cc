@@ -14,7 +14,7 @@ namespace {
 
 /// Notification text of a remote-trigger event, written when it is added. The source id is
 /// inserted as it stands: the caller passes text that is already a JSON value.
-constexpr char kIotNotifyFormat[] =
+constexpr char IOT_NOTIFY_FORMAT[] =
     "{\"v\":2,\"startTime\":%d,\"endTime\":%d,\"eventType\":%d,\"sourceId\":%s}";
 
 // ---- file-level state ------------------------------------------------------------------
@@ -91,7 +91,7 @@ int32_t __add_event_to_list(cloud_storage_ctl_t *ctl, int32_t type, uint32_t sta
                 return -1;
             }
             slot->notify_type = EVENT_NOTIFY_IOT;
-            snprintf(slot->notify_json, sizeof(slot->notify_json), kIotNotifyFormat,
+            snprintf(slot->notify_json, sizeof(slot->notify_json), IOT_NOTIFY_FORMAT,
                      static_cast<int>(start), static_cast<int>(end), static_cast<int>(type),
                      source_id);
         } else if (type == EVENT_TYPE_UNKNOWN) {
