@@ -7,8 +7,6 @@
 #include "core/cloud_storage_internal.h"
 #include "core/cs_log.h"
 
-// ---- constants ---------------------------------------------------------------------------
-
 namespace {
 
 /// API names by notification type: 0 start, 1 stop, 2 event report (never sent here).
@@ -37,8 +35,6 @@ constexpr char START_BODY_VIDEO_ONLY[] =
     "{\"startTime\":%d,\"payloadInfo\":\"{\\\"v\\\":1,\\\"vType\\\":\\\"%d\\\",\\\"vFps\\\":%d,"
     "\\\"vWide\\\":%d,\\\"vHigh\\\":%d}\",\"mtu\":%d,\"enKeyMd5\":\"%s\"}";
 constexpr char STOP_BODY[] = "{\"startTime\":%d,\"endTime\":%d}";
-
-// ---- helpers -----------------------------------------------------------------------------
 
 /// Integer value of an answer item; a JSON true reads as 1 however the object was built.
 int item_int_value(const cJSON *item) {
@@ -71,8 +67,6 @@ void print_start_body(char *body, size_t size, uint32_t start_time,
 }
 
 } // namespace
-
-// ---- sender ------------------------------------------------------------------------------
 
 int32_t httpc_ipc_cloud_storage_event_notify_v10(const char *gw_id, int32_t type,
                                                  const char *cloud_msg, cJSON **result) {
@@ -113,8 +107,6 @@ int32_t httpc_ipc_cloud_storage_event_notify_v10(const char *gw_id, int32_t type
 int32_t httpc_ipc_cloud_storage_event_notify(int32_t type, const char *cloud_msg, cJSON **result) {
     return httpc_ipc_cloud_storage_event_notify_v10(get_gw_cntl()->gw_id, type, cloud_msg, result);
 }
-
-// ---- start and stop ----------------------------------------------------------------------
 
 int32_t cloud_storage_start_notify(uint32_t start_time, const vexo_ipc_media_info_t *media,
                                    uint32_t mtu, const char *key_md5, uint8_t *new_key) {

@@ -8,16 +8,12 @@
 #include "core/cs_log.h"
 #include "core/kit_lock.h"
 
-// ---- constants ---------------------------------------------------------------------------
-
 namespace {
 
 constexpr char ACTION_STORE[] = "store";
 constexpr char ACTION_ABORT[] = "abort";
 /// Store mode text standing for the absence of a valid order.
 constexpr char MODE_TEXT_NONE[] = "max";
-
-// ---- helpers -----------------------------------------------------------------------------
 
 /// Text of a string member of obj; null when missing or not a string.
 const char *string_member(const cJSON *obj, const char *name) {
@@ -60,8 +56,6 @@ void apply_abort_order(cloud_storage_ctl_t *c) {
 
 } // namespace
 
-// ---- order change ------------------------------------------------------------------------
-
 void __cloud_storage_order_change(const char *action, const char *mode) {
     CS_DBG("receive cloud storage message from server[action:%s store_mode:%s]", action, mode);
     cs_seq::text(10, action);
@@ -83,8 +77,6 @@ void __cloud_storage_order_change(const char *action, const char *mode) {
         apply_abort_order(c);
     }
 }
-
-// ---- MQTT handler ------------------------------------------------------------------------
 
 void __cloud_storage_order_change_callback(cJSON *root) {
     const cJSON *data = cJSON_GetObjectItem(root, "data");

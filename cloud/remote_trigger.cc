@@ -7,8 +7,6 @@
 #include "core/cloud_storage_internal.h"
 #include "core/cs_log.h"
 
-// ---- constants ---------------------------------------------------------------------------
-
 namespace {
 
 constexpr int32_t MAX_DURATION = 1800;
@@ -27,8 +25,6 @@ constexpr trigger_action TRIGGER_ACTIONS[] = {
     {"record", true, 0},
     {"pic_v", true, 1},
 };
-
-// ---- helpers -----------------------------------------------------------------------------
 
 const trigger_action *find_action(const char *name) {
     for (const trigger_action &action : TRIGGER_ACTIONS) {
@@ -121,8 +117,6 @@ void handle_trigger(const trigger_action &action, int32_t duration, const cJSON 
 }
 
 } // namespace
-
-// ---- MQTT handler ------------------------------------------------------------------------
 
 void __cloud_storage_iot_event_trigger_callback(cJSON *root) {
     CS_DBG("cloud storage event remote trigger");

@@ -8,8 +8,6 @@
 #include "core/cloud_storage_internal.h"
 #include "core/cs_log.h"
 
-// ---- constants ---------------------------------------------------------------------------
-
 namespace {
 
 constexpr char MODE_TEXT_ALLTIME[] = "alltime";
@@ -23,15 +21,11 @@ constexpr size_t ADDRESS_SIZE = 256;
 constexpr int REFRESH_HOUR = 0;
 constexpr int REFRESH_LAST_QUIET_MINUTE = 2;
 
-// ---- file-level state --------------------------------------------------------------------
-
 /// Day of the month of the last daily-refresh check (-1: none yet) and whether that day's
 /// refresh has succeeded. Callers on several threads read and write them without a lock,
 /// one whole word at a time.
 cs_word<int32_t> update_day{-1};
 cs_word<int32_t> new_day_update{0};
-
-// ---- helpers -----------------------------------------------------------------------------
 
 cloud_storage_ctl_t *ctl() {
     return &cloud_storage_ctl;
@@ -82,8 +76,6 @@ void cloud_storage_reset_config_statics() {
     update_day = -1;
     new_day_update = 0;
 }
-
-// ---- fetch and apply ---------------------------------------------------------------------
 
 int32_t __update_cloud_storage_config() {
     cloud_storage_ctl_t *c = ctl();
@@ -137,8 +129,6 @@ int32_t __update_cloud_storage_config() {
     return CS_OK;
 }
 
-// ---- admission tests ---------------------------------------------------------------------
-
 int32_t __check_silence_time(uint32_t now) {
     cloud_storage_ctl_t *c = ctl();
     const int32_t mode = c->store_mode;
@@ -170,8 +160,6 @@ int32_t __check_event_count() {
     return CS_FAIL;
 }
 
-// ---- daily refresh -----------------------------------------------------------------------
-
 void __update_cloud_storage_config_new_day() {
     const uint32_t now = uni_time_get_posix();
     struct tm local = {};
@@ -195,8 +183,6 @@ void __update_cloud_storage_config_new_day() {
         CS_ERR("fail to update cloud storage config");
     }
 }
-
-// ---- exported calls ----------------------------------------------------------------------
 
 extern "C" int32_t vexo_ipc_cloud_storage_get_ready(void) {
     return get_ready();

@@ -12,8 +12,6 @@
 
 #pragma GCC visibility push(hidden)
 
-// ---- constants ---------------------------------------------------------------------------
-
 constexpr const char *CS_MODULE = "cloud_storage";
 
 constexpr int32_t CS_OK = 0;
@@ -77,8 +75,6 @@ constexpr char CS_EVENT_NOTIFY_FORMAT[] =
 
 constexpr const char *KV_KEY_RECORD = "md5_encrypt_key";
 constexpr const char *KV_SLICE_RECORD = "storage_restriction";
-
-// ---- records -------------------------------------------------------------------------------
 
 /// One slot of the event table.
 struct cloud_storage_event {
@@ -169,7 +165,8 @@ static_assert(offsetof(media_entry_header_t, timestamp) == 8, "entry header layo
 static_assert(offsetof(media_entry_header_t, pts) == 16, "entry header layout");
 constexpr uint32_t MEDIA_ENTRY_SLACK = MEDIA_ENTRY_HEADER_SIZE + 16; // header + one cipher block
 
-// ---- state ---------------------------------------------------------------------------------
+// core/control_block.cc: the control block and its statics. The partial resets live in the
+// files whose statics they reset.
 
 extern cloud_storage_ctl_t cloud_storage_ctl;
 extern uint32_t s_max_frame_size;
@@ -182,7 +179,7 @@ void cloud_storage_reset_event_statics();  // next event id
 void cloud_storage_reset_config_statics(); // daily refresh day and latch
 void cloud_storage_reset_intake_statics(); // first-key-frame flag and midnight latch
 
-// ---- core: key and slice-duration store ----------------------------------------------------
+// core/key_store.cc: the key record and the slice-duration record.
 
 int32_t __base_md5_key_read(const char *name, uint8_t **md5, uint32_t *md5_len, uint8_t **key,
                             uint32_t *key_len);
@@ -196,7 +193,7 @@ int32_t __update_encrypt_key(const uint8_t *key, char *md5_out);
 void cloud_storage_key_md5_text(const uint8_t *key, char *out);
 int32_t __check_md5_encrypt_key();
 
-// ---- events: table, scheduling -------------------------------------------------------------
+// events/event_table.cc and events/event_schedule.cc: the event table and its scheduling.
 
 int32_t __add_event_to_list(cloud_storage_ctl_t *ctl, int32_t type, uint32_t start, uint32_t end,
                             const char *source_id);
@@ -223,7 +220,7 @@ void __force_all_event_stop(cloud_storage_ctl_t *ctl, uint32_t report_end);
 /// The upload thread's start-up repair of the table, given the count check's result.
 void cloud_storage_reconcile_events(cloud_storage_ctl_t *ctl, int32_t count_check);
 
-// ---- cloud: notifications, configuration, MQTT handlers ------------------------------------
+// cloud/: notifications, service configuration, MQTT handlers.
 
 int32_t httpc_ipc_cloud_storage_event_notify_v10(const char *gw_id, int32_t type,
                                                  const char *cloud_msg, cJSON **result);
@@ -241,7 +238,7 @@ void __cloud_storage_iot_event_trigger_callback(cJSON *root);
 void __cloud_storage_order_change_callback(cJSON *root);
 void __cloud_storage_order_change(const char *action, const char *mode);
 
-// ---- upload: recording, frame intake, thread -----------------------------------------------
+// upload/: cloud recording, frame intake, the worker thread.
 
 int32_t __cloud_storage_upload_start(uint32_t start_time);
 int32_t __upload_media_slice(uint32_t now);

@@ -6,15 +6,11 @@
 #include "core/cloud_storage_internal.h"
 #include "core/cs_log.h"
 
-// ---- constants ---------------------------------------------------------------------------
-
 namespace {
 
 constexpr uint32_t MAX_RECORD_ONLY_DURATION = 300;
 constexpr int STOP_POLLS = 301;
 constexpr uint32_t STOP_POLL_MS = 100;
-
-// ---- helpers -----------------------------------------------------------------------------
 
 cloud_storage_ctl_t *ctl() {
     return &cloud_storage_ctl;
@@ -245,8 +241,6 @@ int32_t event_notify(int32_t id, int32_t type) {
 }
 
 } // namespace
-
-// ---- exported calls ----------------------------------------------------------------------
 
 extern "C" {
 

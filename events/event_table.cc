@@ -8,8 +8,6 @@
 #include "core/cs_log.h"
 #include "core/kit_lock.h"
 
-// ---- constants ---------------------------------------------------------------------------
-
 namespace {
 
 /// Notification text of a remote-trigger event, written when it is added. The source id is
@@ -17,13 +15,9 @@ namespace {
 constexpr char IOT_NOTIFY_FORMAT[] =
     "{\"v\":2,\"startTime\":%d,\"endTime\":%d,\"eventType\":%d,\"sourceId\":%s}";
 
-// ---- file-level state ------------------------------------------------------------------
-
 /// Next event id. Read and incremented only under event_mutex; never reset by init, wraps
 /// as an unsigned 32-bit number.
 uint32_t s_event_id = 1;
-
-// ---- helpers -----------------------------------------------------------------------------
 
 bool slot_is_live(const cloud_storage_event &slot) {
     return slot.status == EVENT_ONGOING || slot.status == EVENT_READY;
@@ -53,8 +47,6 @@ uint32_t cloud_storage_stop_time_now() {
     }
     return uni_time_get_posix();
 }
-
-// ---- table primitives --------------------------------------------------------------------
 
 void cloud_storage_free_slot(cloud_storage_event *slot, bool clear_fast_stop) {
     slot->type = EVENT_TYPE_NONE;
