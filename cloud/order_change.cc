@@ -23,16 +23,16 @@ const char *string_member(const cJSON *obj, const char *name) {
 
 /// A "store" order: keeps going when the mode text is the one held, else fetches the
 /// configuration again (the new mode comes from the fetch, not from the message).
-void apply_store_order(cloud_storage_ctl_t *c, const char *mode) {
+void apply_store_order(cloud_storage_ctl_t &ctl, const char *mode) {
     bool unchanged = false;
     {
-        kit_lock hold(c->upload_mutex);
-        unchanged = strcmp(mode, c->storage_config.store_mode) == 0;
+        kit_lock hold(ctl.upload_mutex);
+        unchanged = strcmp(mode, ctl.storage_config.store_mode) == 0;
         if (unchanged) {
             CS_DBG("keep going");
         } else {
             (void)__update_cloud_storage_config();
-            CS_DBG("new cloud type -> %d", static_cast<int>(c->store_mode));
+            CS_DBG("new cloud type -> %d", static_cast<int>(ctl.store_mode));
         }
     }
     if (unchanged) {
@@ -43,12 +43,12 @@ void apply_store_order(cloud_storage_ctl_t *c, const char *mode) {
 }
 
 /// Any other order: no valid order from now on.
-void apply_abort_order(cloud_storage_ctl_t *c) {
+void apply_abort_order(cloud_storage_ctl_t &ctl) {
     {
-        kit_lock hold(c->upload_mutex);
-        snprintf(c->storage_config.store_mode, sizeof(c->storage_config.store_mode), "%s",
+        kit_lock hold(ctl.upload_mutex);
+        snprintf(ctl.storage_config.store_mode, sizeof(ctl.storage_config.store_mode), "%s",
                  MODE_TEXT_NONE);
-        c->store_mode = STORE_MODE_NONE;
+        ctl.store_mode = STORE_MODE_NONE;
         cs_seq::report_none(14);
     }
     CS_DBG("order change done");
@@ -60,8 +60,8 @@ void __cloud_storage_order_change(const char *action, const char *mode) {
     CS_DBG("receive cloud storage message from server[action:%s store_mode:%s]", action, mode);
     cs_seq::text(10, action);
 
-    cloud_storage_ctl_t *c = &cloud_storage_ctl;
-    if (c->inited == 0) {
+    cloud_storage_ctl_t &ctl = cloud_storage_ctl;
+    if (ctl.inited == 0) {
         CS_DBG("not inited, just return");
         cs_seq::report_none(11);
         return;
@@ -72,9 +72,9 @@ void __cloud_storage_order_change(const char *action, const char *mode) {
     (void)cloud_cfg_broadcast_update_status();
 
     if (strcmp(action, ACTION_STORE) == 0) {
-        apply_store_order(c, mode);
+        apply_store_order(ctl, mode);
     } else {
-        apply_abort_order(c);
+        apply_abort_order(ctl);
     }
 }
 

@@ -58,7 +58,7 @@ void raise_alarm(uint32_t with_picture, uint32_t now, char *extra, uint8_t *pict
 
 /// The request once its message is read: snapshot, optional recording event, alarm.
 void handle_trigger(const trigger_action &action, int32_t duration, const cJSON *ext) {
-    cloud_storage_ctl_t *c = &cloud_storage_ctl;
+    cloud_storage_ctl_t &ctl = cloud_storage_ctl;
     char *ext_text = cJSON_PrintUnformatted(ext);
     uint8_t *snapshot =
         ext_text != nullptr ? static_cast<uint8_t *>(Malloc(SNAPSHOT_SIZE)) : nullptr;
@@ -81,7 +81,7 @@ void handle_trigger(const trigger_action &action, int32_t duration, const cJSON 
 
     const uint32_t now = uni_time_get_posix();
     if (action.records) {
-        const int32_t mode = c->store_mode;
+        const int32_t mode = ctl.store_mode;
         if (mode != STORE_MODE_ALLTIME && mode != STORE_MODE_EVENT) {
             CS_ERR("cloud storage type error %d", static_cast<int>(mode));
             Free(snapshot);
@@ -89,7 +89,7 @@ void handle_trigger(const trigger_action &action, int32_t duration, const cJSON 
             return;
         }
         const uint32_t end = now + static_cast<uint32_t>(duration);
-        if (__add_event_to_list(c, EVENT_TYPE_IOT, now, end, ext_text) == -1) {
+        if (__add_event_to_list(&ctl, EVENT_TYPE_IOT, now, end, ext_text) == -1) {
             CS_ERR("fail to add event");
             Free(snapshot);
             cs_seq::report_none(47);
@@ -147,8 +147,8 @@ void __cloud_storage_iot_event_trigger_callback(cJSON *root) {
     CS_DBG("action:%s, duration:%d\n", action_text, static_cast<int>(duration));
     cs_seq::text(40, action_text);
 
-    cloud_storage_ctl_t *c = &cloud_storage_ctl;
-    if (c->inited == 0) {
+    cloud_storage_ctl_t &ctl = cloud_storage_ctl;
+    if (ctl.inited == 0) {
         CS_DBG("not inited, just return");
         cs_seq::report_none(41);
         return;
@@ -158,7 +158,7 @@ void __cloud_storage_iot_event_trigger_callback(cJSON *root) {
         cs_seq::report_code(42, duration);
         return;
     }
-    if (c->enable == 0) {
+    if (ctl.enable == 0) {
         CS_DBG("cloud storage is disabled now");
         cs_seq::report_none(44);
         return;

@@ -27,10 +27,6 @@ constexpr int REFRESH_LAST_QUIET_MINUTE = 2;
 cs_word<int32_t> update_day{-1};
 cs_word<int32_t> new_day_update{0};
 
-cloud_storage_ctl_t *ctl() {
-    return &cloud_storage_ctl;
-}
-
 void mark_store_mode_text_none(vexo_storage_config_t *cfg) {
     snprintf(cfg->store_mode, sizeof(cfg->store_mode), "%s", MODE_TEXT_NONE);
 }
@@ -78,24 +74,24 @@ void cloud_storage_reset_config_statics() {
 }
 
 int32_t __update_cloud_storage_config() {
-    cloud_storage_ctl_t *c = ctl();
-    vexo_storage_config_t *cfg = &c->storage_config;
+    cloud_storage_ctl_t &ctl = cloud_storage_ctl;
+    vexo_storage_config_t *cfg = &ctl.storage_config;
     const uint32_t now = uni_time_get_posix();
     cs_seq::time(70, now);
 
     const int32_t ret = cloud_get_storage_config(cfg, CONFIG_FLAG);
     if (ret == CS_ORDER_INVALID || ret == CS_SERVICE_FAILED) {
         CS_DBG("order expire or remote server error");
-        c->store_mode = STORE_MODE_NONE;
-        c->have_config = 1;
+        ctl.store_mode = STORE_MODE_NONE;
+        ctl.have_config = 1;
         mark_store_mode_text_none(cfg);
-        c->order_invalid_time = uni_time_get_posix();
+        ctl.order_invalid_time = uni_time_get_posix();
         cs_seq::report_code(71, ret);
         return CS_ORDER_EXPIRED;
     }
     if (ret != 0) {
         CS_ERR("fail to get cloud config ret %d", static_cast<int>(ret));
-        c->order_invalid_time = now;
+        ctl.order_invalid_time = now;
         return ret;
     }
 
@@ -103,25 +99,25 @@ int32_t __update_cloud_storage_config() {
     cs_seq::text(72, cfg->store_mode);
 
     if (strcmp(cfg->store_mode, MODE_TEXT_ALLTIME) == 0) {
-        c->store_mode = STORE_MODE_ALLTIME;
-        c->config_time = now;
+        ctl.store_mode = STORE_MODE_ALLTIME;
+        ctl.config_time = now;
     } else if (strcmp(cfg->store_mode, MODE_TEXT_EVENT) == 0) {
-        c->store_mode = STORE_MODE_EVENT;
-        c->config_time = now;
+        ctl.store_mode = STORE_MODE_EVENT;
+        ctl.config_time = now;
     } else {
-        c->store_mode = STORE_MODE_NONE;
-        c->order_invalid_time = now;
-        c->have_config = 1;
+        ctl.store_mode = STORE_MODE_NONE;
+        ctl.order_invalid_time = now;
+        ctl.have_config = 1;
         return CS_ORDER_EXPIRED;
     }
 
-    c->count_left = cfg->count_left;
-    c->silence_interval = static_cast<uint32_t>(cfg->silence_interval);
-    CS_DBG("count_left: %d, silence_interval: %d", static_cast<int>(c->count_left),
-           static_cast<int>(c->silence_interval));
+    ctl.count_left = cfg->count_left;
+    ctl.silence_interval = static_cast<uint32_t>(cfg->silence_interval);
+    CS_DBG("count_left: %d, silence_interval: %d", static_cast<int>(ctl.count_left),
+           static_cast<int>(ctl.silence_interval));
     // Raised only now, after them, so that a caller who sees a configuration also sees its
     // store mode and the day's counts.
-    c->have_config = 1;
+    ctl.have_config = 1;
     cs_seq::text(73, cfg->cloud_type);
 
     compose_storage_address(cfg);
@@ -130,10 +126,10 @@ int32_t __update_cloud_storage_config() {
 }
 
 int32_t __check_silence_time(uint32_t now) {
-    cloud_storage_ctl_t *c = ctl();
-    const int32_t mode = c->store_mode;
+    cloud_storage_ctl_t &ctl = cloud_storage_ctl;
+    const int32_t mode = ctl.store_mode;
     if (mode == STORE_MODE_EVENT) {
-        if (c->silence_interval != 0 && c->silence_end_time > now) {
+        if (ctl.silence_interval != 0 && ctl.silence_end_time > now) {
             CS_TRACE("cloud storage in silence time");
             return CS_NOT_ALLOWED;
         }
@@ -147,10 +143,10 @@ int32_t __check_silence_time(uint32_t now) {
 }
 
 int32_t __check_event_count() {
-    cloud_storage_ctl_t *c = ctl();
-    const int32_t count_left = c->count_left;
+    cloud_storage_ctl_t &ctl = cloud_storage_ctl;
+    const int32_t count_left = ctl.count_left;
     CS_TRACE("cloud storage event count left: %d", static_cast<int>(count_left));
-    const int32_t mode = c->store_mode;
+    const int32_t mode = ctl.store_mode;
     if (mode == STORE_MODE_EVENT) {
         return count_left == 0 ? CS_NOT_ALLOWED : CS_OK;
     }

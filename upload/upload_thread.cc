@@ -430,8 +430,9 @@ void cloud_storage_thread_exit(upload_thread_state *st) {
 }
 
 void __thread_cloud_storage(void * /*arg*/) {
+    cloud_storage_ctl_t &ctl = cloud_storage_ctl;
     upload_thread_state st = {};
-    st.generation = cloud_storage_ctl.thread_generation;
+    st.generation = ctl.thread_generation;
     if (!cloud_storage_thread_startup(&st)) {
         return;
     }
