@@ -90,6 +90,11 @@ struct cloud_storage_event {
 static_assert(sizeof(cloud_storage_event) == 28 + CS_NOTIFY_JSON_SIZE, "event slot layout");
 static_assert(offsetof(cloud_storage_event, notify_json) == 28, "event slot layout");
 
+/// A live slot holds an event that waits to start or is recording.
+inline bool slot_is_live(const cloud_storage_event &slot) {
+    return slot.status == EVENT_ONGOING || slot.status == EVENT_READY;
+}
+
 /// A single-word field read and written from several threads without a lock.
 template <typename T> using cs_word = std::atomic<T>;
 static_assert(sizeof(cs_word<int32_t>) == 4 && cs_word<int32_t>::is_always_lock_free,

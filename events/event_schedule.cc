@@ -10,10 +10,6 @@
 
 namespace {
 
-bool slot_is_live(const cloud_storage_event &slot) {
-    return slot.status == EVENT_ONGOING || slot.status == EVENT_READY;
-}
-
 bool notifies_at_start(const cloud_storage_event &slot) {
     return slot.notify_type == EVENT_NOTIFY_IOT || slot.notify_type == EVENT_NOTIFY_ALL;
 }

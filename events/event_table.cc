@@ -19,10 +19,6 @@ constexpr char IOT_NOTIFY_FORMAT[] =
 /// as an unsigned 32-bit number.
 uint32_t s_event_id = 1;
 
-bool slot_is_live(const cloud_storage_event &slot) {
-    return slot.status == EVENT_ONGOING || slot.status == EVENT_READY;
-}
-
 /// First slot carrying the id, whatever its status; null when none. Caller holds the lock
 /// where one is needed.
 cloud_storage_event *find_by_id(cloud_storage_ctl_t *ctl, uint32_t id) {
