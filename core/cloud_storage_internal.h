@@ -12,8 +12,6 @@
 
 #pragma GCC visibility push(hidden)
 
-constexpr const char *CS_MODULE = "cloud_storage";
-
 constexpr int32_t CS_OK = 0;
 constexpr int32_t CS_FAIL = -1;
 constexpr int32_t CS_BAD_ARG = -2;
