@@ -2,7 +2,6 @@
 /// The settings are single words that the upload thread polls.
 #include "core/cloud_storage_internal.h"
 #include "core/cs_log.h"
-#include "core/kit_lock.h"
 
 extern "C" int32_t vexo_ipc_cloud_storage_get_store_mode(void) {
     cloud_storage_ctl_t &ctl = cloud_storage_ctl;
@@ -63,13 +62,9 @@ extern "C" void vexo_ipc_cloud_storage_resume(void) {
 
 extern "C" int32_t vexo_ipc_cloud_storage_get_status(void) {
     cloud_storage_ctl_t &ctl = cloud_storage_ctl;
-    {
-        kit_lock lock(ctl.event_mutex);
-        for (const cloud_storage_event &slot : ctl.events) {
-            if (slot.status != EVENT_NONE) {
-                return 1;
-            }
-        }
+    // The table is asked under its lock; upload_status is read after the lock is released.
+    if (__event_list_is_empty(&ctl) == 0) {
+        return 1;
     }
     return ctl.upload_status == UPLOAD_STATUS_RUNNING ? 1 : 0;
 }
