@@ -7,38 +7,34 @@
 #include "core/cloud_storage_internal.h"
 #include "core/cs_log.h"
 
-// ---- constants ---------------------------------------------------------------------------
-
 namespace {
 
 /// API names by notification type: 0 start, 1 stop, 2 event report (never sent here).
-constexpr std::array<const char *, 3> kApiNames = {
+constexpr std::array<const char *, 3> API_NAMES = {
     "vexo.device.ipc.media.storage.notify.upload.start",
     "vexo.device.ipc.media.storage.notify.upload.stop",
     "vexo.device.ipc.media.storage.report.event",
 };
-constexpr char kApiVersion[] = "1.0";
+constexpr char API_VERSION[] = "1.0";
 
-constexpr int32_t kNotifyStart = 0;
-constexpr int32_t kNotifyStop = 1;
+constexpr int32_t NOTIFY_START = 0;
+constexpr int32_t NOTIFY_STOP = 1;
 
 /// Spare zero bytes after the body copy, room for the HTTP client to work in place.
-constexpr size_t kPostSpare = 30;
-constexpr size_t kBodySize = 256;
-constexpr size_t kMaxKeyText = 64;
-constexpr size_t kKeyBytes = 16;
+constexpr size_t POST_SPARE = 30;
+constexpr size_t BODY_SIZE = 256;
+constexpr size_t MAX_KEY_TEXT = 64;
+constexpr size_t KEY_BYTES = 16;
 
 /// Start body. payloadInfo is a JSON text carried as a JSON string, hence its escaped quotes.
-constexpr char kStartBodyWithAudio[] =
+constexpr char START_BODY_WITH_AUDIO[] =
     "{\"startTime\":%d,\"payloadInfo\":\"{\\\"v\\\":1,\\\"vType\\\":\\\"%d\\\",\\\"vFps\\\":%d,"
     "\\\"vWide\\\":%d,\\\"vHigh\\\":%d,\\\"aType\\\":\\\"%d\\\",\\\"aSampling\\\":%d,"
     "\\\"aBitwide\\\":%d,\\\"aChannels\\\":%d}\",\"mtu\":%d,\"enKeyMd5\":\"%s\"}";
-constexpr char kStartBodyVideoOnly[] =
+constexpr char START_BODY_VIDEO_ONLY[] =
     "{\"startTime\":%d,\"payloadInfo\":\"{\\\"v\\\":1,\\\"vType\\\":\\\"%d\\\",\\\"vFps\\\":%d,"
     "\\\"vWide\\\":%d,\\\"vHigh\\\":%d}\",\"mtu\":%d,\"enKeyMd5\":\"%s\"}";
-constexpr char kStopBody[] = "{\"startTime\":%d,\"endTime\":%d}";
-
-// ---- helpers -----------------------------------------------------------------------------
+constexpr char STOP_BODY[] = "{\"startTime\":%d,\"endTime\":%d}";
 
 /// Integer value of an answer item; a JSON true reads as 1 however the object was built.
 int item_int_value(const cJSON *item) {
@@ -54,7 +50,7 @@ int item_int_value(const cJSON *item) {
 void print_start_body(char *body, size_t size, uint32_t start_time,
                       const vexo_ipc_media_info_t *media, uint32_t mtu, const char *key_md5) {
     if (media->channel_enable[CS_AUDIO_CHANNEL] != 0) {
-        snprintf(body, size, kStartBodyWithAudio, static_cast<int>(start_time),
+        snprintf(body, size, START_BODY_WITH_AUDIO, static_cast<int>(start_time),
                  static_cast<int>(media->video_codec[0]), static_cast<int>(media->video_fps[0]),
                  static_cast<int>(media->video_width[0]), static_cast<int>(media->video_height[0]),
                  static_cast<int>(media->audio_codec[CS_AUDIO_CHANNEL]),
@@ -63,7 +59,7 @@ void print_start_body(char *body, size_t size, uint32_t start_time,
                  static_cast<int>(media->audio_channel[CS_AUDIO_CHANNEL]), static_cast<int>(mtu),
                  key_md5);
     } else {
-        snprintf(body, size, kStartBodyVideoOnly, static_cast<int>(start_time),
+        snprintf(body, size, START_BODY_VIDEO_ONLY, static_cast<int>(start_time),
                  static_cast<int>(media->video_codec[0]), static_cast<int>(media->video_fps[0]),
                  static_cast<int>(media->video_width[0]), static_cast<int>(media->video_height[0]),
                  static_cast<int>(mtu), key_md5);
@@ -72,14 +68,12 @@ void print_start_body(char *body, size_t size, uint32_t start_time,
 
 } // namespace
 
-// ---- sender ------------------------------------------------------------------------------
-
 int32_t httpc_ipc_cloud_storage_event_notify_v10(const char *gw_id, int32_t type,
                                                  const char *cloud_msg, cJSON **result) {
-    if (type < 0 || static_cast<size_t>(type) >= kApiNames.size()) {
+    if (type < 0 || static_cast<size_t>(type) >= API_NAMES.size()) {
         return CS_BAD_ARG;
     }
-    const char *api_name = kApiNames[static_cast<size_t>(type)];
+    const char *api_name = API_NAMES[static_cast<size_t>(type)];
     if (gw_id == nullptr) {
         CS_ERR("%s is null", "gw_id");
         return CS_BAD_ARG;
@@ -94,7 +88,7 @@ int32_t httpc_ipc_cloud_storage_event_notify_v10(const char *gw_id, int32_t type
     }
 
     const size_t msg_len = strlen(cloud_msg);
-    const size_t post_len = msg_len + kPostSpare;
+    const size_t post_len = msg_len + POST_SPARE;
     char *post_data = static_cast<char *>(Malloc(post_len));
     if (post_data == nullptr) {
         CS_ERR("Malloc Fail.");
@@ -104,7 +98,7 @@ int32_t httpc_ipc_cloud_storage_event_notify_v10(const char *gw_id, int32_t type
     memcpy(post_data, cloud_msg, msg_len); // terminated: the spare bytes stay zero
 
     const int32_t ret =
-        iot_httpc_common_post_no_remalloc(api_name, kApiVersion, nullptr, gw_id, post_data,
+        iot_httpc_common_post_no_remalloc(api_name, API_VERSION, nullptr, gw_id, post_data,
                                           static_cast<uint32_t>(post_len), nullptr, result);
     Free(post_data);
     return ret;
@@ -114,16 +108,14 @@ int32_t httpc_ipc_cloud_storage_event_notify(int32_t type, const char *cloud_msg
     return httpc_ipc_cloud_storage_event_notify_v10(get_gw_cntl()->gw_id, type, cloud_msg, result);
 }
 
-// ---- start and stop ----------------------------------------------------------------------
-
 int32_t cloud_storage_start_notify(uint32_t start_time, const vexo_ipc_media_info_t *media,
                                    uint32_t mtu, const char *key_md5, uint8_t *new_key) {
-    char body[kBodySize] = {};
+    char body[BODY_SIZE] = {};
     cs_seq::time(30, start_time);
     print_start_body(body, sizeof(body), start_time, media, mtu, key_md5);
 
     cJSON *answer = nullptr;
-    const int32_t ret = httpc_ipc_cloud_storage_event_notify(kNotifyStart, body, &answer);
+    const int32_t ret = httpc_ipc_cloud_storage_event_notify(NOTIFY_START, body, &answer);
     if (ret != 0 || answer == nullptr) {
         CS_ERR("httpc_ipc_cloud_storage_event_notify fail!\n");
         if (answer != nullptr) {
@@ -155,7 +147,7 @@ int32_t cloud_storage_start_notify(uint32_t start_time, const vexo_ipc_media_inf
         return CS_START_NOTIFY_FAILED;
     }
     const size_t key_len = strlen(key_text);
-    if (key_len > kMaxKeyText) {
+    if (key_len > MAX_KEY_TEXT) {
         CS_ERR("invalid key value for key encryptKey");
         cJSON_Delete(answer);
         cs_seq::report_code(34, static_cast<int32_t>(key_len));
@@ -164,20 +156,20 @@ int32_t cloud_storage_start_notify(uint32_t start_time, const vexo_ipc_media_inf
 
     // Bounded copy of 16 bytes: a shorter key is zero-padded, a longer one cut without a
     // terminator.
-    memset(new_key, 0, kKeyBytes);
-    memcpy(new_key, key_text, key_len < kKeyBytes ? key_len : kKeyBytes);
+    memset(new_key, 0, KEY_BYTES);
+    memcpy(new_key, key_text, key_len < KEY_BYTES ? key_len : KEY_BYTES);
     cJSON_Delete(answer);
     cs_seq::report_none(35);
     return CS_NEW_KEY;
 }
 
 int32_t cloud_storage_stop_notify(uint32_t start_time, uint32_t end_time) {
-    char body[kBodySize] = {};
-    snprintf(body, sizeof(body), kStopBody, static_cast<int>(start_time),
+    char body[BODY_SIZE] = {};
+    snprintf(body, sizeof(body), STOP_BODY, static_cast<int>(start_time),
              static_cast<int>(end_time));
 
     cJSON *answer = nullptr;
-    const int32_t ret = httpc_ipc_cloud_storage_event_notify(kNotifyStop, body, &answer);
+    const int32_t ret = httpc_ipc_cloud_storage_event_notify(NOTIFY_STOP, body, &answer);
     if (answer != nullptr) {
         cJSON_Delete(answer);
     }

@@ -1,7 +1,6 @@
 /// Order change over MQTT (protocol 300): the user's cloud-storage order gained a store mode
 /// or was aborted. The change is applied with upload_mutex held, so that no slice upload runs
 /// while the order changes.
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 
@@ -9,18 +8,12 @@
 #include "core/cs_log.h"
 #include "core/kit_lock.h"
 
-// ---- constants ---------------------------------------------------------------------------
-
 namespace {
 
-constexpr auto kRelaxed = std::memory_order_relaxed;
-
-constexpr char kActionStore[] = "store";
-constexpr char kActionAbort[] = "abort";
+constexpr char ACTION_STORE[] = "store";
+constexpr char ACTION_ABORT[] = "abort";
 /// Store mode text standing for the absence of a valid order.
-constexpr char kModeNone[] = "max";
-
-// ---- helpers -----------------------------------------------------------------------------
+constexpr char MODE_TEXT_NONE[] = "max";
 
 /// Text of a string member of obj; null when missing or not a string.
 const char *string_member(const cJSON *obj, const char *name) {
@@ -30,16 +23,16 @@ const char *string_member(const cJSON *obj, const char *name) {
 
 /// A "store" order: keeps going when the mode text is the one held, else fetches the
 /// configuration again (the new mode comes from the fetch, not from the message).
-void apply_store_order(cloud_storage_ctl_t *c, const char *mode) {
+void apply_store_order(cloud_storage_ctl_t &ctl, const char *mode) {
     bool unchanged = false;
     {
-        kit_lock hold(c->upload_mutex);
-        unchanged = strcmp(mode, c->storage_config.store_mode) == 0;
+        kit_lock hold(ctl.upload_mutex);
+        unchanged = strcmp(mode, ctl.storage_config.store_mode) == 0;
         if (unchanged) {
             CS_DBG("keep going");
         } else {
             (void)__update_cloud_storage_config();
-            CS_DBG("new cloud type -> %d", static_cast<int>(c->store_mode.load(kRelaxed)));
+            CS_DBG("new cloud type -> %d", static_cast<int>(ctl.store_mode));
         }
     }
     if (unchanged) {
@@ -50,12 +43,12 @@ void apply_store_order(cloud_storage_ctl_t *c, const char *mode) {
 }
 
 /// Any other order: no valid order from now on.
-void apply_abort_order(cloud_storage_ctl_t *c) {
+void apply_abort_order(cloud_storage_ctl_t &ctl) {
     {
-        kit_lock hold(c->upload_mutex);
-        snprintf(c->storage_config.store_mode, sizeof(c->storage_config.store_mode), "%s",
-                 kModeNone);
-        c->store_mode.store(STORE_MODE_NONE, kRelaxed);
+        kit_lock hold(ctl.upload_mutex);
+        snprintf(ctl.storage_config.store_mode, sizeof(ctl.storage_config.store_mode), "%s",
+                 MODE_TEXT_NONE);
+        ctl.store_mode = STORE_MODE_NONE;
         cs_seq::report_none(14);
     }
     CS_DBG("order change done");
@@ -63,14 +56,12 @@ void apply_abort_order(cloud_storage_ctl_t *c) {
 
 } // namespace
 
-// ---- order change ------------------------------------------------------------------------
-
 void __cloud_storage_order_change(const char *action, const char *mode) {
     CS_DBG("receive cloud storage message from server[action:%s store_mode:%s]", action, mode);
     cs_seq::text(10, action);
 
-    cloud_storage_ctl_t *c = &cloud_storage_ctl;
-    if (c->inited.load(kRelaxed) == 0) {
+    cloud_storage_ctl_t &ctl = cloud_storage_ctl;
+    if (ctl.inited == 0) {
         CS_DBG("not inited, just return");
         cs_seq::report_none(11);
         return;
@@ -80,14 +71,12 @@ void __cloud_storage_order_change(const char *action, const char *mode) {
     // Always told first, before anything about the order is decided.
     (void)cloud_cfg_broadcast_update_status();
 
-    if (strcmp(action, kActionStore) == 0) {
-        apply_store_order(c, mode);
+    if (strcmp(action, ACTION_STORE) == 0) {
+        apply_store_order(ctl, mode);
     } else {
-        apply_abort_order(c);
+        apply_abort_order(ctl);
     }
 }
-
-// ---- MQTT handler ------------------------------------------------------------------------
 
 void __cloud_storage_order_change_callback(cJSON *root) {
     const cJSON *data = cJSON_GetObjectItem(root, "data");
@@ -101,17 +90,17 @@ void __cloud_storage_order_change_callback(cJSON *root) {
     CS_DBG("get cloud storage req");
     CS_DBG("action:%s\n", action);
 
-    if (strcmp(action, kActionAbort) == 0) {
-        __cloud_storage_order_change(kActionAbort, kModeNone);
+    if (strcmp(action, ACTION_ABORT) == 0) {
+        __cloud_storage_order_change(ACTION_ABORT, MODE_TEXT_NONE);
         return;
     }
-    if (strcmp(action, kActionStore) == 0) {
+    if (strcmp(action, ACTION_STORE) == 0) {
         const char *mode = string_member(data, "storeMode");
         if (mode == nullptr) {
-            __cloud_storage_order_change(kActionStore, kModeNone);
+            __cloud_storage_order_change(ACTION_STORE, MODE_TEXT_NONE);
             return;
         }
         CS_DBG("storeMode:%s\n", mode);
-        __cloud_storage_order_change(kActionStore, mode);
+        __cloud_storage_order_change(ACTION_STORE, mode);
     }
 }

@@ -1,40 +1,33 @@
 /// Remote trigger over MQTT (protocol 307): the service asks for a picture, a recording or
 /// both. The handler takes a snapshot, adds a remote-trigger event for a recording and raises
 /// an alarm event through the kit carrying the picture and the request's extra data.
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 
 #include "core/cloud_storage_internal.h"
 #include "core/cs_log.h"
 
-// ---- constants ---------------------------------------------------------------------------
-
 namespace {
 
-constexpr auto kRelaxed = std::memory_order_relaxed;
+constexpr int32_t MAX_DURATION = 1800;
+constexpr int32_t SNAPSHOT_SIZE = 102400;
+constexpr size_t EXTRA_SPARE = 16;
 
-constexpr int32_t kMaxDuration = 1800;
-constexpr int32_t kSnapshotSize = 102400;
-constexpr size_t kExtraSpare = 16;
-
-constexpr uint32_t kAlarmKind = 4;
+constexpr uint32_t ALARM_KIND = 4;
 
 struct trigger_action {
     const char *name;
     bool records;
     uint32_t with_picture;
 };
-constexpr trigger_action kActions[] = {
+constexpr trigger_action TRIGGER_ACTIONS[] = {
     {"pic", false, 1},
     {"record", true, 0},
     {"pic_v", true, 1},
 };
 
-// ---- helpers -----------------------------------------------------------------------------
-
 const trigger_action *find_action(const char *name) {
-    for (const trigger_action &action : kActions) {
+    for (const trigger_action &action : TRIGGER_ACTIONS) {
         if (strcmp(action.name, name) == 0) {
             return &action;
         }
@@ -47,7 +40,7 @@ void raise_alarm(uint32_t with_picture, uint32_t now, char *extra, uint8_t *pict
                  uint32_t picture_size) {
     vexo_alarm_event_t alarm;
     memset(&alarm, 0, sizeof(alarm));
-    alarm.kind = kAlarmKind;
+    alarm.kind = ALARM_KIND;
     alarm.reserved0 = 0;
     alarm.with_picture = with_picture;
     alarm.time = now;
@@ -65,10 +58,10 @@ void raise_alarm(uint32_t with_picture, uint32_t now, char *extra, uint8_t *pict
 
 /// The request once its message is read: snapshot, optional recording event, alarm.
 void handle_trigger(const trigger_action &action, int32_t duration, const cJSON *ext) {
-    cloud_storage_ctl_t *c = &cloud_storage_ctl;
+    cloud_storage_ctl_t &ctl = cloud_storage_ctl;
     char *ext_text = cJSON_PrintUnformatted(ext);
     uint8_t *snapshot =
-        ext_text != nullptr ? static_cast<uint8_t *>(Malloc(kSnapshotSize)) : nullptr;
+        ext_text != nullptr ? static_cast<uint8_t *>(Malloc(SNAPSHOT_SIZE)) : nullptr;
     if (snapshot == nullptr) {
         CS_ERR("fail to malloc buffer");
         cs_seq::report_none(45);
@@ -76,9 +69,9 @@ void handle_trigger(const trigger_action &action, int32_t duration, const cJSON 
         return;
     }
 
-    int32_t size = kSnapshotSize;
+    int32_t size = SNAPSHOT_SIZE;
     (void)vexo_ipc_get_snapshot_cb(snapshot, &size);
-    if (size == 0 || static_cast<uint32_t>(size) > static_cast<uint32_t>(kSnapshotSize)) {
+    if (size == 0 || static_cast<uint32_t>(size) > static_cast<uint32_t>(SNAPSHOT_SIZE)) {
         CS_ERR("fail to get snap or oversize %d", static_cast<int>(size));
         Free(snapshot);
         cs_seq::report_code(46, size);
@@ -88,7 +81,7 @@ void handle_trigger(const trigger_action &action, int32_t duration, const cJSON 
 
     const uint32_t now = uni_time_get_posix();
     if (action.records) {
-        const int32_t mode = c->store_mode.load(kRelaxed);
+        const int32_t mode = ctl.store_mode;
         if (mode != STORE_MODE_ALLTIME && mode != STORE_MODE_EVENT) {
             CS_ERR("cloud storage type error %d", static_cast<int>(mode));
             Free(snapshot);
@@ -96,7 +89,7 @@ void handle_trigger(const trigger_action &action, int32_t duration, const cJSON 
             return;
         }
         const uint32_t end = now + static_cast<uint32_t>(duration);
-        if (__add_event_to_list(c, EVENT_TYPE_IOT, now, end, ext_text) == -1) {
+        if (__add_event_to_list(&ctl, EVENT_TYPE_IOT, now, end, ext_text) == -1) {
             CS_ERR("fail to add event");
             Free(snapshot);
             cs_seq::report_none(47);
@@ -105,7 +98,7 @@ void handle_trigger(const trigger_action &action, int32_t duration, const cJSON 
         }
     }
 
-    const size_t extra_size = strlen(ext_text) + kExtraSpare;
+    const size_t extra_size = strlen(ext_text) + EXTRA_SPARE;
     char *extra = static_cast<char *>(Malloc(extra_size));
     if (extra == nullptr) {
         CS_ERR("fail to malloc buf");
@@ -124,8 +117,6 @@ void handle_trigger(const trigger_action &action, int32_t duration, const cJSON 
 }
 
 } // namespace
-
-// ---- MQTT handler ------------------------------------------------------------------------
 
 void __cloud_storage_iot_event_trigger_callback(cJSON *root) {
     CS_DBG("cloud storage event remote trigger");
@@ -156,18 +147,18 @@ void __cloud_storage_iot_event_trigger_callback(cJSON *root) {
     CS_DBG("action:%s, duration:%d\n", action_text, static_cast<int>(duration));
     cs_seq::text(40, action_text);
 
-    cloud_storage_ctl_t *c = &cloud_storage_ctl;
-    if (c->inited.load(kRelaxed) == 0) {
+    cloud_storage_ctl_t &ctl = cloud_storage_ctl;
+    if (ctl.inited == 0) {
         CS_DBG("not inited, just return");
         cs_seq::report_none(41);
         return;
     }
-    if (duration > kMaxDuration) {
+    if (duration > MAX_DURATION) {
         CS_ERR("duration too big %d", static_cast<int>(duration));
         cs_seq::report_code(42, duration);
         return;
     }
-    if (c->enable.load(kRelaxed) == 0) {
+    if (ctl.enable == 0) {
         CS_DBG("cloud storage is disabled now");
         cs_seq::report_none(44);
         return;

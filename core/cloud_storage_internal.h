@@ -12,10 +12,6 @@
 
 #pragma GCC visibility push(hidden)
 
-// ---- constants ---------------------------------------------------------------------------
-
-constexpr const char *CS_MODULE = "cloud_storage";
-
 constexpr int32_t CS_OK = 0;
 constexpr int32_t CS_FAIL = -1;
 constexpr int32_t CS_BAD_ARG = -2;
@@ -78,8 +74,6 @@ constexpr char CS_EVENT_NOTIFY_FORMAT[] =
 constexpr const char *KV_KEY_RECORD = "md5_encrypt_key";
 constexpr const char *KV_SLICE_RECORD = "storage_restriction";
 
-// ---- records -------------------------------------------------------------------------------
-
 /// One slot of the event table.
 struct cloud_storage_event {
     uint32_t id;
@@ -94,6 +88,11 @@ struct cloud_storage_event {
 static_assert(sizeof(cloud_storage_event) == 28 + CS_NOTIFY_JSON_SIZE, "event slot layout");
 static_assert(offsetof(cloud_storage_event, notify_json) == 28, "event slot layout");
 
+/// A live slot holds an event that waits to start or is recording.
+inline bool slot_is_live(const cloud_storage_event &slot) {
+    return slot.status == EVENT_ONGOING || slot.status == EVENT_READY;
+}
+
 /// A single-word field read and written from several threads without a lock.
 template <typename T> using cs_word = std::atomic<T>;
 static_assert(sizeof(cs_word<int32_t>) == 4 && cs_word<int32_t>::is_always_lock_free,
@@ -102,8 +101,8 @@ static_assert(sizeof(cs_word<uint32_t>) == 4 && cs_word<uint32_t>::is_always_loc
               "shared words must be plain lock-free 32-bit words");
 
 /// The module's one control block. Fields shared between threads without a lock are atomic
-/// words of the same width; relaxed order is enough, a change takes effect at the reader's
-/// next look.
+/// words of the same width, read and written as plain values (sequentially consistent); a
+/// change takes effect at the reader's next look.
 struct cloud_storage_ctl_t {
     cs_word<int32_t> inited;
     vexo_mutex_t upload_mutex;
@@ -169,7 +168,8 @@ static_assert(offsetof(media_entry_header_t, timestamp) == 8, "entry header layo
 static_assert(offsetof(media_entry_header_t, pts) == 16, "entry header layout");
 constexpr uint32_t MEDIA_ENTRY_SLACK = MEDIA_ENTRY_HEADER_SIZE + 16; // header + one cipher block
 
-// ---- state ---------------------------------------------------------------------------------
+// core/control_block.cc: the control block and its statics. The partial resets live in the
+// files whose statics they reset.
 
 extern cloud_storage_ctl_t cloud_storage_ctl;
 extern uint32_t s_max_frame_size;
@@ -182,7 +182,7 @@ void cloud_storage_reset_event_statics();  // next event id
 void cloud_storage_reset_config_statics(); // daily refresh day and latch
 void cloud_storage_reset_intake_statics(); // first-key-frame flag and midnight latch
 
-// ---- core: key and slice-duration store ----------------------------------------------------
+// core/key_store.cc: the key record and the slice-duration record.
 
 int32_t __base_md5_key_read(const char *name, uint8_t **md5, uint32_t *md5_len, uint8_t **key,
                             uint32_t *key_len);
@@ -196,7 +196,7 @@ int32_t __update_encrypt_key(const uint8_t *key, char *md5_out);
 void cloud_storage_key_md5_text(const uint8_t *key, char *out);
 int32_t __check_md5_encrypt_key();
 
-// ---- events: table, scheduling -------------------------------------------------------------
+// events/event_table.cc and events/event_schedule.cc: the event table and its scheduling.
 
 int32_t __add_event_to_list(cloud_storage_ctl_t *ctl, int32_t type, uint32_t start, uint32_t end,
                             const char *source_id);
@@ -223,7 +223,7 @@ void __force_all_event_stop(cloud_storage_ctl_t *ctl, uint32_t report_end);
 /// The upload thread's start-up repair of the table, given the count check's result.
 void cloud_storage_reconcile_events(cloud_storage_ctl_t *ctl, int32_t count_check);
 
-// ---- cloud: notifications, configuration, MQTT handlers ------------------------------------
+// cloud/: notifications, service configuration, MQTT handlers.
 
 int32_t httpc_ipc_cloud_storage_event_notify_v10(const char *gw_id, int32_t type,
                                                  const char *cloud_msg, cJSON **result);
@@ -241,7 +241,7 @@ void __cloud_storage_iot_event_trigger_callback(cJSON *root);
 void __cloud_storage_order_change_callback(cJSON *root);
 void __cloud_storage_order_change(const char *action, const char *mode);
 
-// ---- upload: recording, frame intake, thread -----------------------------------------------
+// upload/: cloud recording, frame intake, the worker thread.
 
 int32_t __cloud_storage_upload_start(uint32_t start_time);
 int32_t __upload_media_slice(uint32_t now);

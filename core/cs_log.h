@@ -21,29 +21,29 @@
 
 namespace cs_seq {
 
-constexpr const char *kModule = "cloud_storage";
+constexpr const char *MODULE_NAME = "cloud_storage";
 
 inline void none(uint32_t seq) {
-    log_seq_insert_log(kModule, seq, VEXO_SEQ_NONE, int32_t{0});
+    log_seq_insert_log(MODULE_NAME, seq, VEXO_SEQ_NONE, int32_t{0});
 }
 inline void code(uint32_t seq, int32_t value) {
-    log_seq_insert_log(kModule, seq, VEXO_SEQ_CODE, value);
+    log_seq_insert_log(MODULE_NAME, seq, VEXO_SEQ_CODE, value);
 }
 inline void time(uint32_t seq, uint32_t value) {
-    log_seq_insert_log(kModule, seq, VEXO_SEQ_TIME, value);
+    log_seq_insert_log(MODULE_NAME, seq, VEXO_SEQ_TIME, value);
 }
 inline void text(uint32_t seq, const char *value) {
-    log_seq_insert_log(kModule, seq, VEXO_SEQ_TEXT, value);
+    log_seq_insert_log(MODULE_NAME, seq, VEXO_SEQ_TEXT, value);
 }
 
 inline void report_none(uint32_t seq) {
-    log_seq_insert_report_log(kModule, seq, VEXO_SEQ_NONE, int32_t{0});
+    log_seq_insert_report_log(MODULE_NAME, seq, VEXO_SEQ_NONE, int32_t{0});
 }
 inline void report_code(uint32_t seq, int32_t value) {
-    log_seq_insert_report_log(kModule, seq, VEXO_SEQ_CODE, value);
+    log_seq_insert_report_log(MODULE_NAME, seq, VEXO_SEQ_CODE, value);
 }
 inline void report_time(uint32_t seq, uint32_t value) {
-    log_seq_insert_report_log(kModule, seq, VEXO_SEQ_TIME, value);
+    log_seq_insert_report_log(MODULE_NAME, seq, VEXO_SEQ_TIME, value);
 }
 
 } // namespace cs_seq

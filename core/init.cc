@@ -1,11 +1,10 @@
-// Initialisation and teardown: validates the stream parameters, prepares the control block,
-// checks the stored key, chooses the slice duration, sizes the slice buffer and starts the
-// upload thread.
-
+/// Initialisation and teardown: validates the stream parameters, prepares the control block,
+/// checks the stored key, chooses the slice duration, sizes the slice buffer and starts the
+/// upload thread.
 #include <cstring>
 
-#include "cloud_storage_internal.h"
-#include "cs_log.h"
+#include "core/cloud_storage_internal.h"
+#include "core/cs_log.h"
 
 namespace {
 
@@ -78,13 +77,116 @@ uint32_t media_buffer_bytes(const vexo_ipc_media_info_t &media, uint32_t slice_d
 
 void reset_event_table(cloud_storage_ctl_t &ctl) {
     // No lock: handlers attached by an earlier init may be live, but nothing adds events
-    // before inited is set below.
+    // before start_worker sets inited.
     for (cloud_storage_event &slot : ctl.events) {
         std::memset(&slot, 0, sizeof slot);
         slot.id = EVENT_ID_NONE;
         slot.status = EVENT_NONE;
         slot.type = EVENT_TYPE_NONE;
     }
+}
+
+/// Everything that comes before the slice buffer: the mutexes, the largest frame, the IV, the
+/// caller's hooks, the stored key with the AES engine, and the stream parameters.
+void prepare(cloud_storage_ctl_t &ctl, const vexo_ipc_media_info_t &media,
+             const vexo_ipc_cloud_storage_hooks_t &hooks) {
+    vexo_hal_mutex_create_init(&ctl.upload_mutex);
+    vexo_hal_mutex_create_init(&ctl.event_mutex);
+
+    int32_t max_frame = vexo_ipc_ring_buffer_get_max_frame_size(0, 0, 0);
+    s_max_frame_size =
+        max_frame == -1 ? CS_DEFAULT_MAX_FRAME_SIZE : static_cast<uint32_t>(max_frame);
+
+    std::memcpy(ctl.aes_iv, s_aes_iv, sizeof s_aes_iv);
+    std::memset(ctl.aes_iv + sizeof s_aes_iv, 0, sizeof ctl.aes_iv - sizeof s_aes_iv);
+
+    ctl.start_hook = hooks.start_hook;
+    ctl.user_word_1 = hooks.user_word_1;
+    ctl.user_word_2 = hooks.user_word_2;
+    if (ctl.start_hook != nullptr) {
+        ctl.start_hook();
+    }
+
+    std::memset(ctl.encrypt_key, 0, sizeof ctl.encrypt_key);
+    std::memset(ctl.encrypt_key_md5, 0, sizeof ctl.encrypt_key_md5);
+    int32_t key_check = __check_md5_encrypt_key();
+    cs_seq::code(0, key_check);
+
+    // Without a valid key the engine starts with the all-zero key; the cloud's new key
+    // replaces it when the first recording starts.
+    vexo_hw_aes_crypt_init(&ctl.aes_handle, ctl.encrypt_key);
+
+    std::memcpy(&ctl.media_info, &media, sizeof ctl.media_info);
+}
+
+/// Chooses the slice duration and takes the slice buffer: CS_OK, or CS_NO_MEMORY with
+/// nothing that prepare did undone.
+int32_t allocate(cloud_storage_ctl_t &ctl) {
+    // A buffer still held by an earlier upload thread that has not yet left keeps its size
+    // and slice duration.
+    if (ctl.media_buffer == nullptr) {
+        ctl.slice_duration = choose_slice_duration(ctl);
+        ctl.media_buffer_size = media_buffer_bytes(ctl.media_info, ctl.slice_duration);
+        auto *buffer = static_cast<uint8_t *>(Malloc(ctl.media_buffer_size));
+        if (buffer == nullptr) {
+            CS_ERR("fail to malloc buffer for cloud storage size %d. [bitrate %d, "
+                   "slice_duration %d]",
+                   static_cast<int>(ctl.media_buffer_size),
+                   static_cast<int>(ctl.media_info.video_bitrate[0]),
+                   static_cast<int>(ctl.slice_duration));
+            cs_seq::report_code(1, CS_NO_MEMORY);
+            return CS_NO_MEMORY;
+        }
+        ctl.media_buffer = buffer;
+    }
+    CS_DBG("cloud storage seize %d bytes memory for media data, each slice %d seconds",
+           static_cast<int>(ctl.media_buffer_size), static_cast<int>(ctl.slice_duration));
+    cs_seq::code(2, static_cast<int32_t>(ctl.media_buffer_size));
+    return CS_OK;
+}
+
+/// Resets the event table and the defaults, marks the module initialised and starts the
+/// upload thread unless one is still there: CS_OK, or CS_FAIL when the thread cannot be
+/// created (the buffer is freed then, inited stays 1 and a second init is refused until
+/// uninit).
+int32_t start_worker(cloud_storage_ctl_t &ctl) {
+    reset_event_table(ctl);
+    ctl.store_mode = STORE_MODE_NONE;
+    ctl.pre_record_time = DEFAULT_PRE_RECORD_SECONDS;
+    ctl.audio_enable = 1;
+    ctl.upload_status = UPLOAD_STATUS_NONE;
+    ctl.enable = 1;
+    ctl.inited = 1;
+
+    if (ctl.thread_handle == nullptr) {
+        ctl.thread_generation.fetch_add(1);
+        int32_t ret = CreateAndStart(&ctl.thread_handle, nullptr, nullptr, __thread_cloud_storage,
+                                     nullptr, &s_thread_param);
+        if (ret != 0) {
+            CS_ERR("cloud task create failed ret[%d]", static_cast<int>(ret));
+            Free(ctl.media_buffer.exchange(nullptr));
+            return CS_FAIL;
+        }
+    }
+    return CS_OK;
+}
+
+/// Makes the running module known: the MQTT handlers, the skill registry and the logs.
+void announce(cloud_storage_ctl_t &ctl) {
+    mqtt_attach(MQTT_ORDER_CHANGE, __cloud_storage_order_change_callback);
+    mqtt_attach(MQTT_REMOTE_TRIGGER, __cloud_storage_iot_event_trigger_callback);
+
+    // upload_status is not cleared again here: it was cleared before the thread started,
+    // and by now an all-time thread may already have opened its recording.
+    ctl.enable = 1;
+
+    uint8_t skill_param[SKILL_PARAM_SIZE] = {};
+    const uint32_t first_word = SKILL_PARAM_FIRST_WORD;
+    std::memcpy(skill_param, &first_word, sizeof first_word);
+    vexo_ipc_skill_enable(SKILL_CLOUD_STORAGE, skill_param);
+
+    cs_seq::report_none(5);
+    CS_DBG("init cloud storage success");
 }
 
 } // namespace
@@ -106,89 +208,16 @@ extern "C" int32_t vexo_ipc_cloud_storage_init(const vexo_ipc_media_info_t *medi
         return CS_FAIL;
     }
 
-    vexo_hal_mutex_create_init(&ctl.upload_mutex);
-    vexo_hal_mutex_create_init(&ctl.event_mutex);
-
-    int32_t max_frame = vexo_ipc_ring_buffer_get_max_frame_size(0, 0, 0);
-    s_max_frame_size =
-        max_frame == -1 ? CS_DEFAULT_MAX_FRAME_SIZE : static_cast<uint32_t>(max_frame);
-
-    std::memcpy(ctl.aes_iv, s_aes_iv, sizeof s_aes_iv);
-    std::memset(ctl.aes_iv + sizeof s_aes_iv, 0, sizeof ctl.aes_iv - sizeof s_aes_iv);
-
-    ctl.start_hook = hooks->start_hook;
-    ctl.user_word_1 = hooks->user_word_1;
-    ctl.user_word_2 = hooks->user_word_2;
-    if (ctl.start_hook != nullptr) {
-        ctl.start_hook();
+    prepare(ctl, *media, *hooks);
+    int32_t ret = allocate(ctl);
+    if (ret != CS_OK) {
+        return ret;
     }
-
-    std::memset(ctl.encrypt_key, 0, sizeof ctl.encrypt_key);
-    std::memset(ctl.encrypt_key_md5, 0, sizeof ctl.encrypt_key_md5);
-    int32_t key_check = __check_md5_encrypt_key();
-    cs_seq::code(0, key_check);
-
-    // Without a valid key the engine starts with the all-zero key; the cloud's new key
-    // replaces it when the first recording starts.
-    vexo_hw_aes_crypt_init(&ctl.aes_handle, ctl.encrypt_key);
-
-    std::memcpy(&ctl.media_info, media, sizeof ctl.media_info);
-
-    // A buffer still held by an earlier upload thread that has not yet left keeps its size
-    // and slice duration.
-    if (ctl.media_buffer.load() == nullptr) {
-        ctl.slice_duration = choose_slice_duration(ctl);
-        ctl.media_buffer_size = media_buffer_bytes(ctl.media_info, ctl.slice_duration);
-        auto *buffer = static_cast<uint8_t *>(Malloc(ctl.media_buffer_size));
-        if (buffer == nullptr) {
-            CS_ERR("fail to malloc buffer for cloud storage size %d. [bitrate %d, "
-                   "slice_duration %d]",
-                   static_cast<int>(ctl.media_buffer_size),
-                   static_cast<int>(ctl.media_info.video_bitrate[0]),
-                   static_cast<int>(ctl.slice_duration));
-            cs_seq::report_code(1, CS_NO_MEMORY);
-            return CS_NO_MEMORY;
-        }
-        ctl.media_buffer = buffer;
+    ret = start_worker(ctl);
+    if (ret != CS_OK) {
+        return ret;
     }
-    CS_DBG("cloud storage seize %d bytes memory for media data, each slice %d seconds",
-           static_cast<int>(ctl.media_buffer_size), static_cast<int>(ctl.slice_duration));
-    cs_seq::code(2, static_cast<int32_t>(ctl.media_buffer_size));
-
-    reset_event_table(ctl);
-    ctl.store_mode = STORE_MODE_NONE;
-    ctl.pre_record_time = DEFAULT_PRE_RECORD_SECONDS;
-    ctl.audio_enable = 1;
-    ctl.upload_status = UPLOAD_STATUS_NONE;
-    ctl.enable = 1;
-    ctl.inited = 1;
-
-    if (ctl.thread_handle == nullptr) {
-        ctl.thread_generation.fetch_add(1);
-        int32_t ret = CreateAndStart(&ctl.thread_handle, nullptr, nullptr, __thread_cloud_storage,
-                                     nullptr, &s_thread_param);
-        if (ret != 0) {
-            // inited stays 1: a second init is refused until uninit.
-            CS_ERR("cloud task create failed ret[%d]", static_cast<int>(ret));
-            Free(ctl.media_buffer.exchange(nullptr));
-            return CS_FAIL;
-        }
-    }
-
-    mqtt_attach(MQTT_ORDER_CHANGE, __cloud_storage_order_change_callback);
-    mqtt_attach(MQTT_REMOTE_TRIGGER, __cloud_storage_iot_event_trigger_callback);
-
-    // upload_status is not cleared again here: it was cleared before the thread started,
-    // and by now an all-time thread may already have opened its recording.
-    ctl.enable = 1;
-
-    uint8_t skill_param[SKILL_PARAM_SIZE] = {};
-    const uint32_t first_word = SKILL_PARAM_FIRST_WORD;
-    std::memcpy(skill_param, &first_word, sizeof first_word);
-    vexo_ipc_skill_enable(SKILL_CLOUD_STORAGE, skill_param);
-
-    cs_seq::report_none(5);
-    CS_DBG("init cloud storage success");
+    announce(ctl);
     return CS_OK;
 }
 

@@ -1,11 +1,10 @@
-// The two persisted records: the AES key with the md5 text that names it to the cloud
-// ("md5_encrypt_key") and the slice duration last offered by the cloud ("storage_restriction").
-
+/// The two persisted records: the AES key with the md5 text that names it to the cloud
+/// ("md5_encrypt_key") and the slice duration last offered by the cloud ("storage_restriction").
 #include <cstdio>
 #include <cstring>
 
-#include "cloud_storage_internal.h"
-#include "cs_log.h"
+#include "core/cloud_storage_internal.h"
+#include "core/cs_log.h"
 
 namespace {
 
@@ -196,8 +195,9 @@ int32_t __update_encrypt_key(const uint8_t *key, char *md5_out) {
     if (key == nullptr) {
         return CS_BAD_ARG;
     }
+    cloud_storage_ctl_t &ctl = cloud_storage_ctl;
     // Made even without a hardware context: the kit ignores it then.
-    vexo_hw_aes_update_key(&cloud_storage_ctl.aes_handle, key);
+    vexo_hw_aes_update_key(&ctl.aes_handle, key);
     cloud_storage_key_md5_text(key, md5_out);
     int32_t ret = __base_md5_key_write(KV_KEY_RECORD, reinterpret_cast<const uint8_t *>(md5_out),
                                        MD5_TEXT_LEN, key, KEY_BYTES);

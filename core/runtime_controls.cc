@@ -1,80 +1,81 @@
-// Runtime controls and queries: pause/resume, audio, pre-record length and state queries.
-// The settings are single words that the upload thread polls.
-
-#include "cloud_storage_internal.h"
-#include "cs_log.h"
-#include "kit_lock.h"
+/// Runtime controls and queries: pause/resume, audio, pre-record length and state queries.
+/// The settings are single words that the upload thread polls.
+#include "core/cloud_storage_internal.h"
+#include "core/cs_log.h"
 
 extern "C" int32_t vexo_ipc_cloud_storage_get_store_mode(void) {
-    return cloud_storage_ctl.store_mode;
+    cloud_storage_ctl_t &ctl = cloud_storage_ctl;
+    return ctl.store_mode;
 }
 
 extern "C" int32_t vexo_ipc_cloud_storage_get_if_inited(void) {
-    return cloud_storage_ctl.inited != 0 ? 1 : 0;
+    cloud_storage_ctl_t &ctl = cloud_storage_ctl;
+    return ctl.inited != 0 ? 1 : 0;
 }
 
 extern "C" int32_t vexo_ipc_cloud_storage_get_if_have_config(void) {
-    if (cloud_storage_ctl.inited == 0) {
+    cloud_storage_ctl_t &ctl = cloud_storage_ctl;
+    if (ctl.inited == 0) {
         return 0;
     }
-    return cloud_storage_ctl.have_config != 0 ? 1 : 0;
+    return ctl.have_config != 0 ? 1 : 0;
 }
 
 extern "C" void vexo_ipc_cloud_storage_set_audio_stat(int32_t value) {
-    if (cloud_storage_ctl.inited == 0) {
+    cloud_storage_ctl_t &ctl = cloud_storage_ctl;
+    if (ctl.inited == 0) {
         CS_ERR("cloud storage not inited");
         return;
     }
-    cloud_storage_ctl.audio_enable = value;
+    ctl.audio_enable = value;
 }
 
 extern "C" void vexo_ipc_cloud_storage_pause(void) {
+    cloud_storage_ctl_t &ctl = cloud_storage_ctl;
     CS_DBG("pause cloud storage");
-    if (cloud_storage_ctl.inited == 0) {
+    if (ctl.inited == 0) {
         CS_ERR("cloud storage not inited");
         return;
     }
-    if (cloud_storage_ctl.enable == 0) {
+    if (ctl.enable == 0) {
         CS_DBG("cloud storage is already disabled now");
         return;
     }
-    cloud_storage_ctl.enable = 0;
+    ctl.enable = 0;
     CS_DBG("pause cloud storage done");
 }
 
 extern "C" void vexo_ipc_cloud_storage_resume(void) {
+    cloud_storage_ctl_t &ctl = cloud_storage_ctl;
     CS_DBG("resume cloud storage");
-    if (cloud_storage_ctl.inited == 0) {
+    if (ctl.inited == 0) {
         CS_ERR("cloud storage not inited");
         return;
     }
-    if (cloud_storage_ctl.enable != 0) {
+    if (ctl.enable != 0) {
         CS_DBG("cloud storage is already enabled now");
         return;
     }
-    cloud_storage_ctl.enable = 1;
+    ctl.enable = 1;
     CS_DBG("resume cloud storage done");
 }
 
 extern "C" int32_t vexo_ipc_cloud_storage_get_status(void) {
     cloud_storage_ctl_t &ctl = cloud_storage_ctl;
-    {
-        kit_lock lock(ctl.event_mutex);
-        for (const cloud_storage_event &slot : ctl.events) {
-            if (slot.status != EVENT_NONE) {
-                return 1;
-            }
-        }
+    // The table is asked under its lock; upload_status is read after the lock is released.
+    if (__event_list_is_empty(&ctl) == 0) {
+        return 1;
     }
     return ctl.upload_status == UPLOAD_STATUS_RUNNING ? 1 : 0;
 }
 
 extern "C" int32_t vexo_ipc_cloud_storage_set_pre_record_time(int32_t seconds) {
+    cloud_storage_ctl_t &ctl = cloud_storage_ctl;
     if (seconds < 0) {
         CS_ERR("pre_record_time error\xef\xbc\x9a%d", static_cast<int>(seconds));
         return CS_BAD_ARG;
     }
-    if (cloud_storage_ctl.inited == 0) {
+    if (ctl.inited == 0) {
         CS_ERR("cloud storage not inited");
         return CS_FAIL;
     }
@@ -90,6 +91,6 @@ extern "C" int32_t vexo_ipc_cloud_storage_set_pre_record_time(int32_t seconds) {
                static_cast<int>(seconds), static_cast<int>(max));
         return CS_BAD_ARG;
     }
-    cloud_storage_ctl.pre_record_time = seconds;
+    ctl.pre_record_time = seconds;
     return CS_OK;
 }

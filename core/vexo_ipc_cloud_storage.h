@@ -16,12 +16,12 @@ extern "C" {
 
 #define VEXO_CS_API __attribute__((visibility("default")))
 
-/* Life cycle: call from one application thread, never concurrently with each other. */
+/// Life cycle: call from one application thread, never concurrently with each other.
 VEXO_CS_API int32_t vexo_ipc_cloud_storage_init(const vexo_ipc_media_info_t *media,
                                                 const vexo_ipc_cloud_storage_hooks_t *hooks);
 VEXO_CS_API void vexo_ipc_cloud_storage_uninit(void);
 
-/* Runtime controls and queries: any application thread. */
+/// Runtime controls and queries: any application thread.
 VEXO_CS_API void vexo_ipc_cloud_storage_pause(void);
 VEXO_CS_API void vexo_ipc_cloud_storage_resume(void);
 VEXO_CS_API void vexo_ipc_cloud_storage_set_audio_stat(int32_t value);
@@ -32,7 +32,7 @@ VEXO_CS_API int32_t vexo_ipc_cloud_storage_get_if_inited(void);
 VEXO_CS_API int32_t vexo_ipc_cloud_storage_get_if_have_config(void);
 VEXO_CS_API int32_t vexo_ipc_cloud_storage_get_ready(void);
 
-/* Events: any application thread. event_stop blocks up to about 30 s. */
+/// Events: any application thread. event_stop blocks up to about 30 s.
 VEXO_CS_API int32_t vexo_ipc_cloud_storage_event_start(void);
 VEXO_CS_API int32_t vexo_ipc_cloud_storage_event_add_record_only(int32_t type, int32_t duration);
 VEXO_CS_API int32_t vexo_ipc_cloud_storage_event_stop(void);

@@ -1,32 +1,21 @@
 /// The exported event calls: the application reports, ends, retypes and queries events.
 /// Each call checks the module's state, applies the quota and silence rules in event store
 /// mode, then works on the event table through its primitives (which lock by themselves).
-#include <atomic>
 #include <cstdio>
 
 #include "core/cloud_storage_internal.h"
 #include "core/cs_log.h"
 
-// ---- constants ---------------------------------------------------------------------------
-
 namespace {
 
-constexpr auto kRelaxed = std::memory_order_relaxed;
-
-constexpr uint32_t kMaxRecordOnlyDuration = 300;
-constexpr int kStopPolls = 301;
-constexpr uint32_t kStopPollMs = 100;
-
-// ---- helpers -----------------------------------------------------------------------------
-
-cloud_storage_ctl_t *ctl() {
-    return &cloud_storage_ctl;
-}
+constexpr uint32_t MAX_RECORD_ONLY_DURATION = 300;
+constexpr int STOP_POLLS = 301;
+constexpr uint32_t STOP_POLL_MS = 100;
 
 /// Every event call except the status-by-id query refuses an uninitialised module the same
 /// way.
-bool inited_or_log(const cloud_storage_ctl_t *c) {
-    if (c->inited.load(kRelaxed) == 0) {
+bool inited_or_log(const cloud_storage_ctl_t &ctl) {
+    if (ctl.inited == 0) {
         CS_ERR("cloud storage not inited");
         return false;
     }
@@ -58,30 +47,30 @@ int32_t admit_event(uint32_t now) {
 }
 
 int32_t event_start() {
-    cloud_storage_ctl_t *c = ctl();
-    if (!inited_or_log(c)) {
+    cloud_storage_ctl_t &ctl = cloud_storage_ctl;
+    if (!inited_or_log(ctl)) {
         return CS_FAIL;
     }
-    if (c->enable.load(kRelaxed) == 0) {
+    if (ctl.enable == 0) {
         CS_DBG("cloud storage is disabled now");
         return CS_NOT_ALLOWED;
     }
     const uint32_t now = uni_time_get_posix();
     cs_seq::time(55, now);
 
-    if (__event_list_is_empty(c) == 0) {
+    if (__event_list_is_empty(&ctl) == 0) {
         CS_ERR("event on going now, stop it first");
         cs_seq::report_none(56);
         return CS_NOT_ALLOWED;
     }
-    if (c->store_mode.load(kRelaxed) == STORE_MODE_EVENT) {
+    if (ctl.store_mode == STORE_MODE_EVENT) {
         const int32_t ret = admit_event(now);
         if (ret != 0) {
             return ret;
         }
     }
-    const uint32_t end = now + static_cast<uint32_t>(c->storage_config.event_duration);
-    if (__add_event_to_list(c, EVENT_TYPE_MD, now, end, nullptr) == -1) {
+    const uint32_t end = now + static_cast<uint32_t>(ctl.storage_config.event_duration);
+    if (__add_event_to_list(&ctl, EVENT_TYPE_MD, now, end, nullptr) == -1) {
         CS_ERR("fail to add event");
         cs_seq::report_none(57);
         return CS_NOT_ALLOWED;
@@ -91,31 +80,31 @@ int32_t event_start() {
 }
 
 int32_t event_add_record_only(int32_t type, int32_t duration) {
-    if (type_out_of_range(type) || static_cast<uint32_t>(duration) > kMaxRecordOnlyDuration) {
+    if (type_out_of_range(type) || static_cast<uint32_t>(duration) > MAX_RECORD_ONLY_DURATION) {
         CS_ERR("invalid input  type %d(%d) duration %d(%d)", static_cast<int>(type),
                static_cast<int>(EVENT_TYPE_NONE), static_cast<int>(duration),
-               static_cast<int>(kMaxRecordOnlyDuration));
+               static_cast<int>(MAX_RECORD_ONLY_DURATION));
         return CS_FAIL;
     }
-    cloud_storage_ctl_t *c = ctl();
-    if (!inited_or_log(c)) {
+    cloud_storage_ctl_t &ctl = cloud_storage_ctl;
+    if (!inited_or_log(ctl)) {
         return CS_FAIL;
     }
-    if (c->enable.load(kRelaxed) == 0) {
+    if (ctl.enable == 0) {
         CS_DBG("cloud storage is disabled now");
         return CS_FAIL; // -1 here, not -2000 as in the other calls
     }
     const uint32_t now = uni_time_get_posix();
     cs_seq::time(50, now);
 
-    if (c->store_mode.load(kRelaxed) == STORE_MODE_EVENT) {
+    if (ctl.store_mode == STORE_MODE_EVENT) {
         const int32_t ret = admit_event(now);
         if (ret != 0) {
             return ret;
         }
     }
     const uint32_t end = now + static_cast<uint32_t>(duration);
-    const int32_t id = __add_event_to_list(c, type, now, end, nullptr);
+    const int32_t id = __add_event_to_list(&ctl, type, now, end, nullptr);
     if (id == -1) {
         CS_ERR("fail to add event");
         cs_seq::report_none(51);
@@ -128,14 +117,14 @@ int32_t event_add_record_only(int32_t type, int32_t duration) {
 
 int32_t event_stop() {
     CS_DBG("stop event MD");
-    cloud_storage_ctl_t *c = ctl();
-    if (!inited_or_log(c)) {
+    cloud_storage_ctl_t &ctl = cloud_storage_ctl;
+    if (!inited_or_log(ctl)) {
         return CS_FAIL;
     }
-    __mark_event_to_stop(c, EVENT_TYPE_MD);
-    for (int poll = 0; poll < kStopPolls; ++poll) {
-        vexo_hal_system_sleep(kStopPollMs);
-        if (__get_event_status(c, EVENT_TYPE_MD) == EVENT_NONE) {
+    __mark_event_to_stop(&ctl, EVENT_TYPE_MD);
+    for (int poll = 0; poll < STOP_POLLS; ++poll) {
+        vexo_hal_system_sleep(STOP_POLL_MS);
+        if (__get_event_status(&ctl, EVENT_TYPE_MD) == EVENT_NONE) {
             CS_DBG("stop event done");
             return CS_OK;
         }
@@ -147,46 +136,46 @@ int32_t event_stop() {
 
 int32_t event_stop_async() {
     CS_DBG("stop event MD");
-    cloud_storage_ctl_t *c = ctl();
-    if (!inited_or_log(c)) {
+    cloud_storage_ctl_t &ctl = cloud_storage_ctl;
+    if (!inited_or_log(ctl)) {
         return CS_FAIL;
     }
-    __mark_event_to_stop(c, EVENT_TYPE_MD);
+    __mark_event_to_stop(&ctl, EVENT_TYPE_MD);
     return CS_OK;
 }
 
 int32_t event_stop_immediately() {
     CS_DBG("stop event MD immediately");
-    cloud_storage_ctl_t *c = ctl();
-    if (!inited_or_log(c)) {
+    cloud_storage_ctl_t &ctl = cloud_storage_ctl;
+    if (!inited_or_log(ctl)) {
         return CS_FAIL;
     }
-    __mark_event_to_fast_stop(c, EVENT_TYPE_MD);
+    __mark_event_to_fast_stop(&ctl, EVENT_TYPE_MD);
     return CS_OK;
 }
 
 int32_t event_delete(int32_t id) {
     CS_DBG("delete event %d", static_cast<int>(id));
-    cloud_storage_ctl_t *c = ctl();
-    if (!inited_or_log(c)) {
+    cloud_storage_ctl_t &ctl = cloud_storage_ctl;
+    if (!inited_or_log(ctl)) {
         return CS_FAIL;
     }
     cs_seq::code(54, id);
-    __delete_event_from_list(c, static_cast<uint32_t>(id));
+    __delete_event_from_list(&ctl, static_cast<uint32_t>(id));
     CS_DBG("delete event done");
     return CS_OK;
 }
 
 /// The state checks shared by set-type and event-notify: 0 when the call may go on.
-int32_t check_retype_allowed(cloud_storage_ctl_t *c) {
-    if (!inited_or_log(c)) {
+int32_t check_retype_allowed(cloud_storage_ctl_t &ctl) {
+    if (!inited_or_log(ctl)) {
         return CS_FAIL;
     }
-    if (c->enable.load(kRelaxed) == 0) {
+    if (ctl.enable == 0) {
         CS_DBG("cloud storage is disabled now");
         return CS_NOT_ALLOWED;
     }
-    const int32_t mode = c->store_mode.load(kRelaxed);
+    const int32_t mode = ctl.store_mode;
     if (mode > STORE_MODE_EVENT) {
         CS_ERR("cloud storage type error %d", static_cast<int>(mode));
         return CS_NOT_ALLOWED;
@@ -195,8 +184,8 @@ int32_t check_retype_allowed(cloud_storage_ctl_t *c) {
 }
 
 int32_t set_event_type(int32_t id, int32_t type) {
-    cloud_storage_ctl_t *c = ctl();
-    const int32_t allowed = check_retype_allowed(c);
+    cloud_storage_ctl_t &ctl = cloud_storage_ctl;
+    const int32_t allowed = check_retype_allowed(ctl);
     if (allowed != CS_OK) {
         return allowed;
     }
@@ -205,22 +194,22 @@ int32_t set_event_type(int32_t id, int32_t type) {
         return CS_BAD_ARG;
     }
     CS_DBG("event[%d] type set to %d", static_cast<int>(id), static_cast<int>(type));
-    const int32_t ret = __set_event_type_by_id(c, static_cast<uint32_t>(id), type);
+    const int32_t ret = __set_event_type_by_id(&ctl, static_cast<uint32_t>(id), type);
     CS_DBG("event type set done, ret:%d", static_cast<int>(ret));
     return ret;
 }
 
 int32_t get_event_status(int32_t type) {
-    cloud_storage_ctl_t *c = ctl();
-    if (!inited_or_log(c)) {
+    cloud_storage_ctl_t &ctl = cloud_storage_ctl;
+    if (!inited_or_log(ctl)) {
         return EVENT_INVALID;
     }
-    return __get_event_status(c, type);
+    return __get_event_status(&ctl, type);
 }
 
 int32_t event_notify(int32_t id, int32_t type) {
-    cloud_storage_ctl_t *c = ctl();
-    const int32_t allowed = check_retype_allowed(c);
+    cloud_storage_ctl_t &ctl = cloud_storage_ctl;
+    const int32_t allowed = check_retype_allowed(ctl);
     if (allowed != CS_OK) {
         return allowed;
     }
@@ -230,7 +219,7 @@ int32_t event_notify(int32_t id, int32_t type) {
     }
     CS_DBG("event notify for type %d id %d", static_cast<int>(type), static_cast<int>(id));
 
-    const cloud_storage_event *slot = __get_event(c, static_cast<uint32_t>(id));
+    const cloud_storage_event *slot = __get_event(&ctl, static_cast<uint32_t>(id));
     if (slot == nullptr) {
         CS_DBG("event notify done");
         return CS_OK;
@@ -248,8 +237,6 @@ int32_t event_notify(int32_t id, int32_t type) {
 }
 
 } // namespace
-
-// ---- exported calls ----------------------------------------------------------------------
 
 extern "C" {
 
@@ -286,7 +273,8 @@ int32_t vexo_ipc_cloud_storage_get_event_status(int32_t type) {
 }
 
 int32_t vexo_ipc_cloud_storage_get_event_status_by_id(int32_t id) {
-    return __get_event_status_by_id(&cloud_storage_ctl, static_cast<uint32_t>(id));
+    cloud_storage_ctl_t &ctl = cloud_storage_ctl;
+    return __get_event_status_by_id(&ctl, static_cast<uint32_t>(id));
 }
 
 int32_t vexo_ipc_cloud_storage_event_notify(int32_t id, int32_t type) {

@@ -8,15 +8,7 @@
 #include "core/cs_log.h"
 #include "core/kit_lock.h"
 
-// ---- constants ---------------------------------------------------------------------------
-
 namespace {
-
-// ---- helpers -----------------------------------------------------------------------------
-
-bool slot_is_live(const cloud_storage_event &slot) {
-    return slot.status == EVENT_ONGOING || slot.status == EVENT_READY;
-}
 
 bool notifies_at_start(const cloud_storage_event &slot) {
     return slot.notify_type == EVENT_NOTIFY_IOT || slot.notify_type == EVENT_NOTIFY_ALL;
@@ -46,8 +38,6 @@ cloud_storage_event *first_live_of_type(cloud_storage_ctl_t *ctl, int32_t type) 
 }
 
 } // namespace
-
-// ---- scheduling passes -------------------------------------------------------------------
 
 void __start_event_if_needed(cloud_storage_ctl_t *ctl) {
     kit_lock hold(ctl->event_mutex);

@@ -8,26 +8,16 @@
 #include "core/cs_log.h"
 #include "core/kit_lock.h"
 
-// ---- constants ---------------------------------------------------------------------------
-
 namespace {
 
 /// Notification text of a remote-trigger event, written when it is added. The source id is
 /// inserted as it stands: the caller passes text that is already a JSON value.
-constexpr char kIotNotifyFormat[] =
+constexpr char IOT_NOTIFY_FORMAT[] =
     "{\"v\":2,\"startTime\":%d,\"endTime\":%d,\"eventType\":%d,\"sourceId\":%s}";
-
-// ---- file-level state ------------------------------------------------------------------
 
 /// Next event id. Read and incremented only under event_mutex; never reset by init, wraps
 /// as an unsigned 32-bit number.
 uint32_t s_event_id = 1;
-
-// ---- helpers -----------------------------------------------------------------------------
-
-bool slot_is_live(const cloud_storage_event &slot) {
-    return slot.status == EVENT_ONGOING || slot.status == EVENT_READY;
-}
 
 /// First slot carrying the id, whatever its status; null when none. Caller holds the lock
 /// where one is needed.
@@ -53,8 +43,6 @@ uint32_t cloud_storage_stop_time_now() {
     }
     return uni_time_get_posix();
 }
-
-// ---- table primitives --------------------------------------------------------------------
 
 void cloud_storage_free_slot(cloud_storage_event *slot, bool clear_fast_stop) {
     slot->type = EVENT_TYPE_NONE;
@@ -91,7 +79,7 @@ int32_t __add_event_to_list(cloud_storage_ctl_t *ctl, int32_t type, uint32_t sta
                 return -1;
             }
             slot->notify_type = EVENT_NOTIFY_IOT;
-            snprintf(slot->notify_json, sizeof(slot->notify_json), kIotNotifyFormat,
+            snprintf(slot->notify_json, sizeof(slot->notify_json), IOT_NOTIFY_FORMAT,
                      static_cast<int>(start), static_cast<int>(end), static_cast<int>(type),
                      source_id);
         } else if (type == EVENT_TYPE_UNKNOWN) {

@@ -1,12 +1,11 @@
-// Cloud recordings: opening one with the start notification, uploading each filled slice
-// as a media file named after the recording's start, closing with the stop notification,
-// and closing-and-reopening in one step at group and day boundaries.
-
+/// Cloud recordings: opening one with the start notification, uploading each filled slice
+/// as a media file named after the recording's start, closing with the stop notification,
+/// and closing-and-reopening in one step at group and day boundaries.
 #include <cstdio>
 
-#include "cloud_storage_internal.h"
-#include "cs_log.h"
-#include "kit_lock.h"
+#include "core/cloud_storage_internal.h"
+#include "core/cs_log.h"
+#include "core/kit_lock.h"
 
 namespace {
 
@@ -17,7 +16,7 @@ constexpr const char *UPLOAD_CONTENT_TYPE = "media/av";
 int32_t put_media_buffer(cloud_storage_ctl_t &ctl) {
     kit_lock lock(ctl.upload_mutex);
     return cloud_put_data_to_file(&ctl.storage_config, UPLOAD_SCHEME, 0, ctl.media_file_name,
-                                  UPLOAD_CONTENT_TYPE, ctl.media_buffer.load(), ctl.media_data_len);
+                                  UPLOAD_CONTENT_TYPE, ctl.media_buffer, ctl.media_data_len);
 }
 
 void name_first_file(cloud_storage_ctl_t &ctl, uint32_t start) {

@@ -1,12 +1,11 @@
-// Frame intake: appends each frame to the slice buffer as an entry with a 24-byte header,
-// encrypting key frames and audio frames, and cuts slices, 30-minute groups and days on key
-// frames so that every media file starts where a player can start decoding.
-
+/// Frame intake: appends each frame to the slice buffer as an entry with a 24-byte header,
+/// encrypting key frames and audio frames, and cuts slices, 30-minute groups and days on key
+/// frames so that every media file starts where a player can start decoding.
 #include <cstring>
 #include <ctime>
 
-#include "cloud_storage_internal.h"
-#include "cs_log.h"
+#include "core/cloud_storage_internal.h"
+#include "core/cs_log.h"
 
 namespace {
 
@@ -128,7 +127,7 @@ int32_t __upload_frame(const upload_frame_t *frame) {
     if (ctl.media_data_len == 0) {
         is_first_video_frame = 1;
     }
-    uint8_t *entry = ctl.media_buffer.load() + ctl.media_data_len;
+    uint8_t *entry = ctl.media_buffer + ctl.media_data_len;
 
     if (is_encrypted_type(frame->type)) {
         header.length = encrypt_payload(ctl, *frame, entry + MEDIA_ENTRY_HEADER_SIZE);

@@ -1,12 +1,11 @@
-// The module's worker thread: the only reader of the ring buffer and the only uploader. It
-// waits for the service configuration, repairs the event table, then polls: it follows the
-// pause flag, the store mode and the event table, opens and closes cloud recordings and
-// hands each frame to frame intake. Every pass either processes one frame or sleeps briefly.
-
+/// The module's worker thread: the only reader of the ring buffer and the only uploader. It
+/// waits for the service configuration, repairs the event table, then polls: it follows the
+/// pause flag, the store mode and the event table, opens and closes cloud recordings and
+/// hands each frame to frame intake. Every pass either processes one frame or sleeps briefly.
 #include <cstring>
 
-#include "cloud_storage_internal.h"
-#include "cs_log.h"
+#include "core/cloud_storage_internal.h"
+#include "core/cs_log.h"
 
 namespace {
 
@@ -392,7 +391,7 @@ bool cloud_storage_thread_pass(upload_thread_state *st) {
         }
     }
 
-    switch (ctl.store_mode.load()) {
+    switch (ctl.store_mode) {
     case STORE_MODE_ALLTIME:
         pass_alltime(ctl, *st, now);
         break;
@@ -411,7 +410,7 @@ void cloud_storage_thread_exit(upload_thread_state *st) {
     // A thread overtaken by a newer init leaves the buffer, the events and AES to the
     // current thread and only releases what is its own.
     const bool current = thread_is_current(ctl, *st);
-    if (current && ctl.media_buffer.load() != nullptr) {
+    if (current && ctl.media_buffer != nullptr) {
         CS_DBG("free media_buffer");
         Free(ctl.media_buffer.exchange(nullptr));
     }
@@ -431,8 +430,9 @@ void cloud_storage_thread_exit(upload_thread_state *st) {
 }
 
 void __thread_cloud_storage(void * /*arg*/) {
+    cloud_storage_ctl_t &ctl = cloud_storage_ctl;
     upload_thread_state st = {};
-    st.generation = cloud_storage_ctl.thread_generation;
+    st.generation = ctl.thread_generation;
     if (!cloud_storage_thread_startup(&st)) {
         return;
     }
