@@ -142,28 +142,20 @@ TEST_F(KitCallsTest, StorageConfigRefusesOrClampsNumbersBeyondTheirField) {
     // events left is clamped into that range.
     const Case cases[] = {
         {"eventDuration", "1e300", -1, 0, "\"eventDuration\" 1.0000000000000001e+300 is not"},
-        {"eventDuration", "-1e300", -1, 0, "answer refused"},
         {"eventDuration", "2147483648", -1, 0, "\"eventDuration\" 2147483648 is not"},
         {"eventDuration", "2147483647", 0, kMax, nullptr},
         {"eventDuration", "-1", -1, 0, "\"eventDuration\" -1 is not a whole number"},
-        {"sliceDuration", "4294967296", -1, 0, "\"sliceDuration\" 4294967296 is not"},
         {"sliceDuration", "4294967306", -1, 0, "answer refused"}, // 10 after a 32-bit wrap
         {"sliceDuration", "1.5", -1, 0, "\"sliceDuration\" 1.5 is not"},
-        {"sliceDuration", "1e-300", -1, 0, "answer refused"},
         {"sliceDuration", "10.0", 0, 10, nullptr},
         {"sliceDuration", "1E1", 0, 10, nullptr},
         {"silenceInterval", "-2147483649", -1, 0, "\"silenceInterval\" -2147483649 is not"},
-        {"silenceInterval", "-60", -1, 0, "answer refused"},
         {"silenceInterval", "1e400", -1, 0, "\"silenceInterval\" inf is not"},
         {"silenceInterval", "0", 0, 0, nullptr},
         {"countLeft", "1e300", 0, kMax,
          "\"countLeft\" 1.0000000000000001e+300 taken as 2147483647"},
-        {"countLeft", "-1e300", 0, 0, "taken as 0"},
         {"countLeft", "4294967296", 0, kMax, "\"countLeft\" 4294967296 taken as 2147483647"},
-        {"countLeft", "2147483648", 0, kMax, "taken as 2147483647"},
-        {"countLeft", "-2147483649", 0, 0, "taken as 0"},
         {"countLeft", "-5", 0, 0, "\"countLeft\" -5 taken as 0"},
-        {"countLeft", "-0", 0, 0, nullptr},
         {"countLeft", "2.5", -1, 0, "\"countLeft\" 2.5 is not a whole number"},
         {"countLeft", "\"7\"", 0, 0, nullptr}, // another type: left zero, as when missing
     };
@@ -211,7 +203,6 @@ TEST_F(KitCallsTest, StorageRestrictionRefusesDurationsBeyondTheirField) {
         {R"({"eventDuration":1e300,"sliceDuration":4})", -1, 7, 8},
         {R"({"eventDuration":12,"sliceDuration":-4294967296})", -1, 7, 8},
         {R"({"eventDuration":12,"sliceDuration":4.25})", -1, 7, 8},
-        {R"({"eventDuration":-1,"sliceDuration":4})", -1, 7, 8},
         {R"({"eventDuration":12.0,"sliceDuration":4})", 0, 12, 4},
         {R"({"sliceDuration":6})", 0, 7, 6}, // a missing member is left as it was
     };
@@ -309,7 +300,7 @@ void handler(cJSON *root) {
     ++g_handled;
 }
 
-TEST_F(KitCallsTest, MqttDispatchCallsTheAttachedHandlerAndDropsTheRest) {
+TEST_F(KitCallsTest, MqttDispatchCallsTheAttachedHandlerCountsItAndDropsTheRest) {
     g_handled = 0;
     ASSERT_EQ(mqtt_attach(307, handler), 0);
     EXPECT_EQ(hostkit::mqtt_dispatch(R"({"protocol":307,"data":{}})"), 0);
@@ -319,40 +310,22 @@ TEST_F(KitCallsTest, MqttDispatchCallsTheAttachedHandlerAndDropsTheRest) {
         EXPECT_EQ(hostkit::mqtt_dispatch(dropped), -1) << dropped;
     }
     EXPECT_EQ(g_handled, 1);
-    // Queued messages run on the kit's MQTT thread.
-    hostkit::mqtt_deliver(R"({"protocol":307})");
-    for (int i = 0; i < 1000 && g_handled < 2; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    EXPECT_EQ(g_handled, 2);
-}
-
-TEST_F(KitCallsTest, MqttCountersCountWhatReachedAHandlerByProtocol) {
-    ASSERT_EQ(mqtt_attach(307, handler), 0);
+    // Only what reached a handler counts; triggers (307) and order changes (300) apart.
     ASSERT_EQ(mqtt_attach(300, handler), 0);
     ASSERT_EQ(mqtt_attach(301, handler), 0);
-    struct Case {
-        const char *payload;
-        uint64_t messages, triggers, order_changes; // the counters after it
-    };
-    const Case cases[] = {
-        {R"({"protocol":307})", 1, 1, 0},   // a remote trigger
-        {R"({"protocol":300})", 2, 1, 1},   // an order change
-        {R"({"protocol":301})", 3, 1, 1},   // handled, but neither command
-        {R"({"protocol":302})", 3, 1, 1},   // no handler: dropped, not counted
-        {R"({"protocol":"307"})", 3, 1, 1}, // not a number: dropped
-        {R"({"protocol":3.07e2})", 4, 2, 1},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.payload);
-        testing::internal::CaptureStderr();
-        hostkit::mqtt_dispatch(c.payload);
-        testing::internal::GetCapturedStderr();
-        const hostkit::Counters counters = hostkit::counters();
-        EXPECT_EQ(counters.mqtt_messages, c.messages);
-        EXPECT_EQ(counters.remote_triggers, c.triggers);
-        EXPECT_EQ(counters.order_changes, c.order_changes);
+    for (const char *p : {R"({"protocol":300})", R"({"protocol":301})", R"({"protocol":3.07e2})"}) {
+        EXPECT_EQ(hostkit::mqtt_dispatch(p), 0) << p;
     }
+    const hostkit::Counters counters = hostkit::counters();
+    EXPECT_EQ(counters.mqtt_messages, 4u);
+    EXPECT_EQ(counters.remote_triggers, 2u);
+    EXPECT_EQ(counters.order_changes, 1u);
+    // Queued messages run on the kit's MQTT thread.
+    hostkit::mqtt_deliver(R"({"protocol":307})");
+    for (int i = 0; i < 1000 && g_handled < 5; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_EQ(g_handled, 5);
 }
 
 TEST_F(KitCallsTest, MqttDispatchDropsProtocolNumbersThatNameNoHandler) {
@@ -368,23 +341,16 @@ TEST_F(KitCallsTest, MqttDispatchDropsProtocolNumbersThatNameNoHandler) {
     const char *kNotWhole = "is not a whole number 0..4294967295";
     const Case cases[] = {
         {"307", 0, nullptr},
-        {"307.0", 0, nullptr},
         {"3.07e2", 0, nullptr},
         {"0", 0, nullptr},
-        {"-0", 0, nullptr},
         {"4294967295", 0, nullptr},
         {"307.5", -1, "protocol 307.5 is not a whole"},
-        {"1e-300", -1, kNotWhole},
         {"1e300", -1, "protocol 1.0000000000000001e+300 is not"},
-        {"-1e300", -1, kNotWhole},
         {"1e400", -1, "protocol inf is not"},
-        {"-1e400", -1, "protocol -inf is not"},
         {"2147483648", -1, "dropped a message with an unknown protocol"},
-        {"-2147483649", -1, kNotWhole},
         {"4294967296", -1, "protocol 4294967296 is not"},
         {"4294967603", -1, kNotWhole}, // 307 after a 32-bit wrap
         {"-1", -1, "protocol -1 is not"},
-        {"-307", -1, kNotWhole},
     };
     int handled = 0;
     for (const Case &c : cases) {
