@@ -68,4 +68,8 @@ if(VEXO_BUILD_HOST)
     # The cloud service's HTTP server (cpp-httplib, built by Debian with OpenSSL).
     pkg_check_modules(VEXO_HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
     add_library(vexo::httplib ALIAS PkgConfig::VEXO_HTTPLIB)
+    # Boost.Asio and Beast, header only (Debian's libboost-dev): the load generator's HTTP
+    # client.
+    find_package(Boost 1.74 REQUIRED)
+    add_library(vexo::boost ALIAS Boost::headers)
 endif()
