@@ -5,7 +5,7 @@
 #   scripts/test-all.sh [stage...] [cmake option...]
 #
 # Stages (default: all, in this order):
-#   native    gcc Debug build (benchmarks compiled too) + ctest
+#   native    gcc RelWithDebInfo build (benchmarks compiled too) + ctest
 #   readme    the README as a reader runs it: its first command (scripts/run-camsim.sh, a
 #             30 s run into build/readme/vexo-data; every export must decode cleanly), then
 #             scripts/check-readme.sh, which runs the sh blocks of "The cloud on the network"
@@ -16,8 +16,8 @@
 #   armhf     arm-linux-gnueabihf cross build + ctest under qemu-arm; size of the module
 #   format    clang-format --dry-run -Werror over the tracked C/C++ sources
 #   coverage  --coverage build + ctest; prints "module line coverage: NN%"
-# cmake options (arguments starting with -D, e.g. -DVEXO_BUILD_HOST=OFF) are passed to every
-# configure step, after the stage's own options.
+# Every configure step gets -DVEXO_WERROR=ON (warnings are errors); cmake options given here
+# (arguments starting with -D, e.g. -DVEXO_BUILD_HOST=OFF) come after the stage's own options.
 #
 # Environment:
 #   VEXO_SKIP_INSTALL=1    do not run scripts/install-deps.sh first
@@ -76,7 +76,7 @@ configure_and_build() { # <config> <cmake args...>
         rm -rf "${dir}"
     fi
     say "${config}: configure"
-    cmake -S "${ROOT}" -B "${dir}" "$@" "${cmake_args[@]}"
+    cmake -S "${ROOT}" -B "${dir}" -DVEXO_WERROR=ON "$@" "${cmake_args[@]}"
     say "${config}: build (-j${JOBS})"
     cmake --build "${dir}" --parallel "${JOBS}"
 }
@@ -91,7 +91,9 @@ run_ctest() { # <config> [prefix command...]
 }
 
 stage_native() {
-    configure_and_build native -DCMAKE_BUILD_TYPE=Debug -DVEXO_BUILD_BENCH=ON
+    # Optimised: gcc runs some of its checks (-Wnull-dereference, -Wmaybe-uninitialized) only
+    # when it optimises. The sanitizer stages stay Debug.
+    configure_and_build native -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVEXO_BUILD_BENCH=ON
     run_ctest native
 }
 
