@@ -14,6 +14,8 @@
 #   asan      AddressSanitizer + UndefinedBehaviorSanitizer build + ctest
 #   tsan      ThreadSanitizer build + ctest
 #   armhf     arm-linux-gnueabihf cross build + ctest under qemu-arm; size of the module
+#   tidy      clang-tidy-14 with the checked-in .clang-tidy over the module's and the kits'
+#             sources (compile_commands.json of a configure-only build), warnings as errors
 #   format    clang-format --dry-run -Werror over the tracked C/C++ sources
 #   coverage  --coverage build + ctest; prints "module line coverage: NN%"
 # Every configure step gets -DVEXO_WERROR=ON (warnings are errors); cmake options given here
@@ -31,11 +33,13 @@ set -euo pipefail
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 BUILD_ROOT="${VEXO_BUILD_ROOT:-${ROOT}/build}"
 JOBS="${VEXO_JOBS:-2}"
-ALL_STAGES=(native readme asan tsan armhf format coverage)
+ALL_STAGES=(native readme asan tsan armhf tidy format coverage)
 ARMHF_TRIPLET=arm-linux-gnueabihf
 MODULE_LIB=libvexo_ipc_cloud_storage.a
 # Directories whose sources make up the module (the coverage figure is over these).
 MODULE_DIRS=(core events cloud upload)
+# What the tidy stage checks (the whole tree takes too long on two cores).
+TIDY_DIRS=(core events cloud upload kits)
 
 usage() { sed -n '2,/^set -euo pipefail/p' "${BASH_SOURCE[0]}" | sed '$d; s/^# \{0,1\}//'; }
 
@@ -158,6 +162,27 @@ stage_armhf() {
         return 1
     }
     note "armhf ${MODULE_LIB} (MinSizeRel): ${totals}"
+}
+
+stage_tidy() {
+    local dir="${BUILD_ROOT}/tidy"
+    say "tidy: configure ${dir} for compile_commands.json"
+    # Configure only: nothing here is compiled. The host parts are configured too, since the
+    # host kit's sources need their include directories.
+    cmake -S "${ROOT}" -B "${dir}" -DCMAKE_BUILD_TYPE=Debug -DVEXO_BUILD_BENCH=OFF \
+        "${cmake_args[@]}" >/dev/null
+    local dirs_re
+    dirs_re="$(
+        IFS='|'
+        printf '%s' "${TIDY_DIRS[*]}"
+    )"
+    say "tidy: $(clang-tidy-14 --version | grep -m1 -o 'LLVM version [0-9.]*') over ${TIDY_DIRS[*]} (-j${JOBS})"
+    # gcc-only warning options in the compile commands mean nothing to clang.
+    run-clang-tidy-14 -p "${dir}" -j "${JOBS}" -quiet -warnings-as-errors='*' \
+        -extra-arg=-Wno-unknown-warning-option "^${ROOT}/(${dirs_re})/.*\.(c|cc)$"
+    local count
+    count="$(grep -cE "\"file\": \"${ROOT}/(${dirs_re})/.*\.(c|cc)\"" "${dir}/compile_commands.json" || true)"
+    note "tidy: ${count} sources of ${TIDY_DIRS[*]} clean"
 }
 
 stage_format() {
