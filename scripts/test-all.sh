@@ -5,7 +5,7 @@
 #   scripts/test-all.sh [stage...] [cmake option...]
 #
 # Stages (default: all, in this order):
-#   native    gcc Debug build (benchmarks compiled too) + ctest
+#   native    gcc RelWithDebInfo build (benchmarks compiled too) + ctest
 #   readme    the README as a reader runs it: its first command (scripts/run-camsim.sh, a
 #             30 s run into build/readme/vexo-data; every export must decode cleanly), then
 #             scripts/check-readme.sh, which runs the sh blocks of "The cloud on the network"
@@ -14,10 +14,16 @@
 #   asan      AddressSanitizer + UndefinedBehaviorSanitizer build + ctest
 #   tsan      ThreadSanitizer build + ctest
 #   armhf     arm-linux-gnueabihf cross build + ctest under qemu-arm; size of the module
+#   install   the module installed natively and into a copy of the armhf sysroot; the example
+#             firmware in examples/consumer built against each install twice (CMake package,
+#             pkg-config), linked and run (armhf under qemu-arm); the .deb packages built
+#             (amd64: module and host tools; armhf: module) and their contents listed
+#   tidy      clang-tidy-14 with the checked-in .clang-tidy over the module's and the kits'
+#             sources (compile_commands.json of a configure-only build), warnings as errors
 #   format    clang-format --dry-run -Werror over the tracked C/C++ sources
 #   coverage  --coverage build + ctest; prints "module line coverage: NN%"
-# cmake options (arguments starting with -D, e.g. -DVEXO_BUILD_HOST=OFF) are passed to every
-# configure step, after the stage's own options.
+# Every configure step gets -DVEXO_WERROR=ON (warnings are errors); cmake options given here
+# (arguments starting with -D, e.g. -DVEXO_BUILD_HOST=OFF) come after the stage's own options.
 #
 # Environment:
 #   VEXO_SKIP_INSTALL=1    do not run scripts/install-deps.sh first
@@ -31,11 +37,22 @@ set -euo pipefail
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 BUILD_ROOT="${VEXO_BUILD_ROOT:-${ROOT}/build}"
 JOBS="${VEXO_JOBS:-2}"
-ALL_STAGES=(native readme asan tsan armhf format coverage)
+ALL_STAGES=(native readme asan tsan armhf install tidy format coverage)
 ARMHF_TRIPLET=arm-linux-gnueabihf
 MODULE_LIB=libvexo_ipc_cloud_storage.a
 # Directories whose sources make up the module (the coverage figure is over these).
 MODULE_DIRS=(core events cloud upload)
+# The native and armhf builds; the install stage installs from the same build directories.
+# Prefix /usr: the library directory is then the multiarch one (lib/<triplet>), as in a
+# Debian package or a camera's sysroot.
+# What the tidy stage checks (the whole tree takes too long on two cores).
+TIDY_DIRS=(core events cloud upload kits)
+NATIVE_ARGS=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DVEXO_BUILD_BENCH=ON -DCMAKE_INSTALL_PREFIX=/usr)
+ARMHF_ARGS=(-DCMAKE_BUILD_TYPE=MinSizeRel -DCMAKE_TOOLCHAIN_FILE="${ROOT}/cmake/toolchain-armhf.cmake"
+    -DCMAKE_INSTALL_PREFIX=/usr)
+# The armhf sysroot, found as cmake/toolchain-armhf.cmake finds it.
+ARMHF_SYSROOT="${VEXO_ARMHF_SYSROOT:-/opt/vexo-armhf-sysroot}"
+ARMHF_TOOLCHAIN_ROOT=/usr/${ARMHF_TRIPLET}
 
 usage() { sed -n '2,/^set -euo pipefail/p' "${BASH_SOURCE[0]}" | sed '$d; s/^# \{0,1\}//'; }
 
@@ -76,7 +93,7 @@ configure_and_build() { # <config> <cmake args...>
         rm -rf "${dir}"
     fi
     say "${config}: configure"
-    cmake -S "${ROOT}" -B "${dir}" "$@" "${cmake_args[@]}"
+    cmake -S "${ROOT}" -B "${dir}" -DVEXO_WERROR=ON "$@" "${cmake_args[@]}"
     say "${config}: build (-j${JOBS})"
     cmake --build "${dir}" --parallel "${JOBS}"
 }
@@ -91,7 +108,9 @@ run_ctest() { # <config> [prefix command...]
 }
 
 stage_native() {
-    configure_and_build native -DCMAKE_BUILD_TYPE=Debug -DVEXO_BUILD_BENCH=ON
+    # Optimised: gcc runs some of its checks (-Wnull-dereference, -Wmaybe-uninitialized) only
+    # when it optimises. The sanitizer stages stay Debug.
+    configure_and_build native "${NATIVE_ARGS[@]}"
     run_ctest native
 }
 
@@ -138,8 +157,7 @@ stage_tsan() {
 }
 
 stage_armhf() {
-    configure_and_build armhf -DCMAKE_BUILD_TYPE=MinSizeRel \
-        -DCMAKE_TOOLCHAIN_FILE="${ROOT}/cmake/toolchain-armhf.cmake"
+    configure_and_build armhf "${ARMHF_ARGS[@]}"
     run_ctest armhf
     local lib="${BUILD_ROOT}/armhf/${MODULE_LIB}"
     [[ -f "${lib}" ]] || {
@@ -156,6 +174,127 @@ stage_armhf() {
         return 1
     }
     note "armhf ${MODULE_LIB} (MinSizeRel): ${totals}"
+}
+
+# Runs an armhf program under qemu-arm as the armhf build's tests run: the cross toolchain's
+# loader, the sysroot's shared libraries and then the toolchain's C runtime.
+run_armhf() { # <sysroot> <program> [args...]
+    local sysroot="$1"
+    shift
+    qemu-arm -L "${ARMHF_TOOLCHAIN_ROOT}" \
+        -E "LD_LIBRARY_PATH=${sysroot}/usr/lib/${ARMHF_TRIPLET}:${ARMHF_TOOLCHAIN_ROOT}/lib" "$@"
+}
+
+# Builds examples/consumer against an installed module twice, through its CMake package and
+# through pkg-config, and runs both programs. The runner is empty natively, run_armhf <sysroot>
+# for armhf.
+build_consumer() { # <name> <out dir> <cmake args (one string, split on spaces)> <make args> <runner...>
+    local name="$1" out="$2" cmake_extra="$3" make_extra="$4"
+    shift 4
+    local src="${ROOT}/examples/consumer"
+    say "install: ${name} consumer through find_package(VexoCloudStorage)"
+    # shellcheck disable=SC2086 # the extra arguments are words on purpose
+    cmake -S "${src}" -B "${out}/cmake" -DCMAKE_BUILD_TYPE=Release ${cmake_extra}
+    cmake --build "${out}/cmake"
+    "$@" "${out}/cmake/consumer"
+    say "install: ${name} consumer through pkg-config (examples/consumer/Makefile)"
+    # shellcheck disable=SC2086
+    make -C "${src}" --no-print-directory OUT="${out}" ${make_extra}
+    "$@" "${out}/consumer"
+}
+
+stage_install() {
+    local out="${BUILD_ROOT}/install"
+    rm -rf "${out}"
+    mkdir -p "${out}/packages"
+
+    # ---- native: into a prefix of its own ----
+    configure_and_build native "${NATIVE_ARGS[@]}"
+    say "install: cmake --install native --prefix ${out}/native"
+    cmake --install "${BUILD_ROOT}/native" --prefix "${out}/native"
+    local pc_dir
+    pc_dir="$(dirname "$(find "${out}/native" -name vexo-cloud-storage.pc -print -quit)")"
+    [[ -f "${pc_dir}/vexo-cloud-storage.pc" ]] || {
+        echo "install: no vexo-cloud-storage.pc under ${out}/native" >&2
+        return 1
+    }
+    PKG_CONFIG_PATH="${pc_dir}" build_consumer native "${out}/consumer-native" \
+        "-DCMAKE_PREFIX_PATH=${out}/native" ""
+
+    # ---- armhf: into a copy of the sysroot, as a camera's firmware build has it ----
+    configure_and_build armhf "${ARMHF_ARGS[@]}"
+    local sysroot="${out}/armhf-sysroot"
+    say "install: the module into ${sysroot} (a symlinked copy of ${ARMHF_SYSROOT})"
+    cp -as "$(realpath "${ARMHF_SYSROOT}")/." "${sysroot}"
+    DESTDIR="${sysroot}" cmake --install "${BUILD_ROOT}/armhf" --component dev
+    local pc_libdir="${sysroot}/usr/lib/${ARMHF_TRIPLET}/pkgconfig:${sysroot}/usr/lib/pkgconfig"
+    PKG_CONFIG_SYSROOT_DIR="${sysroot}" PKG_CONFIG_LIBDIR="${pc_libdir}" PKG_CONFIG_PATH="" \
+        build_consumer armhf "${out}/consumer-armhf" \
+        "-DCMAKE_TOOLCHAIN_FILE=${ROOT}/cmake/toolchain-armhf.cmake -DVEXO_ARMHF_SYSROOT=${sysroot}" \
+        "CC=${ARMHF_TRIPLET}-gcc" run_armhf "${sysroot}"
+
+    # ---- Debian packages ----
+    say "install: cpack (DEB)"
+    local config
+    for config in native armhf; do
+        (cd "${out}/packages" && cpack -G DEB --config "${BUILD_ROOT}/${config}/CPackConfig.cmake" \
+            -B "${out}/packages")
+    done
+    local expected=(vexo-cloud-storage-dev:amd64 vexo-cloud-tools:amd64 vexo-cloud-storage-dev:armhf)
+    local must_hold=(
+        "vexo-cloud-storage-dev:/libvexo_ipc_cloud_storage.a$"
+        "vexo-cloud-storage-dev:/include/vexo-cloud-storage/vexo_ipc_cloud_storage.h$"
+        "vexo-cloud-storage-dev:/include/vexo-cloud-storage/vexo_platform.h$"
+        "vexo-cloud-storage-dev:/cmake/VexoCloudStorage/VexoCloudStorageConfig.cmake$"
+        "vexo-cloud-storage-dev:/pkgconfig/vexo-cloud-storage.pc$"
+        "vexo-cloud-tools:/usr/bin/vexo-camsim$"
+        "vexo-cloud-tools:/usr/bin/vexo-media$"
+        "vexo-cloud-tools:/usr/bin/vexo-cloud$"
+    )
+    local want deb package arch listed=0
+    for want in "${expected[@]}"; do
+        package="${want%%:*}"
+        arch="${want##*:}"
+        deb="$(find "${out}/packages" -maxdepth 1 -name "${package}_*_${arch}.deb" -print -quit)"
+        [[ -n "${deb}" ]] || {
+            echo "install: no ${package} package for ${arch} in ${out}/packages" >&2
+            return 1
+        }
+        say "install: $(basename "${deb}")"
+        dpkg-deb --field "${deb}" Package Architecture Version Depends
+        dpkg-deb --contents "${deb}" | tee "${deb%.deb}.contents"
+        local rule
+        for rule in "${must_hold[@]}"; do
+            [[ "${rule%%:*}" == "${package}" ]] || continue
+            grep -Eq -- "${rule#*:}" "${deb%.deb}.contents" || {
+                echo "install: $(basename "${deb}") holds nothing matching ${rule#*:}" >&2
+                return 1
+            }
+        done
+        listed=$((listed + 1))
+    done
+    note "install: consumer built and run natively and on armhf (find_package, pkg-config); ${listed} .deb packages in ${out}/packages"
+}
+
+stage_tidy() {
+    local dir="${BUILD_ROOT}/tidy"
+    say "tidy: configure ${dir} for compile_commands.json"
+    # Configure only: nothing here is compiled. The host parts are configured too, since the
+    # host kit's sources need their include directories.
+    cmake -S "${ROOT}" -B "${dir}" -DCMAKE_BUILD_TYPE=Debug -DVEXO_BUILD_BENCH=OFF \
+        "${cmake_args[@]}" >/dev/null
+    local dirs_re
+    dirs_re="$(
+        IFS='|'
+        printf '%s' "${TIDY_DIRS[*]}"
+    )"
+    say "tidy: $(clang-tidy-14 --version | grep -m1 -o 'LLVM version [0-9.]*') over ${TIDY_DIRS[*]} (-j${JOBS})"
+    # gcc-only warning options in the compile commands mean nothing to clang.
+    run-clang-tidy-14 -p "${dir}" -j "${JOBS}" -quiet -warnings-as-errors='*' \
+        -extra-arg=-Wno-unknown-warning-option "^${ROOT}/(${dirs_re})/.*\.(c|cc)$"
+    local count
+    count="$(grep -cE "\"file\": \"${ROOT}/(${dirs_re})/.*\.(c|cc)\"" "${dir}/compile_commands.json" || true)"
+    note "tidy: ${count} sources of ${TIDY_DIRS[*]} clean"
 }
 
 stage_format() {

@@ -156,6 +156,7 @@ void process_pending(cloud_storage_ctl_t &ctl, upload_thread_state &st, uint32_t
 void pass_no_order(cloud_storage_ctl_t &ctl, uint32_t now) {
     __force_all_event_stop(&ctl, now);
     const uint32_t invalid_since = ctl.order_invalid_time;
+    // NOLINTNEXTLINE(bugprone-branch-clone): the two empty branches are two different waits
     if (now - invalid_since < ORDER_RETRY_SECONDS) {
         // too early
     } else if (invalid_since >= ctl.config_retry_time) {

@@ -336,6 +336,7 @@ vexo_ring_buffer_user_t vexo_ipc_ring_buffer_open(int32_t device, int32_t channe
     reader.stream = stream;
     reader.next = hostkit::stream_for(stream).live_end();
     hostkit::g_readers.emplace(handle, std::move(reader));
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): an opaque handle, never dereferenced
     return reinterpret_cast<vexo_ring_buffer_user_t>(handle);
 }
 

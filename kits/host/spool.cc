@@ -114,6 +114,7 @@ void Spool::load() {
     }
 }
 
+// NOLINTNEXTLINE(readability-make-member-function-const): it writes the spool's directory
 bool Spool::write_item(const ItemInfo &info, const CloudRequest &request) {
     const std::string path = config_.dir + "/" + file_name(info.seq);
     const std::string bytes = encode(info, request);

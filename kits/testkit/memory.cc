@@ -141,6 +141,7 @@ std::vector<size_t> outstanding_blocks(Pool pool) {
         by_order[b.second.second] = b.second.first;
     }
     std::vector<size_t> out;
+    out.reserve(by_order.size());
     for (auto &o : by_order) {
         out.push_back(o.second);
     }

@@ -70,10 +70,9 @@ bool make_clip(const std::string &args, const std::string &output) {
         return true;
     }
     std::ifstream in(log);
-    std::string messages((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     ADD_FAILURE() << "ffmpeg failed (the tests need the ffmpeg CLI with libx264 and libx265):\n"
                   << command << "\n"
-                  << messages;
+                  << in.rdbuf();
     return false;
 }
 

@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
 #include "spool.h"
 #include "temp_dir.h"
@@ -140,7 +141,9 @@ TEST_F(SpoolTest, DamagedItemsAreDiscardedAndNeverHandedOut) {
         std::string bytes;
         {
             std::ifstream in(last, std::ios::binary);
-            bytes.assign(std::istreambuf_iterator<char>(in), {});
+            std::ostringstream text;
+            text << in.rdbuf();
+            bytes = text.str();
         }
         c.damage(bytes);
         std::ofstream(last, std::ios::binary | std::ios::trunc) << bytes;

@@ -1,6 +1,7 @@
 /// Gap reports: stored once, by time, kept across a restart, read without a service; bad
 /// reports, bad credentials and damaged files change nothing.
 #include <fstream>
+#include <sstream>
 
 #include "service_fixture.h"
 
@@ -126,7 +127,9 @@ TEST_F(GapReportTest, ADamagedGapsFileIsReportedAndLeftAlone) {
         ASSERT_EQ(lines.size(), 1u);
         EXPECT_EQ(lines[0].rfind(file + ": ", 0), 0u) << lines[0];
         std::ifstream in(file, std::ios::binary);
-        EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), damaged);
+        std::ostringstream text;
+        text << in.rdbuf();
+        EXPECT_EQ(text.str(), damaged);
     }
 }
 

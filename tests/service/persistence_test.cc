@@ -4,6 +4,7 @@
 /// of being used or overwritten.
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
 #include "service/core/key_crypto.h"
 #include "service_fixture.h"
@@ -159,7 +160,9 @@ TEST_F(ServicePersistenceTest, TolerantReadListsRecordingsWhoseMetadataIsDamaged
 
     // Nothing was repaired, and the strict forms still refuse the directory.
     std::ifstream in(cut, std::ios::binary);
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), cut_text);
+    std::ostringstream text;
+    text << in.rdbuf();
+    EXPECT_EQ(text.str(), cut_text);
     EXPECT_THROW(vexo_cloud::read_recordings(data, "cam1"), std::runtime_error);
     EXPECT_THROW(vexo_cloud::read_recordings(data, "", nullptr), std::runtime_error);
 }
@@ -190,7 +193,9 @@ TEST_F(ServicePersistenceTest, DamagedStateFilesAreReportedAndLeftAlone) {
             EXPECT_NE(std::string(e.what()).find("device.json"), std::string::npos) << e.what();
         }
         std::ifstream in(device_file, std::ios::binary);
-        EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), damaged);
+        std::ostringstream text;
+        text << in.rdbuf();
+        EXPECT_EQ(text.str(), damaged);
     }
     write(device_file, good_device);
 

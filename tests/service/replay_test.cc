@@ -130,7 +130,9 @@ TEST_F(ReplayTest, UploadsStopsAndAlarmsSentADayLateAreFiledAsEver) {
     for (const Request &r : requests) {
         const auto answer = service->handle(replayed(r));
         EXPECT_EQ(answer.status, 200) << r.path << answer.body;
-        EXPECT_TRUE(body_of(answer).value("success", true)) << answer.body;
+        const Json body = body_of(answer);
+        const auto success = body.find("success");
+        EXPECT_TRUE(success == body.end() || *success == true) << answer.body;
     }
     const vexo_cloud::Recording rec = recording(*service, "cam1", kNoon);
     EXPECT_EQ(rec.end_time, kNoon + 20);

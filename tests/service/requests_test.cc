@@ -2,6 +2,7 @@
 /// stop notifications, event reports and alarms, and requests from many threads at once.
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <thread>
 
 #include "service/core/base64.h"
@@ -18,7 +19,9 @@ class ServiceRequestsTest : public ServiceTest {};
 
 std::string read_all(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
 }
 
 TEST_F(ServiceRequestsTest, RefusedRequestsAnswer4xxAndChangeNothing) {
