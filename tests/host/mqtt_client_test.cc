@@ -14,7 +14,7 @@
 #include "host_kit.h"
 #include "mosquitto_broker.h"
 #include "mqtt_client.h"
-#include "temp_dir.h"
+#include "tests/support/temp_dir.h"
 #include "vexo_device.h"
 
 namespace {
@@ -82,7 +82,6 @@ hostkit::Options kit_options(const std::string &dir, const std::string &mqtt_url
 
 TEST(MqttKitStart, ABadUrlOrUnusableTlsMakesStartFailAndWritesNothing) {
     vexo_test::TempDir dir("vexo-mqtt-url");
-    ASSERT_FALSE(dir.path().empty());
     for (const char *bad : {"127.0.0.1:1883", "mqtt://h:0", "mqtts://h:8883"}) {
         hostkit::Options options = kit_options(dir.path(), bad);
         // The TLS broker's CA file does not exist.
@@ -98,7 +97,6 @@ TEST(MqttKitStart, ABadUrlOrUnusableTlsMakesStartFailAndWritesNothing) {
 
 TEST(MqttKitStart, TlsWithTheSystemsAuthoritiesStarts) {
     vexo_test::TempDir dir("vexo-mqtt-system-ca");
-    ASSERT_FALSE(dir.path().empty());
     // Without a CA file the system's authorities are used, with or without a client
     // certificate; the broker not being up is no reason to refuse.
     const std::string pem = dir.path() + "/client.pem";
@@ -160,7 +158,6 @@ class MqttKitTest : public ::testing::Test {
         if (!vexo_test::MosquittoBroker::available()) {
             GTEST_SKIP() << vexo_test::MosquittoBroker::kBinary << " is not installed";
         }
-        ASSERT_FALSE(dir_.path().empty());
         broker_ = std::make_unique<vexo_test::MosquittoBroker>(dir_.path());
         std::lock_guard<std::mutex> lock(g_mu);
         g_actions.clear();

@@ -7,7 +7,7 @@
 #include <fstream>
 
 #include "spool.h"
-#include "temp_dir.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 

@@ -57,21 +57,8 @@ Bytes concat(const std::vector<Bytes> &parts) {
     return out;
 }
 
-TempDir::TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "vexo-media-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) {
-        throw std::runtime_error("mkdtemp failed");
-    }
-    path_ = pattern;
-}
-
-TempDir::~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-}
-
 std::string TempDir::write(const std::string &name, const Bytes &bytes) const {
-    const std::string full = path_ + "/" + name;
+    const std::string full = file(name);
     std::filesystem::create_directories(std::filesystem::path(full).parent_path());
     std::ofstream out(full, std::ios::binary);
     out.write(reinterpret_cast<const char *>(bytes.data()),

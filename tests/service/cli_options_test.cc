@@ -10,7 +10,7 @@
 
 #include "service/http/cli_options.h"
 #include "service/http/mqtt_publisher.h"
-#include "tests/host/temp_dir.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 
