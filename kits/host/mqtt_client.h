@@ -14,6 +14,7 @@
 #ifndef VEXO_HOST_MQTT_CLIENT_H
 #define VEXO_HOST_MQTT_CLIENT_H
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
@@ -61,6 +62,9 @@ class MqttClient {
         return "vexo/" + device_id + "/cmd";
     }
 
+    bool waiting_for_handler() const { return waiting_for_handler_.load(); }
+    uint64_t connect_attempts() const { return connect_attempts_.load(); }
+
   private:
     MqttClient(const MqttAddress &address, const std::string &device_id, mosquitto *mosq);
     void run();
@@ -84,6 +88,10 @@ class MqttClient {
     bool go_ = false;
     bool stop_ = false;
     std::thread thread_;
+
+    // Written on the client's thread, read by counters().
+    std::atomic<bool> waiting_for_handler_{false};
+    std::atomic<uint64_t> connect_attempts_{0};
 
     // Used on the client's thread only.
     bool connected_ = false;

@@ -216,13 +216,17 @@ TEST_F(MqttKitTest, ACommandSentWhileTheCameraWasAwayArrivesWhenItComesBack) {
     send(command("record"));
     start_kit();
     // Not connected before the module attaches its handlers: the queued command would find
-    // none.
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    // none. The client's thread says when it waits for them; by then it must not have tried
+    // the broker.
+    ASSERT_TRUE(wait_for([] { return hostkit::counters().mqtt_waiting_for_handler; }));
+    EXPECT_EQ(hostkit::counters().mqtt_connect_attempts, 0u);
     EXPECT_FALSE(connected());
     EXPECT_EQ(handled(), 0u);
     ASSERT_EQ(mqtt_attach(307, record_handler), 0);
     ASSERT_TRUE(wait_for([] { return handled() == 1; }));
     EXPECT_TRUE(wait_for(connected));
+    EXPECT_FALSE(hostkit::counters().mqtt_waiting_for_handler);
+    EXPECT_EQ(hostkit::counters().mqtt_connect_attempts, 1u);
 }
 
 TEST_F(MqttKitTest, TheClientReconnectsAndSubscribesAgainAfterTheBrokerRestarts) {
@@ -241,15 +245,20 @@ TEST_F(MqttKitTest, TheClientReconnectsAndSubscribesAgainAfterTheBrokerRestarts)
 }
 
 TEST_F(MqttKitTest, ABrokerThatIsNotUpYetIsWaitedForAndStopDoesNotWaitForIt) {
+    auto attempts = [](uint64_t n) {
+        return [n] { return hostkit::counters().mqtt_connect_attempts >= n; };
+    };
     start_kit();
     ASSERT_EQ(mqtt_attach(307, record_handler), 0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    ASSERT_TRUE(wait_for(attempts(1)));
     EXPECT_FALSE(connected());
     hostkit::stop(); // returns although the client is between attempts
 
+    // The first attempt found no broker and the client tried again: it keeps waiting for one.
     start_kit();
     ASSERT_EQ(mqtt_attach(307, record_handler), 0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    ASSERT_TRUE(wait_for(attempts(2)));
+    EXPECT_FALSE(connected());
     start_broker();
     ASSERT_TRUE(wait_for(connected));
     send(command("pic_v"));
