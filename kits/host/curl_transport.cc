@@ -151,6 +151,118 @@ struct Handles {
     }
 };
 
+bool well_formed(const CloudRequest &request) {
+    return valid_method(request.method) && !request.path.empty() && request.path[0] == '/' &&
+           !has_control_or_space(request.path) && !has_control_or_space(request.query);
+}
+
+/// The request's headers, then the ones that stop libcurl's own: no "Expect: 100-continue"
+/// pause before a body, and no form content type made up by libcurl when the request names
+/// none ("Name:" removes a header libcurl would add). False with *error for a header that
+/// cannot be sent.
+bool add_headers(const CloudRequest &request, const std::string &what, Handles *h,
+                 std::string *error) {
+    bool has_content_type = false;
+    for (const auto &[name, value] : request.headers) {
+        if (!valid_header(name, value)) {
+            *error = what + ": refused header '" + name.substr(0, 100) + "'";
+            return false;
+        }
+        has_content_type = has_content_type || name == "content-type";
+        // "name;" is libcurl's way to send a header with an empty value.
+        if (!h->add_header(value.empty() ? name + ";" : name + ": " + value)) {
+            *error = what + ": out of memory";
+            return false;
+        }
+    }
+    const bool sends_body = request.method != "GET";
+    if (!h->add_header("Expect:") ||
+        (sends_body && !has_content_type && !h->add_header("Content-Type:"))) {
+        *error = what + ": out of memory";
+        return false;
+    }
+    return true;
+}
+
+/// Where and how to connect: the URL, time limits, TLS always verified, no proxy, no
+/// redirects, http(s) only.
+void set_connection(CURL *e, const CurlTransportConfig &config, const CloudRequest &request,
+                    const std::string &url) {
+    const long timeout_s = request.timeout_s != 0 ? request.timeout_s : kDefaultTimeoutS;
+    curl_easy_setopt(e, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(config.connect_timeout_ms));
+    curl_easy_setopt(e, CURLOPT_TIMEOUT, timeout_s);
+    curl_easy_setopt(e, CURLOPT_FOLLOWLOCATION, 0L);
+    // The camera talks to its cloud directly: proxy variables of the environment are not used.
+    curl_easy_setopt(e, CURLOPT_PROXY, "");
+#if LIBCURL_VERSION_NUM >= 0x075500
+    curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https");
+#endif
+    curl_easy_setopt(e, CURLOPT_SSL_VERIFYPEER, 1L);
+    curl_easy_setopt(e, CURLOPT_SSL_VERIFYHOST, 2L);
+    if (!config.ca_file.empty()) {
+        curl_easy_setopt(e, CURLOPT_CAINFO, config.ca_file.c_str());
+    }
+}
+
+/// What goes out (method and body) and where the answer goes (the sink, bounded), with the
+/// request's cancel flag checked while it runs.
+void set_exchange(CURL *e, const CurlTransportConfig &config, const CloudRequest &request,
+                  Sink *sink, char *error_text) {
+    curl_easy_setopt(e, CURLOPT_MAXFILESIZE_LARGE,
+                     static_cast<curl_off_t>(config.max_answer_bytes));
+    curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, on_body);
+    curl_easy_setopt(e, CURLOPT_WRITEDATA, sink);
+    curl_easy_setopt(e, CURLOPT_ERRORBUFFER, error_text);
+    if (request.cancel != nullptr) {
+        curl_easy_setopt(e, CURLOPT_NOPROGRESS, 0L);
+        curl_easy_setopt(e, CURLOPT_XFERINFOFUNCTION, on_progress);
+        curl_easy_setopt(e, CURLOPT_XFERINFODATA, const_cast<std::atomic<bool> *>(request.cancel));
+    }
+    if (request.method == "GET") {
+        curl_easy_setopt(e, CURLOPT_HTTPGET, 1L);
+        return;
+    }
+    // The body is sent as it is, NUL bytes included; libcurl does not copy it.
+    curl_easy_setopt(e, CURLOPT_POST, 1L);
+    curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+    curl_easy_setopt(e, CURLOPT_POSTFIELDS, request.body.data());
+    if (request.method != "POST") {
+        curl_easy_setopt(e, CURLOPT_CUSTOMREQUEST, request.method.c_str());
+    }
+}
+
+/// Why a transfer failed, for the log.
+std::string failure_text(const std::string &what, CURLcode rc, const Sink &sink,
+                         const char *error_text, size_t max_answer_bytes) {
+    if (rc == CURLE_ABORTED_BY_CALLBACK) {
+        return what + ": cancelled";
+    }
+    if (sink.too_long || rc == CURLE_FILESIZE_EXCEEDED) {
+        return what + ": answer longer than " + std::to_string(max_answer_bytes) +
+               " bytes, refused";
+    }
+    return what + " failed: " + (error_text[0] != '\0' ? error_text : curl_easy_strerror(rc));
+}
+
+/// The answer of a finished transfer; false with *error when its status is not HTTP's.
+bool read_answer(CURL *e, const std::string &what, Sink *sink, CloudResponse *out,
+                 std::string *error) {
+    long status = 0;
+    curl_easy_getinfo(e, CURLINFO_RESPONSE_CODE, &status);
+    if (status < 100 || status > 599) {
+        *error = what + ": answer without a valid HTTP status (" + std::to_string(status) + ")";
+        return false;
+    }
+    const char *content_type = nullptr;
+    curl_easy_getinfo(e, CURLINFO_CONTENT_TYPE, &content_type);
+    out->status = static_cast<int32_t>(status);
+    out->content_type = content_type != nullptr ? content_type : "";
+    out->body = std::move(sink->body);
+    return true;
+}
+
 } // namespace
 
 std::unique_ptr<CurlTransport> CurlTransport::create(const CurlTransportConfig &config,
@@ -209,8 +321,7 @@ CloudResponse CurlTransport::exchange(const CloudRequest &request, std::string *
 
 CloudResponse CurlTransport::perform(const CloudRequest &request, std::string *error) const {
     CloudResponse out;
-    if (!valid_method(request.method) || request.path.empty() || request.path[0] != '/' ||
-        has_control_or_space(request.path) || has_control_or_space(request.query)) {
+    if (!well_formed(request)) {
         *error = "refused to send a malformed request (" + request.method + " " +
                  request.path.substr(0, 200) + ")";
         return out;
@@ -226,96 +337,21 @@ CloudResponse CurlTransport::perform(const CloudRequest &request, std::string *e
         *error = what + ": cannot create a libcurl handle";
         return out;
     }
-    bool has_content_type = false;
-    for (const auto &[name, value] : request.headers) {
-        if (!valid_header(name, value)) {
-            *error = what + ": refused header '" + name.substr(0, 100) + "'";
-            return out;
-        }
-        has_content_type = has_content_type || name == "content-type";
-        // "name;" is libcurl's way to send a header with an empty value.
-        if (!h.add_header(value.empty() ? name + ";" : name + ": " + value)) {
-            *error = what + ": out of memory";
-            return out;
-        }
-    }
-    const bool sends_body = request.method != "GET";
-    // No "Expect: 100-continue" pause before a body, and no form content type made up by
-    // libcurl when the request names none ("Name:" removes a header libcurl would add).
-    if (!h.add_header("Expect:") ||
-        (sends_body && !has_content_type && !h.add_header("Content-Type:"))) {
-        *error = what + ": out of memory";
+    if (!add_headers(request, what, &h, error)) {
         return out;
     }
-
     Sink sink;
     sink.limit = config_.max_answer_bytes;
     char error_text[CURL_ERROR_SIZE] = "";
-    const long timeout_s = request.timeout_s != 0 ? request.timeout_s : kDefaultTimeoutS;
-    CURL *e = h.easy;
-    curl_easy_setopt(e, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(e, CURLOPT_HTTPHEADER, h.headers);
-    curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(config_.connect_timeout_ms));
-    curl_easy_setopt(e, CURLOPT_TIMEOUT, timeout_s);
-    curl_easy_setopt(e, CURLOPT_FOLLOWLOCATION, 0L);
-    // The camera talks to its cloud directly: proxy variables of the environment are not used.
-    curl_easy_setopt(e, CURLOPT_PROXY, "");
-#if LIBCURL_VERSION_NUM >= 0x075500
-    curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https");
-#endif
-    curl_easy_setopt(e, CURLOPT_SSL_VERIFYPEER, 1L);
-    curl_easy_setopt(e, CURLOPT_SSL_VERIFYHOST, 2L);
-    if (!config_.ca_file.empty()) {
-        curl_easy_setopt(e, CURLOPT_CAINFO, config_.ca_file.c_str());
-    }
-    curl_easy_setopt(e, CURLOPT_MAXFILESIZE_LARGE,
-                     static_cast<curl_off_t>(config_.max_answer_bytes));
-    curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, on_body);
-    curl_easy_setopt(e, CURLOPT_WRITEDATA, &sink);
-    curl_easy_setopt(e, CURLOPT_ERRORBUFFER, error_text);
-    if (request.cancel != nullptr) {
-        curl_easy_setopt(e, CURLOPT_NOPROGRESS, 0L);
-        curl_easy_setopt(e, CURLOPT_XFERINFOFUNCTION, on_progress);
-        curl_easy_setopt(e, CURLOPT_XFERINFODATA, const_cast<std::atomic<bool> *>(request.cancel));
-    }
-    if (!sends_body) {
-        curl_easy_setopt(e, CURLOPT_HTTPGET, 1L);
-    } else {
-        // The body is sent as it is, NUL bytes included; libcurl does not copy it.
-        curl_easy_setopt(e, CURLOPT_POST, 1L);
-        curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE,
-                         static_cast<curl_off_t>(request.body.size()));
-        curl_easy_setopt(e, CURLOPT_POSTFIELDS, request.body.data());
-        if (request.method != "POST") {
-            curl_easy_setopt(e, CURLOPT_CUSTOMREQUEST, request.method.c_str());
-        }
-    }
-
-    const CURLcode rc = curl_easy_perform(e);
+    set_connection(h.easy, config_, request, url);
+    curl_easy_setopt(h.easy, CURLOPT_HTTPHEADER, h.headers);
+    set_exchange(h.easy, config_, request, &sink, error_text);
+    const CURLcode rc = curl_easy_perform(h.easy);
     if (rc != CURLE_OK) {
-        if (rc == CURLE_ABORTED_BY_CALLBACK) {
-            *error = what + ": cancelled";
-        } else if (sink.too_long || rc == CURLE_FILESIZE_EXCEEDED) {
-            *error = what + ": answer longer than " + std::to_string(config_.max_answer_bytes) +
-                     " bytes, refused";
-        } else {
-            *error =
-                what + " failed: " + (error_text[0] != '\0' ? error_text : curl_easy_strerror(rc));
-        }
+        *error = failure_text(what, rc, sink, error_text, config_.max_answer_bytes);
         return out;
     }
-    long status = 0;
-    curl_easy_getinfo(e, CURLINFO_RESPONSE_CODE, &status);
-    if (status < 100 || status > 599) {
-        *error = what + ": answer without a valid HTTP status (" + std::to_string(status) + ")";
-        return out;
-    }
-    const char *content_type = nullptr;
-    curl_easy_getinfo(e, CURLINFO_CONTENT_TYPE, &content_type);
-    out.status = static_cast<int32_t>(status);
-    out.content_type = content_type != nullptr ? content_type : "";
-    out.body = std::move(sink.body);
+    read_answer(h.easy, what, &sink, &out, error);
     return out;
 }
 

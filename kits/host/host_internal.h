@@ -64,6 +64,8 @@ void mqtt_stop();
 bool mqtt_net_start(const Options &options, std::string *error);
 void mqtt_net_connect();
 void mqtt_net_stop();
+/// The network client's members of Counters (waiting for a handler, connect attempts).
+void mqtt_net_counters(Counters *c);
 void device_reset();
 
 } // namespace hostkit::internal

@@ -147,6 +147,11 @@ struct Counters {
     uint64_t order_changes = 0;
     /// The MQTT client is connected to its broker and subscribed to its command topic.
     bool mqtt_connected = false;
+    /// The network MQTT client waits for the module's first handler and has not tried the
+    /// broker yet; then the connection attempts it made (first connect, and each one again
+    /// after a failure or a lost connection). Both 0 without a network broker.
+    bool mqtt_waiting_for_handler = false;
+    uint64_t mqtt_connect_attempts = 0;
     uint64_t frames_pushed = 0;
     uint64_t reader_jumps = 0;       ///< times a lagging reader was moved to the newest key frame
     uint64_t frames_skipped = 0;     ///< frames those jumps passed over

@@ -225,6 +225,7 @@ Counters counters() {
         c = g_counters;
     }
     internal::spool_counters(&c);
+    internal::mqtt_net_counters(&c);
     return c;
 }
 

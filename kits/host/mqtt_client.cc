@@ -209,11 +209,14 @@ void MqttClient::note_failure(const char *what, int rc, int saved_errno) {
 void MqttClient::run() {
     {
         std::unique_lock<std::mutex> lock(mu_);
+        waiting_for_handler_ = !go_;
         cv_.wait(lock, [this] { return go_ || stop_; });
+        waiting_for_handler_ = false;
     }
     bool socket_open = false;
     while (!stopping()) {
         if (!socket_open) {
+            ++connect_attempts_;
             errno = 0;
             const int rc =
                 mosquitto_connect_async(mosq_, address_.host.c_str(), address_.port, kKeepaliveS);
@@ -353,6 +356,14 @@ void mqtt_net_connect() {
     std::lock_guard<std::mutex> lock(g_client_mu);
     if (g_client) {
         g_client->connect();
+    }
+}
+
+void mqtt_net_counters(Counters *c) {
+    std::lock_guard<std::mutex> lock(g_client_mu);
+    if (g_client) {
+        c->mqtt_waiting_for_handler = g_client->waiting_for_handler();
+        c->mqtt_connect_attempts = g_client->connect_attempts();
     }
 }
 

@@ -14,6 +14,7 @@
 #ifndef VEXO_HOST_MQTT_CLIENT_H
 #define VEXO_HOST_MQTT_CLIENT_H
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
@@ -21,6 +22,7 @@
 #include <string>
 #include <thread>
 
+#include "common/mqtt_url.h"
 #include "host_kit.h"
 
 struct mosquitto;
@@ -28,20 +30,10 @@ struct mosquitto_message;
 
 namespace hostkit {
 
-constexpr uint16_t kMqttPort = 1883;
-constexpr uint16_t kMqttTlsPort = 8883;
-
-struct MqttAddress {
-    std::string host;
-    uint16_t port = kMqttPort;
-    bool tls = false; ///< mqtts://
-};
-
-/// Parses "mqtt://host[:port]" or "mqtts://host[:port]" (TLS): host a name or IPv4 address,
-/// or an IPv6 address in brackets; port 1..65535, default 1883, or 8883 for mqtts; nothing
-/// after the port but an optional '/'. False with *error for anything else (other schemes,
-/// user info, paths, queries, bad ports).
-bool parse_mqtt_url(const std::string &url, MqttAddress *out, std::string *error);
+using kitcommon::kMqttPort;
+using kitcommon::kMqttTlsPort;
+using kitcommon::MqttAddress;
+using kitcommon::parse_mqtt_url;
 
 /// Checks that the TLS and login settings fit the broker address and that the files they
 /// name can be used: a CA file must hold a PEM certificate, certificate and key go
@@ -70,6 +62,9 @@ class MqttClient {
         return "vexo/" + device_id + "/cmd";
     }
 
+    bool waiting_for_handler() const { return waiting_for_handler_.load(); }
+    uint64_t connect_attempts() const { return connect_attempts_.load(); }
+
   private:
     MqttClient(const MqttAddress &address, const std::string &device_id, mosquitto *mosq);
     void run();
@@ -93,6 +88,10 @@ class MqttClient {
     bool go_ = false;
     bool stop_ = false;
     std::thread thread_;
+
+    // Written on the client's thread, read by counters().
+    std::atomic<bool> waiting_for_handler_{false};
+    std::atomic<uint64_t> connect_attempts_{0};
 
     // Used on the client's thread only.
     bool connected_ = false;

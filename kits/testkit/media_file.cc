@@ -5,37 +5,14 @@
 
 namespace media_file {
 
-const uint8_t kIv[16] = {0x5c, 0x1e, 0xa7, 0x33, 0x90, 0xd2, 0x4b, 0x68,
-                         0xf1, 0x0a, 0x87, 0xc5, 0x26, 0xe9, 0x7d, 0xb4};
-
 bool parse(const std::vector<uint8_t> &file, std::vector<Entry> *entries, std::string *error) {
-    auto le = [&file](size_t at, int bytes) {
-        uint64_t v = 0;
-        for (int i = bytes - 1; i >= 0; --i) {
-            v = (v << 8) | file[at + static_cast<size_t>(i)];
-        }
-        return v;
-    };
-    for (size_t at = 0; at < file.size();) {
-        if (file.size() - at < 24) {
-            *error = "truncated header at offset " + std::to_string(at);
-            return false;
-        }
-        Entry e{static_cast<uint32_t>(le(at, 4)),
-                static_cast<uint32_t>(le(at + 4, 4)),
-                le(at + 8, 8),
-                le(at + 16, 8),
-                {}};
-        if (file.size() - at - 24 < e.length) {
-            *error = "payload runs past the end at offset " + std::to_string(at);
-            return false;
-        }
-        const auto payload = file.begin() + static_cast<std::ptrdiff_t>(at + 24);
-        e.payload.assign(payload, payload + e.length);
-        at += 24 + e.length;
-        entries->push_back(std::move(e));
+    uint64_t offset = 0;
+    std::string fault;
+    if (kitcommon::parse_media_entries(file, entries, &offset, &fault)) {
+        return true;
     }
-    return true;
+    *error = fault + " at offset " + std::to_string(offset);
+    return false;
 }
 
 std::string verify(const tk::Upload &upload, const uint8_t key[16], std::vector<Entry> *entries) {
@@ -55,8 +32,9 @@ std::string verify(const tk::Upload &upload, const uint8_t key[16], std::vector<
         if (!source || source->type != e.type || source->pts != e.pts) {
             return at + "no such frame was produced";
         }
-        auto plain = e.type == VEXO_FRAME_I || audio ? tk::aes_cbc_decrypt(key, kIv, e.payload)
-                                                     : std::make_optional(e.payload);
+        auto plain = e.type == VEXO_FRAME_I || audio
+                         ? tk::aes_cbc_decrypt(key, kitcommon::kMediaIv, e.payload)
+                         : std::make_optional(e.payload);
         if (!plain) {
             return at + "does not decrypt";
         }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "json_fields.h"
+#include "option_table.h"
 
 namespace vexo_cloud {
 
@@ -97,54 +98,56 @@ std::optional<Command> parse_serve(const std::vector<std::string> &args) {
     ServeOptions &o = command.serve_options;
     std::string listen = "127.0.0.1:8080";
     std::string mqtt_password_file;
-    for (size_t i = 0; i < args.size(); ++i) {
-        const std::string &arg = args[i];
-        if (arg == "--quiet") {
-            o.http.access_log = false;
-            continue;
-        }
-        if (i + 1 >= args.size()) {
-            return fail(arg.rfind("--", 0) == 0 ? "missing value for " + arg
-                                                : "unexpected argument " + arg);
-        }
-        const std::string &value = args[++i];
-        if (arg == "--data") {
-            o.data_dir = value;
-        } else if (arg == "--listen") {
-            listen = value;
-        } else if (arg == "--mqtt") {
-            o.mqtt_url = value;
-        } else if (arg == "--mqtt-ca") {
-            o.mqtt_security.ca_file = value;
-        } else if (arg == "--mqtt-cert") {
-            o.mqtt_security.cert_file = value;
-        } else if (arg == "--mqtt-key") {
-            o.mqtt_security.key_file = value;
-        } else if (arg == "--mqtt-user") {
-            o.mqtt_security.username = value;
-        } else if (arg == "--mqtt-password-file") {
-            mqtt_password_file = value;
-        } else if (arg == "--token") {
-            const size_t equals = value.find('=');
-            if (equals == std::string::npos || equals == 0 || equals + 1 == value.size()) {
-                return fail("--token takes DEVICE=TOKEN");
-            }
-            o.tokens[value.substr(0, equals)] = value.substr(equals + 1);
-        } else if (arg == "--admin-token") {
-            o.http.admin_token = value;
-        } else if (arg == "--tls-cert") {
-            o.http.tls_cert = value;
-        } else if (arg == "--tls-key") {
-            o.http.tls_key = value;
-        } else if (arg == "--max-body") {
-            int64_t bytes = 0;
-            if (!parse_int(value, 1, int64_t{1} << 40, &bytes)) {
-                return fail("--max-body takes a number of bytes");
-            }
-            o.http.max_body = static_cast<uint64_t>(bytes);
-        } else {
-            return fail("unknown option " + arg);
-        }
+    const auto set = [](std::string *field) {
+        return [field](const std::string &value, std::string *) {
+            *field = value;
+            return true;
+        };
+    };
+    const std::vector<vexo_cli::Option> table = {
+        {"--quiet", false, "",
+         [&o](const std::string &, std::string *) {
+             o.http.access_log = false;
+             return true;
+         }},
+        {"--data", true, "", set(&o.data_dir)},
+        {"--listen", true, "", set(&listen)},
+        {"--mqtt", true, "", set(&o.mqtt_url)},
+        {"--mqtt-ca", true, "", set(&o.mqtt_security.ca_file)},
+        {"--mqtt-cert", true, "", set(&o.mqtt_security.cert_file)},
+        {"--mqtt-key", true, "", set(&o.mqtt_security.key_file)},
+        {"--mqtt-user", true, "", set(&o.mqtt_security.username)},
+        {"--mqtt-password-file", true, "", set(&mqtt_password_file)},
+        {"--token", true, "",
+         [&o](const std::string &value, std::string *error) {
+             const size_t equals = value.find('=');
+             if (equals == std::string::npos || equals == 0 || equals + 1 == value.size()) {
+                 *error = "--token takes DEVICE=TOKEN";
+                 return false;
+             }
+             o.tokens[value.substr(0, equals)] = value.substr(equals + 1);
+             return true;
+         }},
+        {"--admin-token", true, "", set(&o.http.admin_token)},
+        {"--tls-cert", true, "", set(&o.http.tls_cert)},
+        {"--tls-key", true, "", set(&o.http.tls_key)},
+        {"--max-body", true, "",
+         [&o](const std::string &value, std::string *error) {
+             int64_t bytes = 0;
+             if (!parse_int(value, 1, int64_t{1} << 40, &bytes)) {
+                 *error = "--max-body takes a number of bytes";
+                 return false;
+             }
+             o.http.max_body = static_cast<uint64_t>(bytes);
+             return true;
+         }},
+    };
+    vexo_cli::Syntax syntax;
+    syntax.last_word_needs_value = true;
+    syntax.stray_word = "unexpected argument {}";
+    std::vector<std::string> operands;
+    if (std::string error; !vexo_cli::parse_options(args, table, syntax, &operands, &error)) {
+        return fail(error);
     }
     if (o.data_dir.empty()) {
         return fail("serve needs --data DIR");
@@ -224,46 +227,62 @@ std::optional<Command> parse_admin(const std::string &verb, const std::vector<st
     Json change = Json::object();
     Json trigger = Json::object();
     bool json_answer = false;
-    for (size_t i = 0; i < args.size(); ++i) {
-        const std::string &arg = args[i];
-        if (arg.rfind("--", 0) != 0) {
-            words.push_back(arg);
-            continue;
+    const auto set = [](std::string *field) {
+        return [field](const std::string &value, std::string *) {
+            *field = value;
+            return true;
+        };
+    };
+    std::vector<vexo_cli::Option> table = {
+        {"--server", true, "", set(&a.server)},
+        {"--admin-token", true, "", set(&a.admin_token)},
+        {"--ca", true, "", set(&a.ca_file)},
+    };
+    if (verb == "recordings") {
+        table.push_back({"--json", false, "", [&json_answer](const std::string &, std::string *) {
+                             json_answer = true;
+                             return true;
+                         }});
+    }
+    if (verb == "trigger") {
+        table.push_back(
+            {"--duration", true, "", [&trigger](const std::string &value, std::string *error) {
+                 int64_t seconds = 0;
+                 if (!parse_int(value, INT32_MIN, INT32_MAX, &seconds)) {
+                     *error = "--duration takes a number of seconds";
+                     return false;
+                 }
+                 trigger["duration"] = seconds;
+                 return true;
+             }});
+        table.push_back(
+            {"--ext", true, "", [&trigger](const std::string &value, std::string *error) {
+                 const std::optional<Json> ext = parse_value(value);
+                 if (!ext) {
+                     *error = "--ext takes JSON, e.g. {\"user\":\"u1\"}";
+                     return false;
+                 }
+                 trigger["ext"] = *ext;
+                 return true;
+             }});
+    }
+    if (verb == "order") {
+        for (const char *option : {"--store-mode", "--expired", "--event-duration", "--slice",
+                                   "--silence", "--daily", "--count-left"}) {
+            table.push_back(
+                {option, true, "", [&change, option](const std::string &value, std::string *error) {
+                     return order_member(option, value, &change, error);
+                 }});
         }
-        if (verb == "recordings" && arg == "--json") {
-            json_answer = true;
-            continue;
-        }
-        if (i + 1 >= args.size()) {
-            return fail("missing value for " + arg);
-        }
-        const std::string &value = args[++i];
-        std::string error;
-        if (arg == "--server") {
-            a.server = value;
-        } else if (arg == "--admin-token") {
-            a.admin_token = value;
-        } else if (arg == "--ca") {
-            a.ca_file = value;
-        } else if (verb == "trigger" && arg == "--duration") {
-            int64_t seconds = 0;
-            if (!parse_int(value, INT32_MIN, INT32_MAX, &seconds)) {
-                return fail("--duration takes a number of seconds");
-            }
-            trigger["duration"] = seconds;
-        } else if (verb == "trigger" && arg == "--ext") {
-            const std::optional<Json> ext = parse_value(value);
-            if (!ext) {
-                return fail("--ext takes JSON, e.g. {\"user\":\"u1\"}");
-            }
-            trigger["ext"] = *ext;
-        } else if (verb == "order") {
-            if (!order_member(arg, value, &change, &error)) {
-                return fail(error);
-            }
-        } else {
-            return fail("unknown option " + arg + " for " + verb);
-        }
+    }
+    vexo_cli::Syntax syntax;
+    syntax.operands = true;
+    syntax.operand_prefix = "--";
+    syntax.last_word_needs_value = true;
+    // The order command names no command in its refusal (as its members' own errors do not).
+    syntax.unknown_option = verb == "order" ? "unknown option {}" : "unknown option {} for " + verb;
+    if (std::string error; !vexo_cli::parse_options(args, table, syntax, &words, &error)) {
+        return fail(error);
     }
     const size_t wanted = verb == "devices" ? 0 : verb == "trigger" ? 2 : 1;
     if (words.size() != wanted) {

@@ -15,16 +15,14 @@
 #include <mutex>
 #include <sstream>
 
+#include "common/mqtt_url.h"
+
 namespace vexo_cloud {
 
 // ---- constants -----------------------------------------------------------------------------
 
 namespace {
 
-constexpr char kScheme[] = "mqtt://";
-constexpr char kTlsScheme[] = "mqtts://";
-constexpr uint16_t kDefaultPort = 1883;
-constexpr uint16_t kDefaultTlsPort = 8883;
 constexpr int kKeepAliveS = 30;
 constexpr unsigned kReconnectMinS = 1;
 constexpr unsigned kReconnectMaxS = 10;
@@ -88,51 +86,17 @@ int no_passphrase(char *, int, int, void *) {
 
 // ---- exported calls ------------------------------------------------------------------------
 
-bool parse_mqtt_url(const std::string &url, std::string *host, uint16_t *port, bool *tls,
-                    std::string *error) {
-    *tls = url.compare(0, sizeof kTlsScheme - 1, kTlsScheme) == 0;
-    const std::string scheme = *tls ? kTlsScheme : kScheme;
-    if (url.compare(0, scheme.size(), scheme) != 0) {
-        *error = "an MQTT broker is given as mqtt://HOST[:PORT] or mqtts://HOST[:PORT], not \"" +
-                 url + "\"";
-        return false;
-    }
-    std::string rest = url.substr(scheme.size());
-    if (!rest.empty() && rest.back() == '/') {
-        rest.pop_back();
-    }
-    const size_t colon = rest.rfind(':');
-    *host = colon == std::string::npos ? rest : rest.substr(0, colon);
-    *port = *tls ? kDefaultTlsPort : kDefaultPort;
-    if (host->empty() || host->find_first_of("/@?#") != std::string::npos) {
-        *error = "no usable host in \"" + url + "\"";
-        return false;
-    }
-    if (colon != std::string::npos) {
-        const std::string digits = rest.substr(colon + 1);
-        unsigned long value = 0;
-        bool ok = !digits.empty() && digits.size() <= 5;
-        for (char c : digits) {
-            ok = ok && c >= '0' && c <= '9';
-            value = value * 10 + static_cast<unsigned long>(c - '0');
-        }
-        if (!ok || value == 0 || value > 65535) {
-            *error = "bad port in \"" + url + "\"";
-            return false;
-        }
-        *port = static_cast<uint16_t>(value);
-    }
-    return true;
-}
-
 std::unique_ptr<MqttPublisher>
 MqttPublisher::start(const std::string &url, const MqttSecurity &security, std::string *error) {
     std::unique_ptr<MqttPublisher> self(new MqttPublisher());
-    bool tls = false;
-    if (!parse_mqtt_url(url, &self->host_, &self->port_, &tls, error) ||
-        !check_security(tls, security, error)) {
+    kitcommon::MqttAddress address;
+    if (!kitcommon::parse_mqtt_url(url, &address, error) ||
+        !check_security(address.tls, security, error)) {
         return nullptr;
     }
+    const bool tls = address.tls;
+    self->host_ = address.host;
+    self->port_ = address.port;
     init_library();
     self->url_ = url;
     const std::string client_id = "vexo-cloud-" + std::to_string(::getpid());

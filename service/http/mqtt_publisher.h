@@ -18,11 +18,6 @@ struct mosquitto;
 
 namespace vexo_cloud {
 
-/// "mqtt://HOST[:PORT]" (port 1883 when left out) or "mqtts://HOST[:PORT]" (TLS, port 8883
-/// when left out) split into its parts; false with *error for anything else.
-bool parse_mqtt_url(const std::string &url, std::string *host, uint16_t *port, bool *tls,
-                    std::string *error);
-
 /// How the publisher proves who it is and checks the broker. Files are PEM.
 struct MqttSecurity {
     std::string ca_file;   ///< authorities for an mqtts broker; empty: the system's
@@ -34,7 +29,8 @@ struct MqttSecurity {
 
 class MqttPublisher {
   public:
-    /// Starts a client for the broker at url; nullptr with *error for a bad URL, security
+    /// Starts a client for the broker at url (common/mqtt_url.h: mqtt:// or mqtts://, an
+    /// IPv6 host in brackets); nullptr with *error for a bad URL, security
     /// settings that cannot work (TLS files for mqtt://, a CA file without a certificate,
     /// an unreadable certificate or key, a password without a user) or when the client
     /// cannot be made. A broker that is not up yet is not an error.

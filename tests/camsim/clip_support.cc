@@ -47,21 +47,6 @@ std::string command_output(const std::string &command) {
 
 } // namespace
 
-TempDir::TempDir() {
-    std::string pattern = ::testing::TempDir() + "camsim-XXXXXX";
-    std::vector<char> name(pattern.begin(), pattern.end());
-    name.push_back('\0');
-    if (mkdtemp(name.data()) == nullptr) {
-        ADD_FAILURE() << "mkdtemp " << pattern << " failed";
-    }
-    path_ = name.data();
-}
-
-TempDir::~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-}
-
 bool make_clip(const std::string &args, const std::string &output) {
     std::string log = output + ".log";
     std::string command = "ffmpeg -nostdin -hide_banner -loglevel error -y " + args + " " +

@@ -7,21 +7,15 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/temp_dir.h"
 #include "tools/camsim/media_source.h"
 
 namespace camsim_test {
 
-// A directory removed with everything in it when the object goes.
-class TempDir {
+// A directory for the clips of one test, removed with everything in it when the object goes.
+class TempDir : public vexo_test::TempDir {
   public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
-    std::string file(const std::string &name) const { return path_ + "/" + name; }
-
-  private:
-    std::string path_;
+    TempDir() : vexo_test::TempDir("camsim") {}
 };
 
 // Runs `ffmpeg <args> <output>` quietly; false (with ffmpeg's messages added to a failing test

@@ -35,20 +35,6 @@ Result run(const std::vector<std::string> &argv, const std::vector<std::string> 
     return r;
 }
 
-TempDir::TempDir() {
-    std::string tmpl = (fs::temp_directory_path() / "vexo-e2e-XXXXXX").string();
-    path_ = mkdtemp(tmpl.data());
-}
-
-TempDir::~TempDir() {
-    if (::testing::Test::HasFailure()) {
-        std::fprintf(stderr, "kept %s for a look\n", path_.c_str());
-        return;
-    }
-    std::error_code ec;
-    fs::remove_all(path_, ec);
-}
-
 std::string make_clip(const std::string &dir, const std::string &name, int width, int height,
                       int fps, int gop, int seconds, const std::string &audio, int kbps) {
     const std::string out = dir + "/" + name;

@@ -11,6 +11,7 @@
 
 #include "cloud_service.h"
 #include "media_format.h"
+#include "tests/support/temp_dir.h"
 
 namespace e2e {
 
@@ -24,14 +25,9 @@ Result run(const std::vector<std::string> &argv, const std::vector<std::string> 
 
 /// A fresh directory under the system's temporary directory, removed at scope exit unless
 /// the test failed (kept for a look).
-class TempDir {
+class TempDir : public vexo_test::TempDir {
   public:
-    TempDir();
-    ~TempDir();
-    const std::string &path() const { return path_; }
-
-  private:
-    std::string path_;
+    TempDir() : vexo_test::TempDir("vexo-e2e", Keep::kOnFailure) {}
 };
 
 /// Makes a clip with ffmpeg's test sources: H.264 video of the given size, frame rate and key

@@ -14,8 +14,8 @@
 #include "curl_transport.h"
 #include "host_kit.h"
 #include "local_http_server.h"
-#include "temp_dir.h"
 #include "test_certificate.h"
+#include "tests/support/temp_dir.h"
 #include "unused_port.h"
 #include "vexo_cloud.h"
 
@@ -357,7 +357,6 @@ TEST(CurlTransportCreate, AcceptsHttpAndHttpsUrlsOnly) {
 
 TEST(CurlTransportCreate, ACaFileMustBeReadableAndGoesWithHttpsOnly) {
     vexo_test::TempDir dir("vexo-curl-ca");
-    ASSERT_FALSE(dir.path().empty());
     std::string error;
     ASSERT_TRUE(vexo_test::write_test_certificate(dir.path(), &error)) << error;
     CurlTransportConfig config;
@@ -374,7 +373,6 @@ TEST(CurlTransportCreate, ACaFileMustBeReadableAndGoesWithHttpsOnly) {
 
 TEST(CurlTransportTls, VerifiesTheServerAgainstTheCaFile) {
     vexo_test::TempDir dir("vexo-curl-tls");
-    ASSERT_FALSE(dir.path().empty());
     std::string error;
     ASSERT_TRUE(vexo_test::write_test_certificate(dir.path(), &error)) << error;
     auto tls = std::make_unique<httplib::SSLServer>((dir.path() + "/server.crt").c_str(),
@@ -408,7 +406,6 @@ TEST(CurlTransportKit, TheKitsCloudCallsTravelThroughTheTransport) {
     vexo_test::LocalHttpServer server(recorder.make_server());
     ASSERT_TRUE(server.running());
     vexo_test::TempDir dir("vexo-curl-kit");
-    ASSERT_FALSE(dir.path().empty());
 
     hostkit::Options o;
     o.data_dir = dir.path();

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "host_kit.h"
+#include "tests/support/temp_dir.h"
 #include "vexo_cloud.h"
 #include "vexo_device.h"
 #include "vexo_thread.h"
@@ -33,9 +34,7 @@ class ScriptedCloud : public hostkit::CloudTransport {
 class KitCallsTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        std::string pattern = (std::filesystem::temp_directory_path() / "vexo-kit-XXXXXX").string();
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        dir_ = pattern;
+        dir_ = tmp_.path();
         cloud_ = std::make_shared<ScriptedCloud>();
         hostkit::Options o;
         o.data_dir = dir_;
@@ -48,11 +47,7 @@ class KitCallsTest : public ::testing::Test {
         o.log_level = hostkit::LogLevel::kError;
         ASSERT_EQ(hostkit::start(o), 0);
     }
-    void TearDown() override {
-        hostkit::stop();
-        std::error_code ignored;
-        std::filesystem::remove_all(dir_, ignored);
-    }
+    void TearDown() override { hostkit::stop(); }
     void answer(int32_t status, const std::string &body) {
         cloud_->answer.status = status;
         cloud_->answer.body = body;
@@ -62,6 +57,7 @@ class KitCallsTest : public ::testing::Test {
         return cloud_->requests.back();
     }
 
+    vexo_test::TempDir tmp_{"vexo-kit"};
     std::string dir_;
     std::shared_ptr<ScriptedCloud> cloud_;
 };

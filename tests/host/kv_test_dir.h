@@ -12,22 +12,14 @@
 #include <vector>
 
 #include "host_internal.h"
+#include "tests/support/temp_dir.h"
 #include "vexo_kv.h"
 
 namespace kvtest {
 
 class KvStoreTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        std::string pattern = (std::filesystem::temp_directory_path() / "vexo-kv-XXXXXX").string();
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        data_dir_ = pattern;
-        hostkit::internal::kv_start(data_dir_);
-    }
-    void TearDown() override {
-        std::error_code ignored;
-        std::filesystem::remove_all(data_dir_, ignored);
-    }
+    void SetUp() override { hostkit::internal::kv_start(data_dir_); }
 
     std::string kv_dir() const { return data_dir_ + "/kv"; }
 
@@ -63,7 +55,8 @@ class KvStoreTest : public ::testing::Test {
         ASSERT_TRUE(out.good()) << path;
     }
 
-    std::string data_dir_;
+    vexo_test::TempDir tmp_{"vexo-kv"};
+    std::string data_dir_ = tmp_.path();
 };
 
 } // namespace kvtest

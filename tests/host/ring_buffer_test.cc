@@ -13,6 +13,7 @@
 
 #include "host_kit.h"
 #include "ring_stream.h"
+#include "tests/support/temp_dir.h"
 #include "vexo_ring_buffer.h"
 
 namespace {
@@ -70,15 +71,7 @@ void push_video(const std::string &pattern) {
 
 class RingBufferTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        char tmpl[] = "/tmp/vexo-ring-test-XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-    }
-    void TearDown() override {
-        hostkit::stop();
-        std::filesystem::remove_all(dir_);
-    }
+    void TearDown() override { hostkit::stop(); }
     /// (Re)starts the kit with these ring settings; hostkit::start's result.
     int restart(uint32_t ring_seconds, uint32_t ring_delay_ms) {
         hostkit::stop();
@@ -95,7 +88,8 @@ class RingBufferTest : public ::testing::Test {
         return vexo_ipc_ring_buffer_open(0, 0, stream, 0);
     }
 
-    std::string dir_;
+    vexo_test::TempDir tmp_{"vexo-ring-test"};
+    std::string dir_ = tmp_.path();
 };
 
 TEST_F(RingBufferTest, ReadersStartAtTheLiveEndKeepTheirOwnCursorsAndRetryTheLastFrame) {

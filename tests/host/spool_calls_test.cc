@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "host_kit.h"
-#include "temp_dir.h"
+#include "tests/support/temp_dir.h"
 #include "vexo_cloud.h"
 #include "vexo_device.h"
 

@@ -11,7 +11,7 @@
 #include <random>
 
 #include "spool.h"
-#include "temp_dir.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <sstream>
 
 #include "spool.h"
-#include "temp_dir.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 

@@ -22,7 +22,7 @@ Bytes encrypt_blocks(const Bytes &blocks) {
     int written = 0;
     int last = 0;
     EXPECT_EQ(EVP_EncryptInit_ex(ctx.get(), EVP_aes_128_cbc(), nullptr, kTestKey.data(),
-                                 vexo_media::kIv.data()),
+                                 kitcommon::kMediaIv),
               1);
     EVP_CIPHER_CTX_set_padding(ctx.get(), 0);
     EXPECT_EQ(EVP_EncryptUpdate(ctx.get(), out.data(), &written, blocks.data(),

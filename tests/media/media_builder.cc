@@ -15,12 +15,6 @@ const vexo_media::Key kTestKey = {'0', '1', '2', '3', '4', '5', '6', '7',
 
 namespace {
 
-void put_le(Bytes *out, uint64_t value, int width) {
-    for (int i = 0; i < width; ++i) {
-        out->push_back(static_cast<uint8_t>(value >> (8 * i)));
-    }
-}
-
 struct CipherFree {
     void operator()(EVP_CIPHER_CTX *ctx) const { EVP_CIPHER_CTX_free(ctx); }
 };
@@ -34,7 +28,7 @@ Bytes encrypt(const vexo_media::Key &key, const Bytes &plain) {
     int last = 0;
     if (!ctx ||
         EVP_EncryptInit_ex(ctx.get(), EVP_aes_128_cbc(), nullptr, key.data(),
-                           vexo_media::kIv.data()) != 1 ||
+                           kitcommon::kMediaIv) != 1 ||
         EVP_EncryptUpdate(ctx.get(), out.data(), &written, plain.data(),
                           static_cast<int>(plain.size())) != 1 ||
         EVP_EncryptFinal_ex(ctx.get(), out.data() + written, &last) != 1) {
@@ -46,11 +40,7 @@ Bytes encrypt(const vexo_media::Key &key, const Bytes &plain) {
 
 Bytes entry(uint32_t type, const Bytes &payload, uint64_t timestamp, uint64_t pts) {
     Bytes out;
-    put_le(&out, type, 4);
-    put_le(&out, payload.size(), 4);
-    put_le(&out, timestamp, 8);
-    put_le(&out, pts, 8);
-    out.insert(out.end(), payload.begin(), payload.end());
+    kitcommon::append_media_entry(type, payload, timestamp, pts, &out);
     return out;
 }
 
@@ -67,21 +57,8 @@ Bytes concat(const std::vector<Bytes> &parts) {
     return out;
 }
 
-TempDir::TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "vexo-media-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) {
-        throw std::runtime_error("mkdtemp failed");
-    }
-    path_ = pattern;
-}
-
-TempDir::~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-}
-
 std::string TempDir::write(const std::string &name, const Bytes &bytes) const {
-    const std::string full = path_ + "/" + name;
+    const std::string full = file(name);
     std::filesystem::create_directories(std::filesystem::path(full).parent_path());
     std::ofstream out(full, std::ios::binary);
     out.write(reinterpret_cast<const char *>(bytes.data()),

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/temp_dir.h"
 #include "tools/media_format/media_format.h"
 
 namespace media_test {
@@ -25,19 +26,12 @@ Bytes sealed_entry(const vexo_media::Key &key, uint32_t type, const Bytes &plain
 
 Bytes concat(const std::vector<Bytes> &parts);
 
-/// A fresh directory under the system's temporary directory, removed with its content.
-class TempDir {
+/// A fresh temporary directory that test media files are written to.
+class TempDir : public vexo_test::TempDir {
   public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
-    const std::string &path() const { return path_; }
+    TempDir() : vexo_test::TempDir("vexo-media") {}
     /// Writes bytes to path()/name and returns the full path.
     std::string write(const std::string &name, const Bytes &bytes) const;
-
-  private:
-    std::string path_;
 };
 
 extern const vexo_media::Key kTestKey;

@@ -18,14 +18,12 @@ void ServiceTest::SetUp() {
     // The daily allowance follows the local date: pin it to UTC unless a test says otherwise.
     setenv("TZ", "UTC0", 1);
     tzset();
-    std::string pattern = (fs::temp_directory_path() / "vexo-service-test-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    dir_ = pattern;
+    tmp_.emplace("vexo-service-test");
+    dir_ = tmp_->path();
 }
 
 void ServiceTest::TearDown() {
-    std::error_code ec;
-    fs::remove_all(dir_, ec);
+    tmp_.reset();
     if (had_tz_) {
         setenv("TZ", saved_tz_.c_str(), 1);
     } else {

@@ -10,11 +10,13 @@
 #include <memory>
 #include <mutex>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "service/core/cloud_service.h"
+#include "tests/support/temp_dir.h"
 
 namespace service_test {
 
@@ -68,6 +70,7 @@ class ServiceTest : public ::testing::Test {
     std::atomic<uint32_t> clock_{kNoon};
 
   private:
+    std::optional<vexo_test::TempDir> tmp_;
     mutable std::mutex published_mutex_;
     std::vector<std::pair<std::string, std::string>> published_;
     std::string saved_tz_;

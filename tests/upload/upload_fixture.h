@@ -33,7 +33,7 @@ inline std::vector<uint8_t> plain(const Entry &e) {
     if (e.type != VEXO_FRAME_I && e.type != VEXO_FRAME_AUDIO) {
         return e.payload;
     }
-    return tk::aes_cbc_decrypt(kKey, media_file::kIv, e.payload)
+    return tk::aes_cbc_decrypt(kKey, kitcommon::kMediaIv, e.payload)
         .value_or(std::vector<uint8_t>{0xEE});
 }
 

@@ -10,14 +10,14 @@ namespace camsim {
 
 EmbeddedControl::EmbeddedControl(std::shared_ptr<vexo_cloud::Service> service,
                                  std::string device_id, std::string dir)
-    : service_(std::move(service)), transport_(std::make_shared<hostkit::EmbeddedCloud>(service_)),
+    : service_(std::move(service)), transport_(std::make_shared<EmbeddedCloud>(service_)),
       device_id_(std::move(device_id)), dir_(std::move(dir)) {}
 
 std::unique_ptr<EmbeddedControl>
 EmbeddedControl::open(const std::string &dir, const std::string &device_id, std::string *error) {
     try {
-        auto service = std::make_shared<vexo_cloud::Service>(
-            hostkit::EmbeddedCloud::service_options(dir, device_id));
+        auto service =
+            std::make_shared<vexo_cloud::Service>(EmbeddedCloud::service_options(dir, device_id));
         return std::unique_ptr<EmbeddedControl>(
             new EmbeddedControl(std::move(service), device_id, dir));
     } catch (const std::exception &e) {

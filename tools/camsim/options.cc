@@ -5,67 +5,34 @@
 
 #include <cerrno>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <vector>
 
 #include "mqtt_client.h"
+#include "option_table.h"
 
 namespace camsim {
 namespace {
 
-const char kUsage[] =
+// The usage is these texts with the options' own lines between them.
+const char kUsageIntro[] =
     "usage: vexo-camsim [options]\n"
     "\n"
     "Runs the cloud-recording module on the host kit: a camera fed from a media file, the\n"
     "embedded cloud service storing what it uploads under DIR/cloud, or with --cloud a cloud\n"
     "service on the network.\n"
-    "\n"
-    "  --input FILE          media file to play in a loop (H.264/H.265 with AAC, G.711 or PCM;\n"
-    "                        default: the bundled sample)\n"
-    "  --data DIR            where the camera's store and the cloud live (default vexo-data)\n"
-    "  --device ID           device id (default camsim-0001)\n"
-    "  --mode MODE           order store mode: event, alltime or none (default event)\n"
-    "  --duration SECS       how long the camera runs, kit seconds (default 50)\n"
-    "  --speed X             kit clock speed, times real time (default 1)\n"
-    "  --start TIME          kit clock start: \"YYYY-MM-DD HH:MM:SS\" local, or epoch seconds\n"
-    "  --event-duration S    order: event recording length (default 12)\n"
-    "  --slice S             order: media file length, 3..60 (default 10)\n"
-    "  --silence S           order: silence after an event (default 5)\n"
-    "  --daily N             order: events allowed per day (default 20)\n"
-    "  --pre-record S        seconds recorded before an event (default: the module's)\n"
-    "  --ring-seconds N      seconds the ring buffer holds (default 10)\n"
-    "  --no-audio            play the video only\n"
-    "  --motion AT[+LEN]     a motion event at AT seconds, ending LEN seconds later\n"
-    "  --trigger AT:ACTION[:DUR]  a remote trigger from the cloud (record, pic, pic_v)\n"
-    "  --pause AT, --resume AT    pause/resume the module\n"
-    "  --abort AT            the cloud aborts the order\n"
-    "  --order AT:MODE       the cloud sets a new store mode\n"
-    "  --quiet               no progress line\n"
-    "  -v, -vv               module debug / trace log lines\n"
-    "  --help\n"
-    "\n"
-    "A cloud on the network:\n"
-    "  --cloud URL           the cloud service at URL (http:// or https://) instead of the\n"
-    "                        embedded one; the order at start, --trigger, --abort, --order and\n"
-    "                        the summary's recordings go through its admin endpoints\n"
-    "  --cloud-ca FILE       PEM certificate authorities for an https cloud (default: the\n"
-    "                        system's); the server certificate is always verified\n"
-    "  --mqtt URL            the cloud's MQTT broker, mqtt://host[:port] (default port 1883)\n"
-    "                        or mqtts://host[:port] over TLS (default port 8883)\n"
-    "  --token T             device token for the cloud calls\n"
-    "  --admin-token T       token for the admin calls\n"
-    "  --no-order            leave the cloud's order as it is (--mode and the order values\n"
-    "                        are not sent)\n"
+    "\n";
+const char kNetworkHeading[] = "\nA cloud on the network:\n";
+const char kNetworkNote[] =
     "These five need --cloud. An order refused by the cloud, or a cloud that cannot be\n"
     "reached at start, ends the run with status 2.\n"
     "\n"
-    "Store and forward (these need --cloud):\n"
-    "  --spool-bytes N       bound of the outage spool: bytes, or N with K, M or G (times\n"
-    "                        1024; default 256M)\n"
-    "  --spool-age SECS      the oldest item it keeps, kit seconds (default 86400)\n"
-    "  --no-spool            no spool: a call the cloud does not answer fails, as the module\n"
-    "                        expects without one\n"
+    "Store and forward (these need --cloud):\n";
+const char kSpoolNote[] =
     "While the cloud cannot be reached (no answer, 5xx), uploads, notifications and alarms\n"
     "wait in order in DIR/camera/spool and go out once it answers again, also after a\n"
     "restart; over a bound the oldest recording is dropped and reported to the cloud as a\n"
@@ -75,13 +42,8 @@ const char kUsage[] =
     "oldest item's age, items sent and dropped. The embedded cloud never fails: it runs\n"
     "without a spool.\n"
     "\n"
-    "A locked-down broker (these need --mqtt):\n"
-    "  --mqtt-ca FILE        PEM certificate authorities for an mqtts broker (default: the\n"
-    "                        system's); the broker's certificate and name are always verified\n"
-    "  --mqtt-cert FILE, --mqtt-key FILE  a client certificate and its key (PEM)\n"
-    "  --mqtt-user NAME      the broker login\n"
-    "  --mqtt-password-file FILE  the login's password: the file's first line; without it\n"
-    "                        $VEXO_MQTT_PASSWORD when set (never on the command line)\n"
+    "A locked-down broker (these need --mqtt):\n";
+const char kUsageEnd[] =
     "\n"
     "Without --motion/--trigger/--pause/--abort/--order: motion events at 8 s (10 s long) and\n"
     "at 30 s.\n"
@@ -209,6 +171,328 @@ bool parse_order(const std::string &text, Action *a) {
     return !a->store_mode.empty();
 }
 
+/// What reading the command line collects beside the options themselves.
+struct Parsing {
+    Options o;
+    std::string mqtt_password_file;
+    const char *spool_option = nullptr; // the first spool option given
+    bool help = false;
+};
+
+using Check = std::function<bool(const std::string &value)>;
+
+vexo_cli::Option flag(const char *name, const char *help, std::function<void()> set) {
+    return {name, false, help, [set](const std::string &, std::string *) {
+                set();
+                return true;
+            }};
+}
+
+/// An option whose value check refuses with "bad NAME VALUE" and a hint.
+vexo_cli::Option checked(const char *name, const char *help, const std::string &hint, Check check) {
+    return {name, true, help, [name, hint, check](const std::string &value, std::string *error) {
+                if (!check(value)) {
+                    *error = "bad " + std::string(name) + " " + value + hint;
+                    return false;
+                }
+                return true;
+            }};
+}
+
+/// An option whose value is stored as given.
+vexo_cli::Option text(const char *name, const char *help, std::string *field) {
+    return {name, true, help, [field](const std::string &value, std::string *) {
+                *field = value;
+                return true;
+            }};
+}
+
+/// A text option that may not be empty.
+vexo_cli::Option nonempty(const char *name, const char *help, std::string *field) {
+    return {name, true, help, [name, field](const std::string &value, std::string *error) {
+                if (value.empty()) {
+                    *error = "empty value for " + std::string(name);
+                    return false;
+                }
+                *field = value;
+                return true;
+            }};
+}
+
+Check int_in(int32_t lo, int32_t hi, int32_t *out) {
+    return [lo, hi, out](const std::string &v) { return parse_int(v.c_str(), lo, hi, out); };
+}
+
+/// An action of the schedule: parse fills it from the value.
+Check action(Options *o, Action::Kind kind,
+             std::function<bool(const std::string &, Action *)> parse) {
+    return [o, kind, parse](const std::string &v) {
+        Action a;
+        a.kind = kind;
+        if (!parse(v, &a)) {
+            return false;
+        }
+        o->actions.push_back(a);
+        return true;
+    };
+}
+
+vexo_cli::OptionHandler help_handler(Parsing *p) {
+    return [p](const std::string &, std::string *) {
+        p->help = true;
+        return true;
+    };
+}
+
+bool parse_at(const std::string &text, Action *a) {
+    return parse_double(text.c_str(), &a->at_s);
+}
+
+std::vector<vexo_cli::Option> camera_options(Parsing *p) {
+    Options &o = p->o;
+    return {
+        text("--input",
+             "  --input FILE          media file to play in a loop (H.264/H.265 with AAC, G.711 or "
+             "PCM;\n"
+             "                        default: the bundled sample)\n",
+             &o.input),
+        text("--data",
+             "  --data DIR            where the camera's store and the cloud live (default "
+             "vexo-data)\n",
+             &o.data_dir),
+        text("--device", "  --device ID           device id (default camsim-0001)\n", &o.device_id),
+        text("--mode",
+             "  --mode MODE           order store mode: event, alltime or none (default event)\n",
+             &o.store_mode),
+        checked("--duration",
+                "  --duration SECS       how long the camera runs, kit seconds (default 50)\n", "",
+                [&o](const std::string &v) {
+                    return parse_double(v.c_str(), &o.duration_s) && o.duration_s > 0;
+                }),
+        checked("--speed", "  --speed X             kit clock speed, times real time (default 1)\n",
+                " (0 < X <= 1000)",
+                [&o](const std::string &v) {
+                    return parse_double(v.c_str(), &o.speed) && o.speed > 0 && o.speed <= 1000;
+                }),
+        checked("--start",
+                "  --start TIME          kit clock start: \"YYYY-MM-DD HH:MM:SS\" local, or epoch "
+                "seconds\n",
+                "",
+                [&o](const std::string &v) {
+                    const std::optional<uint32_t> t = parse_time(v);
+                    if (!t) {
+                        return false;
+                    }
+                    o.start_time = *t;
+                    return true;
+                }),
+        checked("--event-duration",
+                "  --event-duration S    order: event recording length (default 12)\n", "",
+                int_in(1, 1800, &o.event_duration)),
+        checked("--slice", "  --slice S             order: media file length, 3..60 (default 10)\n",
+                " (3..60)", int_in(3, 60, &o.slice_duration)),
+        checked("--silence", "  --silence S           order: silence after an event (default 5)\n",
+                "", int_in(0, 86400, &o.silence_interval)),
+        checked("--daily", "  --daily N             order: events allowed per day (default 20)\n",
+                "", int_in(0, 100000, &o.daily_events)),
+        checked(
+            "--pre-record",
+            "  --pre-record S        seconds recorded before an event (default: the module's)\n",
+            "", int_in(0, 3600, &o.pre_record)),
+        checked("--ring-seconds",
+                "  --ring-seconds N      seconds the ring buffer holds (default 10)\n", "",
+                [&o](const std::string &v) {
+                    int32_t n = 0;
+                    if (!parse_int(v.c_str(), 3, 3600, &n)) {
+                        return false;
+                    }
+                    o.ring_seconds = static_cast<uint32_t>(n);
+                    return true;
+                }),
+        flag("--no-audio", "  --no-audio            play the video only\n",
+             [&o] { o.audio = false; }),
+        checked("--motion",
+                "  --motion AT[+LEN]     a motion event at AT seconds, ending LEN seconds later\n",
+                " (AT[+LEN])", action(&o, Action::Kind::kMotion, parse_motion)),
+        checked(
+            "--trigger",
+            "  --trigger AT:ACTION[:DUR]  a remote trigger from the cloud (record, pic, pic_v)\n",
+            " (AT:record|pic|pic_v[:DUR])", action(&o, Action::Kind::kTrigger, parse_trigger)),
+        checked("--pause", "  --pause AT, --resume AT    pause/resume the module\n", "",
+                action(&o, Action::Kind::kPause, parse_at)),
+        checked("--resume", "", "", action(&o, Action::Kind::kResume, parse_at)),
+        checked("--abort", "  --abort AT            the cloud aborts the order\n", "",
+                action(&o, Action::Kind::kAbort, parse_at)),
+        checked("--order", "  --order AT:MODE       the cloud sets a new store mode\n",
+                " (AT:MODE)", action(&o, Action::Kind::kOrder, parse_order)),
+        flag("--quiet", "  --quiet               no progress line\n", [&o] { o.quiet = true; }),
+        flag("-v", "  -v, -vv               module debug / trace log lines\n",
+             [&o] { o.verbosity = 1; }),
+        flag("-vv", "", [&o] { o.verbosity = 2; }),
+        {"--help", false, "  --help\n", help_handler(p), true},
+        {"-h", false, "", help_handler(p), true},
+    };
+}
+
+std::vector<vexo_cli::Option> network_options(Parsing *p) {
+    Options &o = p->o;
+    return {
+        nonempty(
+            "--cloud",
+            "  --cloud URL           the cloud service at URL (http:// or https://) instead of "
+            "the\n"
+            "                        embedded one; the order at start, --trigger, --abort, --order "
+            "and\n"
+            "                        the summary's recordings go through its admin endpoints\n",
+            &o.cloud_url),
+        nonempty(
+            "--cloud-ca",
+            "  --cloud-ca FILE       PEM certificate authorities for an https cloud (default: the\n"
+            "                        system's); the server certificate is always verified\n",
+            &o.cloud_ca),
+        {"--mqtt", true,
+         "  --mqtt URL            the cloud's MQTT broker, mqtt://host[:port] (default port 1883)\n"
+         "                        or mqtts://host[:port] over TLS (default port 8883)\n",
+         [&o](const std::string &value, std::string *error) {
+             if (value.empty()) {
+                 *error = "empty value for --mqtt";
+                 return false;
+             }
+             o.mqtt_url = value;
+             hostkit::MqttAddress broker;
+             std::string why;
+             if (!hostkit::parse_mqtt_url(value, &broker, &why)) {
+                 *error = "bad --mqtt " + why;
+                 return false;
+             }
+             return true;
+         }},
+        nonempty("--token", "  --token T             device token for the cloud calls\n",
+                 &o.device_token),
+        nonempty("--admin-token", "  --admin-token T       token for the admin calls\n",
+                 &o.admin_token),
+        flag("--no-order",
+             "  --no-order            leave the cloud's order as it is (--mode and the order "
+             "values\n"
+             "                        are not sent)\n",
+             [&o] { o.send_order = false; }),
+    };
+}
+
+std::vector<vexo_cli::Option> spool_options(Parsing *p) {
+    Options &o = p->o;
+    auto first = [p](const char *name) {
+        p->spool_option = p->spool_option != nullptr ? p->spool_option : name;
+    };
+    return {
+        checked(
+            "--spool-bytes",
+            "  --spool-bytes N       bound of the outage spool: bytes, or N with K, M or G (times\n"
+            "                        1024; default 256M)\n",
+            " (N, NK, NM or NG, above 0)",
+            [&o, first](const std::string &v) {
+                const std::optional<uint64_t> bytes = parse_size(v);
+                if (!bytes) {
+                    return false;
+                }
+                o.spool_bytes = *bytes;
+                first("--spool-bytes");
+                return true;
+            }),
+        checked("--spool-age",
+                "  --spool-age SECS      the oldest item it keeps, kit seconds (default 86400)\n",
+                " (seconds, above 0)",
+                [&o, first](const std::string &v) {
+                    int32_t secs = 0;
+                    if (!parse_int(v.c_str(), 1, INT32_MAX, &secs)) {
+                        return false;
+                    }
+                    o.spool_age_s = static_cast<uint32_t>(secs);
+                    first("--spool-age");
+                    return true;
+                }),
+        flag("--no-spool",
+             "  --no-spool            no spool: a call the cloud does not answer fails, as the "
+             "module\n"
+             "                        expects without one\n",
+             [&o, first] {
+                 o.spool = false;
+                 first("--no-spool");
+             }),
+    };
+}
+
+std::vector<vexo_cli::Option> broker_options(Parsing *p) {
+    hostkit::MqttSecurity &m = p->o.mqtt_security;
+    return {
+        nonempty("--mqtt-ca",
+                 "  --mqtt-ca FILE        PEM certificate authorities for an mqtts broker "
+                 "(default: the\n"
+                 "                        system's); the broker's certificate and name are always "
+                 "verified\n",
+                 &m.ca_file),
+        nonempty("--mqtt-cert",
+                 "  --mqtt-cert FILE, --mqtt-key FILE  a client certificate and its key (PEM)\n",
+                 &m.cert_file),
+        nonempty("--mqtt-key", "", &m.key_file),
+        nonempty("--mqtt-user", "  --mqtt-user NAME      the broker login\n", &m.username),
+        nonempty(
+            "--mqtt-password-file",
+            "  --mqtt-password-file FILE  the login's password: the file's first line; without it\n"
+            "                        $VEXO_MQTT_PASSWORD when set (never on the command line)\n",
+            &p->mqtt_password_file),
+    };
+}
+
+std::vector<vexo_cli::Option> option_table(Parsing *p) {
+    std::vector<vexo_cli::Option> table;
+    for (auto group : {camera_options, network_options, spool_options, broker_options}) {
+        for (vexo_cli::Option &option : group(p)) {
+            table.push_back(std::move(option));
+        }
+    }
+    return table;
+}
+
+std::string usage() {
+    Parsing unused;
+    return kUsageIntro + vexo_cli::options_help(camera_options(&unused)) + kNetworkHeading +
+           vexo_cli::options_help(network_options(&unused)) + kNetworkNote +
+           vexo_cli::options_help(spool_options(&unused)) + kSpoolNote +
+           vexo_cli::options_help(broker_options(&unused)) + kUsageEnd;
+}
+
+/// The checks across options, once all are read, and the default schedule.
+bool finish(Parsing *p, std::string *error) {
+    Options &o = p->o;
+    if (o.cloud_url.empty()) {
+        const char *needs_cloud = !o.mqtt_url.empty()       ? "--mqtt"
+                                  : !o.cloud_ca.empty()     ? "--cloud-ca"
+                                  : !o.device_token.empty() ? "--token"
+                                  : !o.admin_token.empty()  ? "--admin-token"
+                                  : !o.send_order           ? "--no-order"
+                                                            : p->spool_option;
+        if (needs_cloud != nullptr) {
+            *error = std::string(needs_cloud) + " is only valid with --cloud";
+            return false;
+        }
+    }
+    if (!finish_mqtt_security(&o, p->mqtt_password_file, error)) {
+        return false;
+    }
+    if (!o.actions.empty()) {
+        o.default_actions = false;
+    } else if (o.store_mode == "event") {
+        Action first;
+        first.at_s = 8;
+        first.length_s = 10;
+        Action second;
+        second.at_s = 30;
+        o.actions = {first, second};
+    }
+    return true;
+}
+
 } // namespace
 
 std::optional<uint64_t> parse_size(const std::string &text) {
@@ -261,189 +545,29 @@ std::optional<uint32_t> parse_time(const std::string &text) {
 }
 
 std::optional<Options> parse_options(int argc, char **argv, bool *exit_now) {
-    Options o;
-    std::string mqtt_password_file;
-    const char *spool_option = nullptr; // the first spool option given
+    Parsing p;
     *exit_now = false;
-    auto fail = [](const std::string &why) -> std::optional<Options> {
-        std::fprintf(stderr, "vexo-camsim: %s\n\n%s", why.c_str(), kUsage);
+    const auto fail = [](const std::string &why) -> std::optional<Options> {
+        std::fprintf(stderr, "vexo-camsim: %s\n\n%s", why.c_str(), usage().c_str());
         return std::nullopt;
     };
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        auto value = [&](const char **out) {
-            if (i + 1 >= argc) {
-                return false;
-            }
-            *out = argv[++i];
-            return true;
-        };
-        const char *v = nullptr;
-        Action a;
-        if (arg == "--help" || arg == "-h") {
-            std::fputs(kUsage, stdout);
-            *exit_now = true;
-            return o;
-        } else if (arg == "--no-audio") {
-            o.audio = false;
-        } else if (arg == "--quiet") {
-            o.quiet = true;
-        } else if (arg == "-v") {
-            o.verbosity = 1;
-        } else if (arg == "-vv") {
-            o.verbosity = 2;
-        } else if (arg == "--no-order") {
-            o.send_order = false;
-        } else if (arg == "--no-spool") {
-            o.spool = false;
-            spool_option = spool_option != nullptr ? spool_option : "--no-spool";
-        } else if (!value(&v)) {
-            return fail(arg.rfind("--", 0) == 0 ? "missing value for " + arg
-                                                : "unknown argument " + arg);
-        } else if (arg == "--input") {
-            o.input = v;
-        } else if (arg == "--data") {
-            o.data_dir = v;
-        } else if (arg == "--device") {
-            o.device_id = v;
-        } else if (arg == "--mode") {
-            o.store_mode = v;
-        } else if (arg == "--duration") {
-            if (!parse_double(v, &o.duration_s) || o.duration_s <= 0) {
-                return fail("bad --duration " + std::string(v));
-            }
-        } else if (arg == "--speed") {
-            if (!parse_double(v, &o.speed) || o.speed <= 0 || o.speed > 1000) {
-                return fail("bad --speed " + std::string(v) + " (0 < X <= 1000)");
-            }
-        } else if (arg == "--start") {
-            const auto t = parse_time(v);
-            if (!t) {
-                return fail("bad --start " + std::string(v));
-            }
-            o.start_time = *t;
-        } else if (arg == "--event-duration") {
-            if (!parse_int(v, 1, 1800, &o.event_duration)) {
-                return fail("bad --event-duration " + std::string(v));
-            }
-        } else if (arg == "--slice") {
-            if (!parse_int(v, 3, 60, &o.slice_duration)) {
-                return fail("bad --slice " + std::string(v) + " (3..60)");
-            }
-        } else if (arg == "--silence") {
-            if (!parse_int(v, 0, 86400, &o.silence_interval)) {
-                return fail("bad --silence " + std::string(v));
-            }
-        } else if (arg == "--daily") {
-            if (!parse_int(v, 0, 100000, &o.daily_events)) {
-                return fail("bad --daily " + std::string(v));
-            }
-        } else if (arg == "--pre-record") {
-            if (!parse_int(v, 0, 3600, &o.pre_record)) {
-                return fail("bad --pre-record " + std::string(v));
-            }
-        } else if (arg == "--ring-seconds") {
-            int32_t n = 0;
-            if (!parse_int(v, 3, 3600, &n)) {
-                return fail("bad --ring-seconds " + std::string(v));
-            }
-            o.ring_seconds = static_cast<uint32_t>(n);
-        } else if (arg == "--motion") {
-            a.kind = Action::Kind::kMotion;
-            if (!parse_motion(v, &a)) {
-                return fail("bad --motion " + std::string(v) + " (AT[+LEN])");
-            }
-            o.actions.push_back(a);
-        } else if (arg == "--trigger") {
-            a.kind = Action::Kind::kTrigger;
-            if (!parse_trigger(v, &a)) {
-                return fail("bad --trigger " + std::string(v) + " (AT:record|pic|pic_v[:DUR])");
-            }
-            o.actions.push_back(a);
-        } else if (arg == "--pause" || arg == "--resume" || arg == "--abort") {
-            a.kind = arg == "--pause"    ? Action::Kind::kPause
-                     : arg == "--resume" ? Action::Kind::kResume
-                                         : Action::Kind::kAbort;
-            if (!parse_double(v, &a.at_s)) {
-                return fail("bad " + arg + " " + std::string(v));
-            }
-            o.actions.push_back(a);
-        } else if (arg == "--cloud" || arg == "--cloud-ca" || arg == "--mqtt" || arg == "--token" ||
-                   arg == "--admin-token") {
-            if (*v == '\0') {
-                return fail("empty value for " + arg);
-            }
-            std::string &field = arg == "--cloud"      ? o.cloud_url
-                                 : arg == "--cloud-ca" ? o.cloud_ca
-                                 : arg == "--mqtt"     ? o.mqtt_url
-                                 : arg == "--token"    ? o.device_token
-                                                       : o.admin_token;
-            field = v;
-            hostkit::MqttAddress broker;
-            std::string why;
-            if (arg == "--mqtt" && !hostkit::parse_mqtt_url(v, &broker, &why)) {
-                return fail("bad --mqtt " + why);
-            }
-        } else if (arg == "--mqtt-ca" || arg == "--mqtt-cert" || arg == "--mqtt-key" ||
-                   arg == "--mqtt-user" || arg == "--mqtt-password-file") {
-            if (*v == '\0') {
-                return fail("empty value for " + arg);
-            }
-            std::string &field = arg == "--mqtt-ca"     ? o.mqtt_security.ca_file
-                                 : arg == "--mqtt-cert" ? o.mqtt_security.cert_file
-                                 : arg == "--mqtt-key"  ? o.mqtt_security.key_file
-                                 : arg == "--mqtt-user" ? o.mqtt_security.username
-                                                        : mqtt_password_file;
-            field = v;
-        } else if (arg == "--spool-bytes") {
-            const std::optional<uint64_t> bytes = parse_size(v);
-            if (!bytes) {
-                return fail("bad --spool-bytes " + std::string(v) + " (N, NK, NM or NG, above 0)");
-            }
-            o.spool_bytes = *bytes;
-            spool_option = spool_option != nullptr ? spool_option : "--spool-bytes";
-        } else if (arg == "--spool-age") {
-            int32_t secs = 0;
-            if (!parse_int(v, 1, INT32_MAX, &secs)) {
-                return fail("bad --spool-age " + std::string(v) + " (seconds, above 0)");
-            }
-            o.spool_age_s = static_cast<uint32_t>(secs);
-            spool_option = spool_option != nullptr ? spool_option : "--spool-age";
-        } else if (arg == "--order") {
-            a.kind = Action::Kind::kOrder;
-            if (!parse_order(v, &a)) {
-                return fail("bad --order " + std::string(v) + " (AT:MODE)");
-            }
-            o.actions.push_back(a);
-        } else {
-            return fail("unknown option " + arg);
-        }
-    }
-    if (o.cloud_url.empty()) {
-        const char *needs_cloud = !o.mqtt_url.empty()       ? "--mqtt"
-                                  : !o.cloud_ca.empty()     ? "--cloud-ca"
-                                  : !o.device_token.empty() ? "--token"
-                                  : !o.admin_token.empty()  ? "--admin-token"
-                                  : !o.send_order           ? "--no-order"
-                                                            : spool_option;
-        if (needs_cloud != nullptr) {
-            return fail(std::string(needs_cloud) + " is only valid with --cloud");
-        }
-    }
-    if (std::string why; !finish_mqtt_security(&o, mqtt_password_file, &why)) {
+    vexo_cli::Syntax syntax;
+    syntax.last_word_needs_value = true;
+    std::string why;
+    std::vector<std::string> operands;
+    if (!vexo_cli::parse_options(std::vector<std::string>(argv + std::min(argc, 1), argv + argc),
+                                 option_table(&p), syntax, &operands, &why)) {
         return fail(why);
     }
-    if (!o.actions.empty()) {
-        o.default_actions = false;
-    } else if (o.store_mode == "event") {
-        Action first;
-        first.at_s = 8;
-        first.length_s = 10;
-        Action second;
-        second.at_s = 30;
-        o.actions = {first, second};
+    if (p.help) {
+        std::fputs(usage().c_str(), stdout);
+        *exit_now = true;
+        return p.o;
     }
-    return o;
+    if (!finish(&p, &why)) {
+        return fail(why);
+    }
+    return p.o;
 }
 
 } // namespace camsim

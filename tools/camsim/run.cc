@@ -21,6 +21,7 @@
 #include "media_source.h"
 #include "recording_listing.h"
 #include "report.h"
+#include "schedule.h"
 #include "snapshot.h"
 #include "vexo_ipc_cloud_storage.h"
 #include "vexo_ring_buffer.h"
@@ -44,79 +45,6 @@ void on_signal(int) {
 
 std::string input_path(const Options &o) {
     return o.input.empty() ? std::string(VEXO_CAMSIM_SAMPLE) : o.input;
-}
-
-/// The schedule as a time-ordered list, with motion ends as actions of their own.
-struct Step {
-    double at_s;
-    Action action;
-    bool motion_end;
-};
-
-std::vector<Step> make_steps(const std::vector<Action> &actions) {
-    std::vector<Step> steps;
-    for (const Action &a : actions) {
-        steps.push_back({a.at_s, a, false});
-        if (a.kind == Action::Kind::kMotion && a.length_s > 0) {
-            steps.push_back({a.at_s + a.length_s, a, true});
-        }
-    }
-    std::stable_sort(steps.begin(), steps.end(),
-                     [](const Step &x, const Step &y) { return x.at_s < y.at_s; });
-    return steps;
-}
-
-void perform(const Step &step, CloudControl &cloud, Tally *tally) {
-    const Action &a = step.action;
-    std::string error;
-    switch (a.kind) {
-    case Action::Kind::kMotion:
-        if (step.motion_end) {
-            vexo_ipc_cloud_storage_event_stop_async();
-            std::fprintf(stderr, "\n[camsim] %6.1fs motion ends\n", step.at_s);
-        } else {
-            const int32_t ret = vexo_ipc_cloud_storage_event_start();
-            (ret == 0 ? tally->motion_started : tally->motion_refused)++;
-            std::fprintf(stderr, "\n[camsim] %6.1fs motion event: %s (%d)\n", step.at_s,
-                         ret == 0 ? "recording" : "refused by the module", static_cast<int>(ret));
-        }
-        break;
-    case Action::Kind::kTrigger:
-        ++tally->triggers;
-        if (!cloud.trigger(a.trigger_action, a.duration_s, &error)) {
-            std::fprintf(stderr, "\n[camsim] trigger refused by the cloud: %s\n", error.c_str());
-        } else {
-            std::fprintf(stderr, "\n[camsim] %6.1fs cloud sends remote trigger \"%s\" (%d s)\n",
-                         step.at_s, a.trigger_action.c_str(), static_cast<int>(a.duration_s));
-        }
-        break;
-    case Action::Kind::kPause:
-        vexo_ipc_cloud_storage_pause();
-        std::fprintf(stderr, "\n[camsim] %6.1fs pause\n", step.at_s);
-        break;
-    case Action::Kind::kResume:
-        vexo_ipc_cloud_storage_resume();
-        std::fprintf(stderr, "\n[camsim] %6.1fs resume\n", step.at_s);
-        break;
-    case Action::Kind::kAbort:
-        if (!cloud.abort_order(&error)) {
-            std::fprintf(stderr, "\n[camsim] abort refused: %s\n", error.c_str());
-        } else {
-            std::fprintf(stderr, "\n[camsim] %6.1fs cloud aborts the order\n", step.at_s);
-        }
-        break;
-    case Action::Kind::kOrder: {
-        vexo_cloud::OrderChange change;
-        change.store_mode = a.store_mode;
-        if (!cloud.set_order(change, &error)) {
-            std::fprintf(stderr, "\n[camsim] order refused: %s\n", error.c_str());
-        } else {
-            std::fprintf(stderr, "\n[camsim] %6.1fs cloud sets store mode \"%s\"\n", step.at_s,
-                         a.store_mode.c_str());
-        }
-        break;
-    }
-    }
 }
 
 bool spool_on(const Options &o) {
@@ -156,48 +84,55 @@ void drain_spool() {
     }
 }
 
-} // namespace
-
-int run(const Options &o) {
-    const std::string path = input_path(o);
+/// The clip to play, checked against what the module records; null after printing why not.
+std::unique_ptr<MediaSource> open_input(const Options &o, const std::string &path) {
     std::string error;
     std::unique_ptr<MediaSource> source = MediaSource::open(path, &error, o.audio);
     if (!source) {
         std::fprintf(stderr, "vexo-camsim: %s: %s\n", path.c_str(), error.c_str());
-        return 2;
+        return nullptr;
     }
-    const StreamParams params = source->params();
-    if (params.bitrate_kbps > kMaxBitrateKbps) {
+    const uint32_t kbps = source->params().bitrate_kbps;
+    if (kbps > kMaxBitrateKbps) {
         std::fprintf(stderr,
                      "vexo-camsim: %s: video bit rate %u kbit/s is over the %u kbit/s the module "
                      "records; re-encode it lower (e.g. ffmpeg -i IN -b:v 1500k ...)\n",
-                     path.c_str(), params.bitrate_kbps, kMaxBitrateKbps);
-        return 2;
+                     path.c_str(), kbps, kMaxBitrateKbps);
+        return nullptr;
     }
+    return source;
+}
 
-    // The cloud first, with the device's order, so the module's first fetch finds it.
+/// The cloud with the device's order (unless --no-order), so the module's first fetch finds
+/// it; null after printing why not.
+std::unique_ptr<CloudControl> open_cloud(const Options &o) {
+    std::string error;
     std::unique_ptr<CloudControl> cloud = make_cloud_control(o, &error);
     if (!cloud) {
         std::fprintf(stderr, "vexo-camsim: %s\n", error.c_str());
-        return 2;
+        return nullptr;
     }
-    if (o.send_order) {
-        vexo_cloud::OrderChange order;
-        order.store_mode = o.store_mode;
-        order.event_duration = o.event_duration;
-        order.slice_duration = o.slice_duration;
-        order.silence_interval = o.silence_interval;
-        order.daily_events = o.daily_events;
-        order.expired = false;
-        if (!cloud->set_order(order, &error)) {
-            // The embedded cloud's refusals are its own words; the network cloud's errors say
-            // whether it refused or could not be reached.
-            std::fprintf(stderr, "vexo-camsim: %s%s\n",
-                         o.cloud_url.empty() ? "the cloud refused the order: " : "", error.c_str());
-            return 2;
-        }
+    if (!o.send_order) {
+        return cloud;
     }
+    vexo_cloud::OrderChange order;
+    order.store_mode = o.store_mode;
+    order.event_duration = o.event_duration;
+    order.slice_duration = o.slice_duration;
+    order.silence_interval = o.silence_interval;
+    order.daily_events = o.daily_events;
+    order.expired = false;
+    if (!cloud->set_order(order, &error)) {
+        // The embedded cloud's refusals are its own words; the network cloud's errors say
+        // whether it refused or could not be reached.
+        std::fprintf(stderr, "vexo-camsim: %s%s\n",
+                     o.cloud_url.empty() ? "the cloud refused the order: " : "", error.c_str());
+        return nullptr;
+    }
+    return cloud;
+}
 
+hostkit::Options kit_options(const Options &o, CloudControl &cloud) {
     hostkit::Options kit;
     kit.data_dir = o.data_dir + "/camera";
     kit.device_id = o.device_id;
@@ -206,7 +141,7 @@ int run(const Options &o) {
     kit.log_level = o.verbosity >= 2   ? hostkit::LogLevel::kTrace
                     : o.verbosity == 1 ? hostkit::LogLevel::kDebug
                                        : hostkit::LogLevel::kError;
-    kit.cloud = cloud->transport();
+    kit.cloud = cloud.transport();
     kit.device_token = o.device_token;
     kit.mqtt_url = o.mqtt_url;
     kit.mqtt_security = o.mqtt_security;
@@ -214,26 +149,26 @@ int run(const Options &o) {
     kit.spool.enabled = spool_on(o);
     kit.spool.max_bytes = o.spool_bytes;
     kit.spool.max_age_s = o.spool_age_s;
-    if (hostkit::start(kit) != 0) {
-        return 2;
-    }
+    return kit;
+}
+
+/// The ring buffer's streams and the snapshot source, for the camera about to be fed.
+void set_up_camera(const StreamParams &params, SnapshotEncoder *snapshot) {
     hostkit::ring_declare(VEXO_STREAM_MAIN, static_cast<int32_t>(params.max_video_frame));
     if (params.has_audio) {
         hostkit::ring_declare(VEXO_STREAM_AUDIO, static_cast<int32_t>(params.max_audio_frame));
     }
-
-    SnapshotEncoder snapshot;
-    hostkit::set_snapshot_source([&snapshot](std::vector<uint8_t> *jpeg) {
+    hostkit::set_snapshot_source([snapshot](std::vector<uint8_t> *jpeg) {
         std::string why;
-        if (!snapshot.jpeg(jpeg, &why)) {
+        if (!snapshot->jpeg(jpeg, &why)) {
             std::fprintf(stderr, "\n[camsim] snapshot failed: %s\n", why.c_str());
             return false;
         }
         return true;
     });
-    Feeder feeder(std::move(source), &snapshot);
-    feeder.start();
+}
 
+void print_banner(const Options &o, const std::string &path, const StreamParams &params) {
     std::fprintf(
         stderr,
         "[camsim] %s: %s %ux%u %u fps, GOP %u, %u kbit/s%s; device %s, store mode %s, "
@@ -248,21 +183,18 @@ int run(const Options &o) {
                      o.mqtt_url.empty() ? "none (the camera hears no commands)"
                                         : o.mqtt_url.c_str());
     }
+}
 
-    const auto real_start = std::chrono::steady_clock::now();
+/// Initialises the module and waits (kConfigWaitRealS at most) for its first configuration.
+/// Returns -1 when init failed, else the run's status so far: 1 without a configuration.
+int init_module(const Options &o, const StreamParams &params) {
     vexo_ipc_media_info_t media{};
     fill_media_info(params, &media);
     const vexo_ipc_cloud_storage_hooks_t hooks{};
-    int status = 0;
-    // Taken before init ("not configured"), so that the first configuration shows as a
-    // change even when the module's worker has it before init returns.
-    StateLines state_lines;
     const int32_t init = vexo_ipc_cloud_storage_init(&media, &hooks);
     if (init != 0) {
         std::fprintf(stderr, "vexo-camsim: module init failed (%d)\n", static_cast<int>(init));
-        feeder.stop();
-        hostkit::stop();
-        return 1;
+        return -1;
     }
     if (o.pre_record >= 0 && vexo_ipc_cloud_storage_set_pre_record_time(o.pre_record) != 0) {
         std::fprintf(stderr, "vexo-camsim: pre-record %d s refused by the module\n",
@@ -274,14 +206,19 @@ int run(const Options &o) {
     }
     if (vexo_ipc_cloud_storage_get_if_have_config() != 1) {
         std::fprintf(stderr, "vexo-camsim: the module got no configuration from the cloud\n");
-        status = 1;
+        return 1;
     }
+    return 0;
+}
 
+/// Plays the schedule until --duration kit seconds have passed or Ctrl-C, showing progress;
+/// returns the kit seconds the camera ran.
+double play(const Options &o, CloudControl &cloud, const Feeder &feeder, StateLines *state_lines,
+            Tally *tally) {
     const bool tty = isatty(STDERR_FILENO) == 1 && !o.quiet;
     const uint64_t t0 = hostkit::now_ms();
     const std::vector<Step> steps = make_steps(o.actions);
     size_t next = 0;
-    Tally tally;
     double last_shown = -1e9;
     struct sigaction action {};
     action.sa_handler = on_signal;
@@ -289,9 +226,9 @@ int run(const Options &o) {
     sigaction(SIGTERM, &action, nullptr);
     while (!g_interrupted) {
         const double elapsed = static_cast<double>(hostkit::now_ms() - t0) / 1000.0;
-        state_lines.poll(elapsed);
+        state_lines->poll(elapsed);
         while (next < steps.size() && steps[next].at_s <= elapsed) {
-            perform(steps[next++], *cloud, &tally);
+            perform(steps[next++], cloud, tally);
         }
         if (elapsed >= o.duration_s) {
             break;
@@ -299,7 +236,7 @@ int run(const Options &o) {
         // Every real half second on a terminal; every 10 kit seconds otherwise.
         const double gap = tty ? 0.5 * o.speed : 10.0;
         if (!o.quiet && elapsed - last_shown >= gap) {
-            show_progress(elapsed, o.duration_s, feeder, tally, tty, spool_on(o));
+            show_progress(elapsed, o.duration_s, feeder, *tally, tty, spool_on(o));
             last_shown = elapsed;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -307,28 +244,71 @@ int run(const Options &o) {
     const double ran_s =
         std::min(o.duration_s, static_cast<double>(hostkit::now_ms() - t0) / 1000.0);
     if (!o.quiet) {
-        show_progress(ran_s, o.duration_s, feeder, tally, tty, spool_on(o));
+        show_progress(ran_s, o.duration_s, feeder, *tally, tty, spool_on(o));
         std::fputc('\n', stderr);
     }
     if (g_interrupted) {
         std::fprintf(stderr, "[camsim] interrupted after %.1f s\n", ran_s);
     }
+    return ran_s;
+}
 
-    state_lines.poll(ran_s);
-    const int32_t end_mode = vexo_ipc_cloud_storage_get_store_mode();
+/// Uninitialises the module, stops the camera and lets the spool drain; 1 when the camera
+/// had stopped on an error, else status. Returns the module's store mode before uninit.
+int stop_camera(const Options &o, Feeder *feeder, int status, int32_t *end_mode) {
+    *end_mode = vexo_ipc_cloud_storage_get_store_mode();
     std::fprintf(stderr, "[camsim] stopping: uninit the module\n");
     vexo_ipc_cloud_storage_uninit();
-    feeder.stop();
+    feeder->stop();
     if (spool_on(o)) {
         drain_spool();
     }
-    const std::string feed_error = feeder.error();
+    const std::string feed_error = feeder->error();
     if (!feed_error.empty()) {
         std::fprintf(stderr, "vexo-camsim: the camera stopped: %s\n", feed_error.c_str());
-        status = 1;
+        return 1;
     }
+    return status;
+}
+
+} // namespace
+
+int run(const Options &o) {
+    const std::string path = input_path(o);
+    std::unique_ptr<MediaSource> source = open_input(o, path);
+    if (!source) {
+        return 2;
+    }
+    const StreamParams params = source->params();
+    std::unique_ptr<CloudControl> cloud = open_cloud(o);
+    if (!cloud) {
+        return 2;
+    }
+    if (hostkit::start(kit_options(o, *cloud)) != 0) {
+        return 2;
+    }
+    SnapshotEncoder snapshot;
+    set_up_camera(params, &snapshot);
+    Feeder feeder(std::move(source), &snapshot);
+    feeder.start();
+    print_banner(o, path, params);
+
+    const auto real_start = std::chrono::steady_clock::now();
+    // Taken before init ("not configured"), so that the first configuration shows as a
+    // change even when the module's worker has it before init returns.
+    StateLines state_lines;
+    int status = init_module(o, params);
+    if (status < 0) {
+        feeder.stop();
+        hostkit::stop();
+        return 1;
+    }
+    Tally tally;
     RunTimes times;
-    times.ran_s = ran_s;
+    times.ran_s = play(o, *cloud, feeder, &state_lines, &tally);
+    state_lines.poll(times.ran_s);
+    int32_t end_mode = 0;
+    status = stop_camera(o, &feeder, status, &end_mode);
     times.real_s =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - real_start).count();
     summarise(o, *cloud, feeder, tally, times, end_mode);

@@ -1,49 +1,47 @@
-// Command-line parsing for the media tool.
+// Command-line parsing for the media tool, on the shared option table.
 #include "cli_args.h"
 
+#include "option_table.h"
 #include "tool_error.h"
 
 namespace vexo_tool {
 
 CliArgs::CliArgs(const std::vector<std::string> &args, const std::set<std::string> &valued,
                  const std::set<std::string> &flags) {
-    bool options_done = false;
-    for (size_t i = 0; i < args.size(); ++i) {
-        std::string arg = args[i];
-        if (options_done || arg.empty() || arg[0] != '-' || arg == "-") {
-            positional_.push_back(arg);
-            continue;
+    std::vector<vexo_cli::Option> table;
+    for (const std::string &name : valued) {
+        table.push_back({name, true, "", [this, name](const std::string &value, std::string *) {
+                             values_[name] = value;
+                             return true;
+                         }});
+    }
+    for (const std::string &name : flags) {
+        table.push_back({name, false, "", [this, name](const std::string &, std::string *) {
+                             flags_.insert(name);
+                             return true;
+                         }});
+    }
+    for (const char *help : {"-h", "--help"}) {
+        table.push_back({help, false, "", [this](const std::string &, std::string *) {
+                             flags_.insert("--help");
+                             return true;
+                         }});
+    }
+    vexo_cli::Syntax syntax;
+    syntax.operands = true;
+    syntax.inline_values = true;
+    syntax.double_dash = true;
+    syntax.missing_value = "option {} needs a value";
+    // "-o" is the short form of "--output" where that takes a value.
+    std::vector<std::string> words = args;
+    if (valued.count("--output") != 0) {
+        for (std::string &word : words) {
+            word = word == "-o" ? "--output" : word;
         }
-        if (arg == "--") {
-            options_done = true;
-            continue;
-        }
-        if (arg == "-h" || arg == "--help") {
-            flags_.insert("--help");
-            continue;
-        }
-        if (arg == "-o" && valued.count("--output") != 0) {
-            arg = "--output";
-        }
-        std::optional<std::string> inline_value;
-        const size_t equals = arg.find('=');
-        if (equals != std::string::npos) {
-            inline_value = arg.substr(equals + 1);
-            arg.resize(equals);
-        }
-        if (valued.count(arg) != 0) {
-            if (inline_value) {
-                values_[arg] = *inline_value;
-            } else if (i + 1 < args.size()) {
-                values_[arg] = args[++i];
-            } else {
-                throw ToolError("option " + arg + " needs a value");
-            }
-        } else if (flags.count(arg) != 0 && !inline_value) {
-            flags_.insert(arg);
-        } else {
-            throw ToolError("unknown option " + args[i]);
-        }
+    }
+    std::string error;
+    if (!vexo_cli::parse_options(words, table, syntax, &positional_, &error)) {
+        throw ToolError(error);
     }
 }
 

@@ -6,9 +6,6 @@
 
 namespace vexo_media {
 
-const std::array<uint8_t, 16> kIv = {0x5c, 0x1e, 0xa7, 0x33, 0x90, 0xd2, 0x4b, 0x68,
-                                     0xf1, 0x0a, 0x87, 0xc5, 0x26, 0xe9, 0x7d, 0xb4};
-
 namespace {
 
 struct CipherFree {
@@ -19,18 +16,14 @@ constexpr size_t kBlock = 16;
 
 } // namespace
 
-bool is_encrypted(uint32_t type) {
-    return type == kTypeKey || type == kTypeAudio;
-}
-
 bool decrypt(const Key &key, const std::vector<uint8_t> &cipher, std::vector<uint8_t> *plain) {
     plain->clear();
     if (cipher.empty() || cipher.size() % kBlock != 0 || cipher.size() > kMaxPayload) {
         return false;
     }
     std::unique_ptr<EVP_CIPHER_CTX, CipherFree> ctx(EVP_CIPHER_CTX_new());
-    if (!ctx ||
-        EVP_DecryptInit_ex(ctx.get(), EVP_aes_128_cbc(), nullptr, key.data(), kIv.data()) != 1) {
+    if (!ctx || EVP_DecryptInit_ex(ctx.get(), EVP_aes_128_cbc(), nullptr, key.data(),
+                                   kitcommon::kMediaIv) != 1) {
         return false;
     }
     plain->resize(cipher.size() + kBlock);

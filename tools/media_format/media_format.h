@@ -1,8 +1,6 @@
-/// Uploaded media files: reading, checking and decrypting them. A media file is a sequence of
-/// frame entries, each a 24-byte little-endian header (type u32, payload length u32, time
-/// stamp ms u64, pts u64) and its payload; key frames (type 1) and audio (type 3) are
-/// AES-128-CBC encrypted (PKCS#7) with the recording's key and the fixed IV, other video
-/// frames (type 0) are in the clear.
+/// Uploaded media files: reading, checking and decrypting them. The entry layout and the IV
+/// are the kits' (common/media_entry.h); this adds the file names, whole files on disk,
+/// decryption and the checks of a recording.
 ///
 /// Files come from the network: every reader here bounds its reads by the bytes present and
 /// reports a fault with the file and the byte offset where it was found.
@@ -14,30 +12,20 @@
 #include <string>
 #include <vector>
 
+#include "common/media_entry.h"
+
 namespace vexo_media {
 
-constexpr uint32_t kHeaderSize = 24;
-constexpr uint32_t kTypeP = 0;
-constexpr uint32_t kTypeKey = 1;
-constexpr uint32_t kTypeAudio = 3;
-/// Largest payload accepted in one entry (a sanity bound against hostile lengths).
-constexpr uint32_t kMaxPayload = 16u << 20;
+constexpr uint32_t kHeaderSize = kitcommon::kMediaEntryHeaderSize;
+constexpr uint32_t kTypeP = kitcommon::kMediaTypeP;
+constexpr uint32_t kTypeKey = kitcommon::kMediaTypeKey;
+constexpr uint32_t kTypeAudio = kitcommon::kMediaTypeAudio;
+constexpr uint32_t kMaxPayload = kitcommon::kMediaMaxPayload;
 /// Largest file read into memory; a bigger one is a fault rather than an allocation.
 constexpr uint64_t kMaxFileBytes = 1ull << 30;
 
-/// The fixed initialisation vector of every encrypted entry.
-extern const std::array<uint8_t, 16> kIv;
-
 using Key = std::array<uint8_t, 16>;
-
-struct Entry {
-    uint32_t type = 0;
-    uint32_t length = 0;    // payload bytes as stored (cipher text for encrypted entries)
-    uint64_t timestamp = 0; // ms
-    uint64_t pts = 0;
-    uint64_t offset = 0; // of the header within the file
-    std::vector<uint8_t> payload;
-};
+using Entry = kitcommon::MediaEntry;
 
 struct Fault {
     std::string file;
@@ -61,10 +49,12 @@ bool read_bytes(const std::string &path, std::vector<uint8_t> *bytes, Fault *fau
 bool read_file(const std::string &path, std::vector<Entry> *entries, Fault *fault);
 
 /// True for the types that are stored encrypted.
-bool is_encrypted(uint32_t type);
+inline bool is_encrypted(uint32_t type) {
+    return kitcommon::media_entry_encrypted(type);
+}
 
-/// Decrypts one encrypted payload (AES-128-CBC, kIv, PKCS#7). False when the length is not a
-/// non-zero multiple of 16 or the padding is wrong.
+/// Decrypts one encrypted payload (AES-128-CBC, kitcommon::kMediaIv, PKCS#7). False when the length
+/// is not a non-zero multiple of 16 or the padding is wrong.
 bool decrypt(const Key &key, const std::vector<uint8_t> &cipher, std::vector<uint8_t> *plain);
 
 /// The plain bytes of an entry: decrypted when encrypted, else the payload as stored.

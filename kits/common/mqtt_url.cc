@@ -1,11 +1,9 @@
-// The MQTT broker address of the kit's options: "mqtt://host[:port]" or, over TLS,
-// "mqtts://host[:port]".
+// Parsing MQTT broker URLs, checking every character of host and port.
+#include "mqtt_url.h"
+
 #include <cctype>
-#include <string>
 
-#include "mqtt_client.h"
-
-namespace hostkit {
+namespace kitcommon {
 namespace {
 
 bool valid_host_name(const std::string &host) {
@@ -123,4 +121,4 @@ bool parse_mqtt_url(const std::string &url, MqttAddress *out, std::string *error
     return true;
 }
 
-} // namespace hostkit
+} // namespace kitcommon

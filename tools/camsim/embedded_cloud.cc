@@ -3,12 +3,12 @@
 
 #include "host_kit.h"
 
-namespace hostkit {
+namespace camsim {
 
 EmbeddedCloud::EmbeddedCloud(std::shared_ptr<vexo_cloud::Service> service)
     : service_(std::move(service)) {}
 
-CloudResponse EmbeddedCloud::exchange(const CloudRequest &request) {
+hostkit::CloudResponse EmbeddedCloud::exchange(const hostkit::CloudRequest &request) {
     vexo_cloud::Request req;
     req.method = request.method;
     req.path = request.path;
@@ -16,7 +16,7 @@ CloudResponse EmbeddedCloud::exchange(const CloudRequest &request) {
     req.headers = request.headers;
     req.body = request.body;
     const vexo_cloud::Response resp = service_->handle(req);
-    CloudResponse out;
+    hostkit::CloudResponse out;
     out.status = resp.status;
     out.content_type = resp.content_type;
     out.body = resp.body;
@@ -28,13 +28,13 @@ vexo_cloud::Options EmbeddedCloud::service_options(const std::string &data_dir,
     vexo_cloud::Options options;
     options.data_dir = data_dir;
     // The service runs on the kit's clock, so its day turns at the kit's midnight.
-    options.clock = [] { return static_cast<uint32_t>(now_ms() / 1000); };
+    options.clock = [] { return static_cast<uint32_t>(hostkit::now_ms() / 1000); };
     options.publish = [device_id](const std::string &device, const std::string &payload) {
         if (device == device_id) {
-            mqtt_deliver(payload);
+            hostkit::mqtt_deliver(payload);
         }
     };
     return options;
 }
 
-} // namespace hostkit
+} // namespace camsim

@@ -1,20 +1,20 @@
 /// The embedded cloud: a cloud service linked into the process, reached without a network.
 /// Requests go straight to the service core; what the service publishes for this device is
 /// delivered to the kit's MQTT thread.
-#ifndef VEXO_HOST_EMBEDDED_CLOUD_H
-#define VEXO_HOST_EMBEDDED_CLOUD_H
+#ifndef VEXO_CAMSIM_EMBEDDED_CLOUD_H
+#define VEXO_CAMSIM_EMBEDDED_CLOUD_H
 
 #include <memory>
 
 #include "cloud_service.h"
 #include "cloud_transport.h"
 
-namespace hostkit {
+namespace camsim {
 
-class EmbeddedCloud : public CloudTransport {
+class EmbeddedCloud : public hostkit::CloudTransport {
   public:
     explicit EmbeddedCloud(std::shared_ptr<vexo_cloud::Service> service);
-    CloudResponse exchange(const CloudRequest &request) override;
+    hostkit::CloudResponse exchange(const hostkit::CloudRequest &request) override;
     vexo_cloud::Service &service() { return *service_; }
 
     /// Service options whose publish callback delivers to the kit's MQTT thread.
@@ -25,6 +25,6 @@ class EmbeddedCloud : public CloudTransport {
     std::shared_ptr<vexo_cloud::Service> service_;
 };
 
-} // namespace hostkit
+} // namespace camsim
 
 #endif

@@ -1,0 +1,28 @@
+/// MQTT broker addresses as the camera kit and the cloud service are given them:
+/// "mqtt://host[:port]" or, over TLS, "mqtts://host[:port]".
+#ifndef VEXO_KIT_COMMON_MQTT_URL_H
+#define VEXO_KIT_COMMON_MQTT_URL_H
+
+#include <cstdint>
+#include <string>
+
+namespace kitcommon {
+
+constexpr uint16_t kMqttPort = 1883;
+constexpr uint16_t kMqttTlsPort = 8883;
+
+struct MqttAddress {
+    std::string host; ///< a name, an IPv4 address or an IPv6 address without its brackets
+    uint16_t port = kMqttPort;
+    bool tls = false; ///< mqtts://
+};
+
+/// Parses "mqtt://host[:port]" or "mqtts://host[:port]" (scheme in any case): host a name
+/// or IPv4 address, or an IPv6 address in brackets; port 1..65535, default 1883, or 8883 for
+/// mqtts; nothing after the port but an optional '/'. False with *error for anything else
+/// (other schemes, user info, paths, queries, bad ports).
+bool parse_mqtt_url(const std::string &url, MqttAddress *out, std::string *error);
+
+} // namespace kitcommon
+
+#endif
