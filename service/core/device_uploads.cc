@@ -52,7 +52,11 @@ Response commit_media(ServiceCore &core, MediaUpload &upload, MediaRow row) {
         // A file is there without a row: one a killed service published but never
         // acknowledged. Start-up adopts such files; the same bytes may take it now.
         const std::optional<uint64_t> size = core.media->size(row.object);
-        row.bytes = size.value_or(0);
+        if (!size) {
+            throw FileError("something that is not a file is in the way of " + row.object,
+                            EEXIST);
+        }
+        row.bytes = *size;
         row.sha256.clear();
         return answer_repeat(core, row, upload.size(), upload.sha256());
     }

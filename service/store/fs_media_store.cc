@@ -354,6 +354,7 @@ std::string FsMediaStore::local_path(const std::string &name) const {
 
 size_t FsMediaStore::sweep_temporary() {
     const std::string incoming = root_ + "/" + kIncomingDirectory;
+    make_directory(incoming);
     size_t removed = 0;
     std::error_code ec;
     for (fs::directory_iterator it(incoming, ec), end; !ec && it != end; it.increment(ec)) {
