@@ -6,8 +6,8 @@
 
 #include "device_state.h"
 #include "json_fields.h"
-#include "order_rules.h"
 #include "media_names.h"
+#include "order_rules.h"
 #include "service_core.h"
 
 namespace vexo_cloud {

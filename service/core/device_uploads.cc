@@ -53,8 +53,7 @@ Response commit_media(ServiceCore &core, MediaUpload &upload, MediaRow row) {
         // acknowledged. Start-up adopts such files; the same bytes may take it now.
         const std::optional<uint64_t> size = core.media->size(row.object);
         if (!size) {
-            throw FileError("something that is not a file is in the way of " + row.object,
-                            EEXIST);
+            throw FileError("something that is not a file is in the way of " + row.object, EEXIST);
         }
         row.bytes = *size;
         row.sha256.clear();

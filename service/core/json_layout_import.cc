@@ -168,7 +168,7 @@ void import_gaps(ImportRun &run, const std::string &device) {
         const std::string what = e.what();
         run.quarantine("gaps", device, 0, relative,
                        what.compare(0, prefix.size(), prefix) == 0 ? what.substr(prefix.size())
-                                                                    : what);
+                                                                   : what);
     }
 }
 

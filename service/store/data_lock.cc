@@ -52,8 +52,7 @@ DataLock::DataLock(const std::string &data_dir) {
                                      " is in use by another program" +
                                      (pid.empty() ? "" : " (pid " + pid + ")"));
         }
-        throw FileError("cannot lock " + path + ": " + std::strerror(error_number),
-                        error_number);
+        throw FileError("cannot lock " + path + ": " + std::strerror(error_number), error_number);
     }
     // Only a note for whoever finds the directory locked: the lock is the flock itself.
     const std::string pid = std::to_string(::getpid()) + "\n";

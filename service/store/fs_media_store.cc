@@ -299,8 +299,7 @@ std::string FsMediaStore::set_aside(const std::string &name) {
     for (char &c : flat) {
         c = c == '/' ? '-' : c;
     }
-    const std::string target =
-        quarantine + "/" + std::to_string(std::time(nullptr)) + "-" + flat;
+    const std::string target = quarantine + "/" + std::to_string(std::time(nullptr)) + "-" + flat;
     const std::string path = local_path(name);
     const int error_number = rename_no_replace(path, target);
     if (error_number != 0) {
@@ -333,8 +332,7 @@ std::vector<MediaObject> FsMediaStore::list() {
                 }
             }
             if (file_ec) {
-                throw FileError("cannot list " + folder->path().string() + ": " +
-                                    file_ec.message(),
+                throw FileError("cannot list " + folder->path().string() + ": " + file_ec.message(),
                                 file_ec.value());
             }
         }

@@ -67,14 +67,12 @@ std::vector<Recording> recordings_of(MetadataStore &store, const std::string &da
         recording.files = std::move(files[{row.device, row.start_time}]);
         const auto reason = reasons.find({row.device, row.start_time});
         if (!row.announced && reason != reasons.end()) {
-            damaged->push_back(recording.directory + "/" + kRecordingFile + ": " +
-                               reason->second);
+            damaged->push_back(recording.directory + "/" + kRecordingFile + ": " + reason->second);
         }
         recordings.push_back(std::move(recording));
     }
     return recordings;
 }
-
 
 std::vector<Recording> read_recordings(const std::string &data_dir, const std::string &device) {
     return read_recordings(data_dir, device, nullptr);

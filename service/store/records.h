@@ -55,8 +55,8 @@ struct MediaRow {
     uint32_t start_time = 0;
     std::string name; ///< "<start>_<index>.media"
     uint64_t bytes = 0;
-    std::string sha256; ///< hex; empty when not known yet (a file imported or adopted)
-    std::string object; ///< its name in the media store
+    std::string sha256;  ///< hex; empty when not known yet (a file imported or adopted)
+    std::string object;  ///< its name in the media store
     uint32_t stored = 0; ///< service time it was committed
 };
 
@@ -101,8 +101,8 @@ struct QuarantineRow {
     uint32_t start_time = 0; ///< the recording concerned, 0 for none
     std::string item;        ///< what it was: a file name relative to the data directory, a row
     std::string reason;
-    std::string content;  ///< the row's values or the file's path under quarantine/
-    uint32_t at = 0;      ///< service time
+    std::string content; ///< the row's values or the file's path under quarantine/
+    uint32_t at = 0;     ///< service time
 };
 
 } // namespace vexo_cloud

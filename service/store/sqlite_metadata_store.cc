@@ -248,7 +248,8 @@ void SqliteMetadataStore::put_recording(const RecordingRow &r) {
 }
 
 std::vector<RecordingRow> SqliteMetadataStore::recordings(const std::string &device) {
-    Query q = db_->query(std::string(kRecordingColumns) + kOfDevice + "ORDER BY device, start_time");
+    Query q =
+        db_->query(std::string(kRecordingColumns) + kOfDevice + "ORDER BY device, start_time");
     q.bind(1, device);
     std::vector<RecordingRow> rows;
     while (q.step()) {
@@ -278,7 +279,10 @@ void SqliteMetadataStore::put_media(const MediaRow &m) {
 }
 
 void SqliteMetadataStore::remove_media(const std::string &device, const std::string &name) {
-    db_->query("DELETE FROM media WHERE device = ? AND name = ?").bind(1, device).bind(2, name).run();
+    db_->query("DELETE FROM media WHERE device = ? AND name = ?")
+        .bind(1, device)
+        .bind(2, name)
+        .run();
 }
 
 std::vector<MediaRow> SqliteMetadataStore::media_files(const std::string &device) {
@@ -341,8 +345,9 @@ bool SqliteMetadataStore::add_gap(const Gap &g) {
 
 std::vector<Gap> SqliteMetadataStore::gaps(const std::string &device) {
     Query q = db_->query("SELECT device, from_time, to_time, reason, bytes FROM gaps " +
-                         std::string(kOfDevice) + "ORDER BY device, from_time, to_time, reason, "
-                                                  "bytes");
+                         std::string(kOfDevice) +
+                         "ORDER BY device, from_time, to_time, reason, "
+                         "bytes");
     q.bind(1, device);
     std::vector<Gap> rows;
     while (q.step()) {
@@ -418,8 +423,7 @@ DeviceUsage SqliteMetadataStore::usage(const std::string &device) {
 }
 
 uint64_t SqliteMetadataStore::alarm_count(const std::string &device, uint32_t from, uint32_t to) {
-    Query q =
-        db_->query("SELECT count(*) FROM alarms WHERE device = ? AND time >= ? AND time < ?");
+    Query q = db_->query("SELECT count(*) FROM alarms WHERE device = ? AND time >= ? AND time < ?");
     q.bind(1, device).bind(2, int64_t{from}).bind(3, int64_t{to});
     return q.step() ? static_cast<uint64_t>(q.integer(0)) : 0;
 }

@@ -172,8 +172,8 @@ TEST_F(ServiceRequestsTest, TokensAreCheckedPerDevice) {
         EXPECT_EQ(service->handle(r).status, 401) << r.headers.count("authorization");
     }
     EXPECT_EQ(snapshot(), before);
-    const Request announce = request("POST", std::string("/v1/api/") + kStartApi + "?v=1.0",
-                                     "cam1", start_body(kNoon, kNoKeyMd5));
+    const Request announce = request("POST", std::string("/v1/api/") + kStartApi + "?v=1.0", "cam1",
+                                     start_body(kNoon, kNoKeyMd5));
     EXPECT_EQ(service->handle(with_token(announce, "Bearer secret-1")).status, 200);
     EXPECT_EQ(service->handle(with_token(put, "Bearer secret-1")).status, 200);
     EXPECT_EQ(service

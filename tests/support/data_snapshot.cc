@@ -38,8 +38,8 @@ std::string database_rows(const std::string &path) {
     std::ostringstream out;
     std::vector<std::string> tables;
     sqlite3_stmt *list = nullptr;
-    sqlite3_prepare_v2(db, "SELECT name FROM sqlite_master WHERE type = 'table' ORDER BY name",
-                       -1, &list, nullptr);
+    sqlite3_prepare_v2(db, "SELECT name FROM sqlite_master WHERE type = 'table' ORDER BY name", -1,
+                       &list, nullptr);
     while (list != nullptr && sqlite3_step(list) == SQLITE_ROW) {
         tables.push_back(column_texts(list)[0]);
     }
