@@ -55,6 +55,8 @@ endif()
 # ---- for the host kit, the cloud service and the host tools (native builds only) ----
 if(VEXO_BUILD_HOST)
     find_package(nlohmann_json 3 REQUIRED)
+    # The cloud service keeps its state in one SQLite database per data directory.
+    find_package(SQLite3 REQUIRED)
     find_package(PkgConfig REQUIRED)
     pkg_check_modules(VEXO_LIBAV REQUIRED IMPORTED_TARGET
         libavformat libavcodec libavutil libswscale libswresample)

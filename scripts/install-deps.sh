@@ -23,7 +23,7 @@ ARMHF_TRIPLET=arm-linux-gnueabihf
 
 HOST_PACKAGES=(
     build-essential cmake git ca-certificates
-    libcjson-dev libssl-dev
+    libcjson-dev libssl-dev libsqlite3-dev
     googletest libgtest-dev libbenchmark-dev
     clang-format
     g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user

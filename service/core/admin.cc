@@ -6,6 +6,7 @@
 
 #include "device_state.h"
 #include "json_fields.h"
+#include "media_names.h"
 #include "order_rules.h"
 #include "service_core.h"
 
@@ -38,20 +39,37 @@ void publish(const ServiceCore &core, const std::string &device, const Json &mes
 
 /// Writes order as the device's order, creating the device when it is new.
 void store_order(ServiceCore &core, const std::string &device, const Order &order) {
-    const auto it = core.devices.find(device);
-    if (it == core.devices.end()) {
+    std::optional<DeviceState> state = find_device(core, device);
+    if (!state) {
         create_device(core, device, order);
         return;
     }
-    DeviceState next = it->second.state;
-    next.order = order;
-    save_device_state(core.device_dir(device), next);
-    it->second.state = next;
+    state->order = order;
+    core.metadata->put_device(device, *state);
 }
 
-Order current_order(const ServiceCore &core, const std::string &device) {
-    const auto it = core.devices.find(device);
-    return it == core.devices.end() ? core.options.default_order : it->second.state.order;
+/// The order and allowance of a device, or those a new device would start with.
+DeviceState current_state(const ServiceCore &core, const std::string &device) {
+    std::optional<DeviceState> state = find_device(core, device);
+    if (state) {
+        return std::move(*state);
+    }
+    DeviceState fresh;
+    fresh.order = core.options.default_order;
+    return fresh;
+}
+
+/// Stores an order; false with a generic *error when the store failed (the detail is logged,
+/// it may name server paths).
+bool try_store_order(ServiceCore &core, const std::string &device, const Order &order,
+                     std::string *error, std::string *detail) {
+    try {
+        store_order(core, device, order);
+        return true;
+    } catch (const std::exception &e) {
+        *detail = device + ": cannot store the order: " + e.what();
+        return fail(error, "the order could not be stored");
+    }
 }
 
 } // namespace
@@ -64,19 +82,19 @@ bool Service::set_order(const std::string &device, const OrderChange &change, st
         return fail(error, "invalid device id");
     }
     Json message;
+    std::string detail;
+    bool stored = false;
     {
         std::lock_guard<std::mutex> lock(core.mutex);
-        Order order = current_order(core, device);
+        const DeviceState state = current_state(core, device);
+        Order order = state.order;
         OrderChange effective = change;
         if (change.events_left) {
             if (*change.events_left < 0) {
                 return fail(error, "events left must not be negative");
             }
             // Today's starts stay counted: the allowance grows or shrinks around them.
-            const auto it = core.devices.find(device);
-            const Allowance none;
-            const Allowance &allowance =
-                it == core.devices.end() ? none : it->second.state.allowance;
+            const Allowance &allowance = state.allowance;
             const int32_t today = local_day(core.now());
             const int64_t started = allowance.day == today ? allowance.events_started : 0;
             effective.daily_events =
@@ -87,13 +105,13 @@ bool Service::set_order(const std::string &device, const OrderChange &change, st
             return fail(error, problem);
         }
         order.aborted = false;
-        try {
-            store_order(core, device, order);
-        } catch (const std::exception &e) {
-            return fail(error, e.what());
-        }
+        stored = try_store_order(core, device, order, error, &detail);
         message = Json{{"protocol", kProtocolOrderChange},
                        {"data", {{"action", "store"}, {"storeMode", order.store_mode}}}};
+    }
+    if (!stored) {
+        core.log(detail);
+        return false;
     }
     publish(core, device, message);
     return true;
@@ -104,15 +122,17 @@ bool Service::abort_order(const std::string &device, std::string *error) {
     if (!valid_device_id(device)) {
         return fail(error, "invalid device id");
     }
+    std::string detail;
+    bool stored = false;
     {
         std::lock_guard<std::mutex> lock(core.mutex);
-        Order order = current_order(core, device);
+        Order order = current_state(core, device).order;
         order.aborted = true;
-        try {
-            store_order(core, device, order);
-        } catch (const std::exception &e) {
-            return fail(error, e.what());
-        }
+        stored = try_store_order(core, device, order, error, &detail);
+    }
+    if (!stored) {
+        core.log(detail);
+        return false;
     }
     publish(core, device,
             Json{{"protocol", kProtocolOrderChange}, {"data", {{"action", "abort"}}}});
@@ -137,7 +157,7 @@ bool Service::trigger(const std::string &device, const std::string &action, int3
     }
     {
         std::lock_guard<std::mutex> lock(core.mutex);
-        if (core.devices.count(device) == 0) {
+        if (!valid_device_id(device) || !find_device(core, device)) {
             return fail(error, "unknown device");
         }
     }

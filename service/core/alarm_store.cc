@@ -1,13 +1,11 @@
-/// Alarm records: parsing a posted alarm, writing it, and reading the alarms back.
+/// Alarm records: parsing a posted alarm, and reading the JSON layout's records.
 #include "alarm_store.h"
 
 #include <algorithm>
 #include <filesystem>
-#include <stdexcept>
 #include <utility>
 
 #include "base64.h"
-#include "durable_file.h"
 #include "json_fields.h"
 
 namespace vexo_cloud {
@@ -25,10 +23,6 @@ constexpr size_t kMaxSequenceDigits = 19;
 
 // ---- helpers -------------------------------------------------------------------------------
 
-std::string alarm_name(uint64_t sequence, const char *suffix) {
-    return kAlarmPrefix + std::to_string(sequence) + suffix;
-}
-
 /// The number of an alarm file name "alarm-<n><suffix>"; nullopt for any other name.
 std::optional<uint64_t> alarm_sequence(const std::string &name, const std::string &suffix) {
     const size_t prefix_length = sizeof kAlarmPrefix - 1;
@@ -44,28 +38,6 @@ std::optional<uint64_t> alarm_sequence(const std::string &name, const std::strin
         return std::nullopt;
     }
     return std::stoull(digits);
-}
-
-Alarm load_alarm(const std::string &alarms_dir, const std::string &name,
-                 const std::string &device) {
-    const std::string path = alarms_dir + "/" + name;
-    const std::optional<Json> json = parse_object(read_file(path));
-    Alarm alarm;
-    alarm.device = device;
-    std::string picture;
-    if (!json || !get_u32(*json, "time", &alarm.time) ||
-        !get_flag(*json, "withPicture", &alarm.with_picture) ||
-        !get_text(*json, "extra", &alarm.extra) || !get_text(*json, "picture", &picture)) {
-        throw std::runtime_error(path + ": not an alarm record");
-    }
-    // Only a picture name of this store is followed, never a path out of the directory.
-    if (!picture.empty()) {
-        if (!alarm_sequence(picture, kPictureSuffix)) {
-            throw std::runtime_error(path + ": bad picture name");
-        }
-        alarm.picture_path = alarms_dir + "/" + picture;
-    }
-    return alarm;
 }
 
 } // namespace
@@ -104,52 +76,36 @@ std::optional<AlarmPost> parse_alarm_post(const std::string &body, std::string *
     return alarm;
 }
 
-void store_alarm(const std::string &alarms_dir, uint64_t sequence, const AlarmPost &alarm) {
-    std::string picture_name;
-    if (!alarm.picture.empty()) {
-        picture_name = alarm_name(sequence, kPictureSuffix);
-        write_file_atomic(alarms_dir, picture_name, alarm.picture);
-    }
-    const Json record{{"time", alarm.time},
-                      {"withPicture", alarm.with_picture ? 1 : 0},
-                      {"extra", alarm.extra},
-                      {"picture", picture_name}};
-    write_file_atomic(alarms_dir, alarm_name(sequence, kRecordSuffix), to_text(record) + "\n");
-}
-
-uint64_t next_alarm_sequence(const std::string &alarms_dir) {
-    uint64_t highest = 0;
+std::vector<AlarmFile> alarm_files(const std::string &alarms_dir) {
+    std::vector<AlarmFile> files;
     std::error_code ec;
     for (fs::directory_iterator it(alarms_dir, ec), end; !ec && it != end; it.increment(ec)) {
         const std::string name = it->path().filename().string();
-        for (const char *suffix : {kRecordSuffix, kPictureSuffix}) {
-            const std::optional<uint64_t> sequence = alarm_sequence(name, suffix);
-            if (sequence) {
-                highest = std::max(highest, *sequence);
-            }
+        if (const std::optional<uint64_t> sequence = alarm_sequence(name, kRecordSuffix)) {
+            files.push_back(AlarmFile{*sequence, name});
         }
     }
-    return highest + 1;
+    std::sort(files.begin(), files.end(),
+              [](const AlarmFile &a, const AlarmFile &b) { return a.sequence < b.sequence; });
+    return files;
 }
 
-std::vector<Alarm> read_alarms(const std::string &alarms_dir, const std::string &device) {
-    std::vector<std::pair<uint64_t, Alarm>> found;
-    std::error_code ec;
-    for (fs::directory_iterator it(alarms_dir, ec), end; !ec && it != end; it.increment(ec)) {
-        const std::string name = it->path().filename().string();
-        const std::optional<uint64_t> sequence = alarm_sequence(name, kRecordSuffix);
-        if (sequence) {
-            found.emplace_back(*sequence, load_alarm(alarms_dir, name, device));
-        }
+std::optional<AlarmRow> parse_alarm_record(const std::string &text, std::string *reason) {
+    const std::optional<Json> json = parse_object(text);
+    AlarmRow alarm;
+    if (!json || !get_u32(*json, "time", &alarm.time) ||
+        !get_flag(*json, "withPicture", &alarm.with_picture) ||
+        !get_text(*json, "extra", &alarm.extra) ||
+        !get_text(*json, "picture", &alarm.picture_object)) {
+        *reason = "not an alarm record";
+        return std::nullopt;
     }
-    std::sort(found.begin(), found.end(), [](const auto &a, const auto &b) {
-        return a.second.time != b.second.time ? a.second.time < b.second.time : a.first < b.first;
-    });
-    std::vector<Alarm> alarms;
-    for (auto &item : found) {
-        alarms.push_back(std::move(item.second));
+    // Only a picture name of this layout is followed, never a path out of the folder.
+    if (!alarm.picture_object.empty() && !alarm_sequence(alarm.picture_object, kPictureSuffix)) {
+        *reason = "bad picture name";
+        return std::nullopt;
     }
-    return alarms;
+    return alarm;
 }
 
 } // namespace vexo_cloud

@@ -1,5 +1,6 @@
-/// Alarms a device raised (a remote trigger's picture and extra data): one JSON record per
-/// alarm under <data>/<device>/alarms/, with the picture beside it as a .jpg.
+/// Alarms a device raised (a remote trigger's picture and extra data): a posted alarm read,
+/// and the alarm records of the JSON layout older services wrote (one JSON record per alarm
+/// under <data>/<device>/alarms/, the picture beside it as a .jpg).
 #ifndef VEXO_CLOUD_ALARM_STORE_H
 #define VEXO_CLOUD_ALARM_STORE_H
 
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "cloud_service.h"
+#include "records.h"
 
 namespace vexo_cloud {
 
@@ -23,16 +25,18 @@ struct AlarmPost {
 /// The alarm a request body holds; nullopt with *error when the body is not one.
 std::optional<AlarmPost> parse_alarm_post(const std::string &body, std::string *error);
 
-/// Stores an alarm as number sequence (unique per device) in alarms_dir, which exists: the
-/// picture first, then the record that names it. Throws FileError.
-void store_alarm(const std::string &alarms_dir, uint64_t sequence, const AlarmPost &alarm);
+/// An alarm record file of the JSON layout, "alarm-<sequence>.json".
+struct AlarmFile {
+    uint64_t sequence = 0;
+    std::string name;
+};
 
-/// The number after the highest alarm number in alarms_dir (1 when there is none).
-uint64_t next_alarm_sequence(const std::string &alarms_dir);
+/// The alarm record files in alarms_dir, by sequence; empty when there is no such folder.
+std::vector<AlarmFile> alarm_files(const std::string &alarms_dir);
 
-/// The alarms in alarms_dir, by time then number; throws std::runtime_error naming a record
-/// that cannot be read.
-std::vector<Alarm> read_alarms(const std::string &alarms_dir, const std::string &device);
+/// The alarm a record's text describes, its picture_object the bare picture file name (empty
+/// without one); nullopt with *reason when it is not an alarm record of this layout.
+std::optional<AlarmRow> parse_alarm_record(const std::string &text, std::string *reason);
 
 } // namespace vexo_cloud
 

@@ -36,9 +36,11 @@ Response api_refusal(const std::string &code, const std::string &message) {
     return json_answer(kOk, Json{{"success", false}, {"code", code}, {"msg", message}});
 }
 
-Response storage_failure_answer(int error_number, const std::string &message) {
-    const bool full = error_number == ENOSPC || error_number == EDQUOT;
-    return error_answer(full ? kInsufficientStorage : kInternalError, message);
+Response storage_failure_answer(int error_number) {
+    if (error_number == ENOSPC || error_number == EDQUOT) {
+        return error_answer(kInsufficientStorage, "the service's storage is full");
+    }
+    return error_answer(kInternalError, "internal error: the request was not stored");
 }
 
 } // namespace vexo_cloud

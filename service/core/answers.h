@@ -17,8 +17,9 @@ Response error_answer(int32_t status, const std::string &message);
 Response api_result(const Json &result);
 /// 200 {"success":false,"code":code,"msg":message}: the API refuses the call.
 Response api_refusal(const std::string &code, const std::string &message);
-/// 507 when the disk is full, else 500, with the failure's text.
-Response storage_failure_answer(int error_number, const std::string &message);
+/// 507 when the disk is full (error_number ENOSPC or EDQUOT), else 500, with a generic text
+/// that names no server path.
+Response storage_failure_answer(int error_number);
 
 } // namespace vexo_cloud
 

@@ -4,11 +4,10 @@
 #include <algorithm>
 #include <optional>
 #include <string>
-#include <unistd.h>
 
 #include "answers.h"
 #include "device_state.h"
-#include "durable_file.h"
+#include "json_fields.h"
 #include "order_rules.h"
 #include "service_core.h"
 
@@ -32,7 +31,6 @@ constexpr size_t kMaxAnnouncedMd5 = 64;
 struct StartNotice {
     uint32_t start_time = 0;
     std::string payload_info;
-    Json payload;
     int32_t mtu = 0;
     std::string announced_md5;
 };
@@ -68,12 +66,10 @@ std::optional<StartNotice> parse_start(const std::string &body, std::string *err
         return std::nullopt;
     }
     std::string why;
-    const std::optional<Json> payload = parse_object(notice.payload_info, &why);
-    if (!payload) {
+    if (!parse_object(notice.payload_info, &why)) {
         *error = "payloadInfo must hold a JSON object (" + why + ")";
         return std::nullopt;
     }
-    notice.payload = *payload;
     if (!get_i32(*json, "mtu", &notice.mtu)) {
         *error = "mtu must be an integer";
         return std::nullopt;
@@ -84,36 +80,6 @@ std::optional<StartNotice> parse_start(const std::string &body, std::string *err
         return std::nullopt;
     }
     return notice;
-}
-
-/// Writes the device state (when it changed) and the recording, then takes them into the
-/// index. On failure the device state on disk is put back and nothing is taken.
-void commit_start(ServiceCore &core, const std::string &device, DeviceEntry *entry,
-                  const DeviceState &next, bool device_changed, const RecordingState &recording) {
-    const std::string device_dir = core.device_dir(device);
-    const std::string recording_dir = device_dir + "/" + std::to_string(recording.start_time);
-    if (device_changed) {
-        save_device_state(device_dir, next);
-    }
-    bool created = false;
-    try {
-        created = make_directory(recording_dir);
-        save_recording(recording_dir, recording);
-    } catch (...) {
-        if (created) {
-            ::rmdir(recording_dir.c_str()); // only when still empty
-        }
-        if (device_changed) {
-            try {
-                save_device_state(device_dir, entry->state);
-            } catch (...) {
-                // The first failure is the one reported.
-            }
-        }
-        throw;
-    }
-    entry->state = next;
-    entry->recordings[recording.start_time] = recording;
 }
 
 /// The key a new start's files are encrypted with. A live device encrypts with the current
@@ -148,29 +114,35 @@ Response notify_start(ServiceCore &core, const std::string &device, const std::s
     DeviceState next;
     {
         std::lock_guard<std::mutex> lock(core.mutex);
-        DeviceEntry &entry = core.devices.at(device);
+        MetadataStore &metadata = *core.metadata;
         const uint32_t now = core.now();
-        next = entry.state;
+        next = known_device(core, device);
         bool device_changed = issue_key_if_missing(&next, now);
 
-        const auto found = entry.recordings.find(notice->start_time);
-        const bool first_start = found == entry.recordings.end();
+        const std::optional<RecordingRow> found = metadata.recording(device, notice->start_time);
         // Only a new recording takes an event off its day's allowance: the second start of
         // a key update repeats the startTime of the first.
+        const bool first_start = !found || !found->announced;
         if (first_start && counts_against_allowance(next.order) &&
             count_start(&next.allowance, notice->start_time, now)) {
             device_changed = true;
         }
-        RecordingState recording = first_start ? RecordingState{} : found->second;
+        RecordingRow recording = found ? *found : RecordingRow{};
+        recording.device = device;
         recording.start_time = notice->start_time;
+        recording.announced = true;
         recording.payload_info = notice->payload_info;
-        recording.payload = notice->payload;
         recording.mtu = notice->mtu;
         recording.announced_md5 = notice->announced_md5;
         const KeyRecord key = filing_key(next, *notice, replayed, device, &note);
         recording.key = key.key;
         recording.key_md5 = key.md5;
-        commit_start(core, device, &entry, next, device_changed, recording);
+        metadata.transaction([&] {
+            if (device_changed) {
+                metadata.put_device(device, next);
+            }
+            metadata.put_recording(recording);
+        });
     }
     if (!note.empty()) {
         core.log(note);
@@ -195,19 +167,16 @@ Response notify_stop(ServiceCore &core, const std::string &device, const std::st
         return error_answer(kBadRequest, "the body must be {\"startTime\":N,\"endTime\":N}");
     }
     std::lock_guard<std::mutex> lock(core.mutex);
-    DeviceEntry &entry = core.devices.at(device);
-    const auto found = entry.recordings.find(start_time);
-    if (found == entry.recordings.end()) {
+    std::optional<RecordingRow> recording = core.metadata->recording(device, start_time);
+    if (!recording || !recording->announced) {
         return api_refusal("recording.unknown",
                            "no recording started at " + std::to_string(start_time));
     }
     if (end_time < start_time) {
         return api_refusal("time.invalid", "endTime is before startTime");
     }
-    RecordingState recording = found->second;
-    recording.end_time = end_time;
-    save_recording(core.device_dir(device) + "/" + std::to_string(start_time), recording);
-    found->second = recording;
+    recording->end_time = end_time;
+    core.metadata->put_recording(*recording);
     return api_result(Json::object());
 }
 
@@ -218,7 +187,7 @@ Response report_event(ServiceCore &core, const std::string &device, const std::s
         return error_answer(kBadRequest, error);
     }
     std::lock_guard<std::mutex> lock(core.mutex);
-    append_line(core.device_dir(device) + "/" + kEventsFile, to_text(*json));
+    core.metadata->add_event(device, core.now(), to_text(*json));
     return api_result(Json::object());
 }
 

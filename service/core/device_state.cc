@@ -1,4 +1,4 @@
-/// The device state file: its JSON form, written and read back.
+/// Device keys, and the device.json of the JSON layout read back.
 #include "device_state.h"
 
 #include <stdexcept>
@@ -15,16 +15,6 @@ namespace {
 
 [[noreturn]] void corrupt(const std::string &path, const std::string &what) {
     throw std::runtime_error(path + ": " + what);
-}
-
-Json order_to_json(const Order &order) {
-    return Json{{"storeMode", order.store_mode},
-                {"eventDuration", order.event_duration},
-                {"sliceDuration", order.slice_duration},
-                {"silenceInterval", order.silence_interval},
-                {"dailyEvents", order.daily_events},
-                {"expired", order.expired},
-                {"aborted", order.aborted}};
 }
 
 Order order_from_json(const Json &json, const std::string &path) {
@@ -98,20 +88,21 @@ const KeyRecord *key_with_md5(const DeviceState &state, const std::string &md5) 
     return nullptr;
 }
 
-void save_device_state(const std::string &device_dir, const DeviceState &state) {
-    Json history = Json::array();
-    for (const KeyRecord &record : state.key_history) {
-        history.push_back(
-            Json{{"key", record.key}, {"md5", record.md5}, {"issued", record.issued}});
+bool valid_device_state(const DeviceState &state, std::string *reason) {
+    if (!validate_order(state.order, reason)) {
+        return false;
     }
-    const Json json{
-        {"order", order_to_json(state.order)},
-        {"key", state.key},
-        {"keyMd5", state.key_md5},
-        {"keyHistory", history},
-        {"allowance",
-         {{"day", state.allowance.day}, {"eventsStarted", state.allowance.events_started}}}};
-    write_file_atomic(device_dir, kDeviceFile, to_text(json, 2) + "\n");
+    if (!state.key.empty() && !valid_key(state.key, state.key_md5)) {
+        *reason = "the key does not match its md5";
+        return false;
+    }
+    for (const KeyRecord &record : state.key_history) {
+        if (!valid_key(record.key, record.md5)) {
+            *reason = "a key of the history does not match its md5";
+            return false;
+        }
+    }
+    return true;
 }
 
 DeviceState load_device_state(const std::string &device_dir) {

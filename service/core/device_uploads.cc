@@ -1,11 +1,12 @@
-/// What a device uploads: media files of its recordings, alarms and gap reports. Media files
-/// and alarms are written outside the service lock, to names no other request writes: a
-/// media file goes through a temporary name of its own, an alarm gets a number reserved under
-/// the lock. The gaps file is small and replaced whole under the lock.
+/// What a device uploads: media files of its recordings, alarms and gap reports. Media bytes
+/// and alarm pictures are written outside the service lock, to temporary objects of their
+/// own; they are published and their rows committed under it. An upload is answered 200 only
+/// once its file is durable under its name and its row committed.
 #include "alarm_store.h"
 #include "answers.h"
 #include "durable_file.h"
-#include "gap_store.h"
+#include "gap_records.h"
+#include "media_names.h"
 #include "service_core.h"
 
 namespace vexo_cloud {
@@ -16,6 +17,56 @@ namespace {
 
 constexpr int32_t kOk = 200;
 constexpr int32_t kBadRequest = 400;
+constexpr int32_t kConflict = 409;
+constexpr char kAlarmsFolder[] = "alarms";
+constexpr char kPictureSuffix[] = ".jpg";
+
+// ---- helpers -------------------------------------------------------------------------------
+
+Response conflict(const std::string &file_name) {
+    return error_answer(kConflict, file_name + " is stored already, with other bytes");
+}
+
+/// The answer to a second upload of a stored media file: 200 when it brought the same bytes
+/// (a device replaying what it could not be sure was stored), else 409. A row without a
+/// digest (imported or adopted) gets it now. The caller holds the mutex.
+Response answer_repeat(ServiceCore &core, MediaRow stored, uint64_t size,
+                       const std::string &sha256) {
+    if (stored.bytes != size) {
+        return conflict(stored.name);
+    }
+    if (stored.sha256.empty()) {
+        const std::optional<std::string> digest = object_sha256(*core.media, stored.object);
+        if (!digest) {
+            throw FileError("the stored object " + stored.object + " is gone", ENOENT);
+        }
+        stored.sha256 = *digest;
+        core.metadata->put_media(stored);
+    }
+    return stored.sha256 == sha256 ? json_answer(kOk, Json::object()) : conflict(stored.name);
+}
+
+/// Publishes a finished upload and commits its row; the caller holds the mutex.
+Response commit_media(ServiceCore &core, MediaUpload &upload, MediaRow row) {
+    if (!upload.commit()) {
+        // A file is there without a row: one a killed service published but never
+        // acknowledged. Start-up adopts such files; the same bytes may take it now.
+        const std::optional<uint64_t> size = core.media->size(row.object);
+        if (!size) {
+            throw FileError("something that is not a file is in the way of " + row.object, EEXIST);
+        }
+        row.bytes = *size;
+        row.sha256.clear();
+        return answer_repeat(core, row, upload.size(), upload.sha256());
+    }
+    try {
+        core.metadata->put_media(row);
+    } catch (...) {
+        core.media->remove(row.object); // not acknowledged: it may come again
+        throw;
+    }
+    return json_answer(kOk, Json::object());
+}
 
 } // namespace
 
@@ -28,30 +79,52 @@ Response stream_media_upload(ServiceCore &core, const std::string &device,
     if (!start) {
         return error_answer(kBadRequest, "a media file name is <start>_<index>.media");
     }
-    // The order's state does not matter: the device decides what it records. The bytes
-    // wait in the device's directory; the recording's directory and the file appear only
-    // when all of them arrived.
-    const std::string dir = core.device_dir(device) + "/" + std::to_string(*start);
-    AtomicFile file(core.device_dir(device), file_name, dir);
+    // Checked before any of the body is read. The order's state does not matter: the device
+    // decides what it records, but only within a recording it announced.
+    {
+        std::lock_guard<std::mutex> lock(core.mutex);
+        const std::optional<RecordingRow> recording = core.metadata->recording(device, *start);
+        if (!recording || !recording->announced) {
+            return error_answer(kConflict, "no recording started at " + std::to_string(*start) +
+                                               ": send its start notification first");
+        }
+        const std::optional<MediaRow> stored = core.metadata->media(device, file_name);
+        if (stored && stored->bytes != content_length) {
+            return conflict(file_name);
+        }
+    }
+    const std::string object = device + "/" + std::to_string(*start) + "/" + file_name;
+    const std::unique_ptr<MediaUpload> upload = core.media->begin(object);
     bool too_long = false;
     const bool whole = read_body([&](const char *data, size_t size) {
-        if (file.written() + size > content_length) {
+        if (upload->size() + size > content_length) {
             too_long = true;
             return false;
         }
-        file.write(data, size);
+        upload->write(data, size);
         return true;
     });
     if (too_long) {
         return error_answer(kBadRequest, "body longer than its Content-Length");
     }
-    if (!whole || file.written() != content_length) {
-        return error_answer(kBadRequest, "upload incomplete: " + std::to_string(file.written()) +
+    if (!whole || upload->size() != content_length) {
+        return error_answer(kBadRequest, "upload incomplete: " + std::to_string(upload->size()) +
                                              " of " + std::to_string(content_length) + " bytes");
     }
-    make_directory(dir);
-    file.commit();
-    return json_answer(kOk, Json::object());
+    upload->finish();
+    std::lock_guard<std::mutex> lock(core.mutex);
+    if (std::optional<MediaRow> stored = core.metadata->media(device, file_name)) {
+        return answer_repeat(core, std::move(*stored), upload->size(), upload->sha256());
+    }
+    MediaRow row;
+    row.device = device;
+    row.start_time = *start;
+    row.name = file_name;
+    row.bytes = upload->size();
+    row.sha256 = upload->sha256();
+    row.object = object;
+    row.stored = core.now();
+    return commit_media(core, *upload, row);
 }
 
 Response store_media_upload(ServiceCore &core, const std::string &device,
@@ -68,14 +141,36 @@ Response store_alarm_request(ServiceCore &core, const std::string &device,
     if (!alarm) {
         return error_answer(kBadRequest, error);
     }
-    const std::string dir = core.device_dir(device) + "/" + kAlarmsDirectory;
-    uint64_t sequence = 0;
+    AlarmRow row;
     {
         std::lock_guard<std::mutex> lock(core.mutex);
-        make_directory(dir);
-        sequence = core.devices.at(device).next_alarm++;
+        row.id = core.next_alarm++;
     }
-    store_alarm(dir, sequence, *alarm);
+    row.device = device;
+    row.time = alarm->time;
+    row.with_picture = alarm->with_picture;
+    row.extra = alarm->extra;
+    if (!alarm->picture.empty()) {
+        // The picture first, under a name only this alarm uses; the row that names it last.
+        row.picture_object =
+            device + "/" + kAlarmsFolder + "/" + std::to_string(row.id) + kPictureSuffix;
+        const std::unique_ptr<MediaUpload> upload = core.media->begin(row.picture_object);
+        upload->write(alarm->picture.data(), alarm->picture.size());
+        upload->finish();
+        if (!upload->commit()) {
+            throw FileError("alarm picture " + row.picture_object + " exists already", EEXIST);
+        }
+    }
+    std::lock_guard<std::mutex> lock(core.mutex);
+    row.received = core.now();
+    try {
+        core.metadata->add_alarm(row);
+    } catch (...) {
+        if (!row.picture_object.empty()) {
+            core.media->remove(row.picture_object);
+        }
+        throw;
+    }
     return json_answer(kOk, Json::object());
 }
 
@@ -87,13 +182,8 @@ Response store_gap_request(ServiceCore &core, const std::string &device, const s
     }
     gap->device = device;
     std::lock_guard<std::mutex> lock(core.mutex);
-    DeviceEntry &entry = core.devices.at(device);
     // A gap sent again (its first answer was lost) is already stored: answered as the first.
-    const std::optional<std::vector<Gap>> next = with_gap(entry.gaps, *gap);
-    if (next) {
-        save_gaps(core.device_dir(device), *next);
-        entry.gaps = *next;
-    }
+    core.metadata->add_gap(*gap);
     return json_answer(kOk, Json::object());
 }
 

@@ -14,53 +14,55 @@ bool apply_limits_change(DeviceLimits *limits, const LimitsChange &change, std::
         *error = "retentionDays must be 0.." + std::to_string(kMaxRetentionDays);
         return false;
     }
-    DeviceLimits next = *limits;
-    next.max_bytes = change.max_bytes.value_or(next.max_bytes);
-    next.max_files = change.max_files.value_or(next.max_files);
-    next.max_alarms_per_day = change.max_alarms_per_day.value_or(next.max_alarms_per_day);
-    next.retention_days = change.retention_days.value_or(next.retention_days);
-    next.retention_bytes = change.retention_bytes.value_or(next.retention_bytes);
-    *limits = next;
+    const auto apply = [](auto *limit, const auto &value) {
+        if (value) {
+            *limit = *value == 0 ? std::nullopt : std::make_optional(*value);
+        }
+    };
+    apply(&limits->max_bytes, change.max_bytes);
+    apply(&limits->max_files, change.max_files);
+    apply(&limits->max_alarms_per_day, change.max_alarms_per_day);
+    apply(&limits->retention_days, change.retention_days);
+    apply(&limits->retention_bytes, change.retention_bytes);
     return true;
 }
 
 std::string upload_quota_refusal(const DeviceLimits &limits, const DeviceUsage &usage,
                                  uint64_t size) {
-    if (limits.max_files != 0 && usage.files >= limits.max_files) {
-        return "the device's quota of " + std::to_string(limits.max_files) + " files is used up";
+    if (limits.max_files && usage.files >= *limits.max_files) {
+        return "the device's quota of " + std::to_string(*limits.max_files) + " files is used up";
     }
-    if (limits.max_bytes != 0 &&
-        (size > limits.max_bytes || usage.bytes > limits.max_bytes - size)) {
-        return "the device's quota of " + std::to_string(limits.max_bytes) +
+    if (limits.max_bytes && (size > *limits.max_bytes || usage.bytes > *limits.max_bytes - size)) {
+        return "the device's quota of " + std::to_string(*limits.max_bytes) +
                " bytes has no room for " + std::to_string(size) + " more";
     }
     return "";
 }
 
-std::string alarm_quota_refusal(const DeviceLimits &limits, const DeviceUsage &usage) {
-    if (limits.max_alarms_per_day != 0 && usage.alarms_today >= limits.max_alarms_per_day) {
-        return "the device's quota of " + std::to_string(limits.max_alarms_per_day) +
+std::string alarm_quota_refusal(const DeviceLimits &limits, uint64_t alarms_today) {
+    if (limits.max_alarms_per_day && alarms_today >= *limits.max_alarms_per_day) {
+        return "the device's quota of " + std::to_string(*limits.max_alarms_per_day) +
                " alarms a day is used up";
     }
     return "";
 }
 
 std::vector<uint32_t> recordings_to_expire(const DeviceLimits &limits,
-                                           const std::vector<KeptRecording> &recordings,
+                                           const std::vector<RecordingUsage> &recordings,
                                            uint32_t now) {
     std::vector<uint32_t> expired;
     uint64_t kept_bytes = 0;
-    for (const KeptRecording &recording : recordings) {
+    for (const RecordingUsage &recording : recordings) {
         kept_bytes += recording.bytes;
     }
-    const uint64_t max_age = uint64_t{limits.retention_days} * kSecondsPerDay;
-    for (const KeptRecording &recording : recordings) {
+    const uint64_t max_age = uint64_t{limits.retention_days.value_or(0)} * kSecondsPerDay;
+    for (const RecordingUsage &recording : recordings) {
         if (recording.end_time == 0) {
             continue;
         }
-        const bool too_old = limits.retention_days != 0 && recording.end_time < now &&
-                             now - recording.end_time > max_age;
-        const bool too_much = limits.retention_bytes != 0 && kept_bytes > limits.retention_bytes;
+        const bool too_old =
+            limits.retention_days && recording.end_time < now && now - recording.end_time > max_age;
+        const bool too_much = limits.retention_bytes && kept_bytes > *limits.retention_bytes;
         if (!too_old && !too_much) {
             continue;
         }

@@ -8,31 +8,17 @@
 #include <string>
 #include <vector>
 
+#include "records.h"
+
 namespace vexo_cloud {
 
-/// What one device may keep. 0 in any member: no limit of that kind.
-struct DeviceLimits {
-    uint64_t max_bytes = 0;          ///< media bytes kept
-    uint64_t max_files = 0;          ///< media files kept
-    uint32_t max_alarms_per_day = 0; ///< alarms taken per local day
-    uint32_t retention_days = 0;     ///< recordings that ended longer ago are deleted
-    uint64_t retention_bytes = 0;    ///< oldest recordings deleted down to this many bytes
-};
-
-/// A partial change of a device's limits: unset members stay as they are.
+/// A partial change of a device's limits: unset members stay as they are, 0 lifts a limit.
 struct LimitsChange {
     std::optional<uint64_t> max_bytes;
     std::optional<uint64_t> max_files;
     std::optional<uint32_t> max_alarms_per_day;
     std::optional<uint32_t> retention_days;
     std::optional<uint64_t> retention_bytes;
-};
-
-/// What a device keeps now, as the quotas count it.
-struct DeviceUsage {
-    uint64_t bytes = 0;
-    uint64_t files = 0;
-    uint32_t alarms_today = 0;
 };
 
 /// The longest retention an admin may set: about a hundred years.
@@ -47,22 +33,16 @@ bool apply_limits_change(DeviceLimits *limits, const LimitsChange &change, std::
 std::string upload_quota_refusal(const DeviceLimits &limits, const DeviceUsage &usage,
                                  uint64_t size);
 
-/// Why one more alarm may not be taken today; empty when it may.
-std::string alarm_quota_refusal(const DeviceLimits &limits, const DeviceUsage &usage);
-
-/// A recording as retention sees it.
-struct KeptRecording {
-    uint32_t start_time = 0;
-    uint32_t end_time = 0; ///< 0 while open
-    uint64_t bytes = 0;    ///< its media files
-};
+/// Why one more alarm may not be taken on a day that has alarms_today already; empty when it
+/// may.
+std::string alarm_quota_refusal(const DeviceLimits &limits, uint64_t alarms_today);
 
 /// The start times of the recordings retention deletes at service time now, oldest first:
 /// those that ended more than retention_days before now, then the oldest until the rest
 /// keep at most retention_bytes. recordings must be sorted by start time. An open recording
 /// is never deleted: the camera is still writing it.
 std::vector<uint32_t> recordings_to_expire(const DeviceLimits &limits,
-                                           const std::vector<KeptRecording> &recordings,
+                                           const std::vector<RecordingUsage> &recordings,
                                            uint32_t now);
 
 } // namespace vexo_cloud

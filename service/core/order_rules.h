@@ -7,18 +7,13 @@
 #include <string>
 
 #include "cloud_service.h"
+#include "records.h"
 
 namespace vexo_cloud {
 
 /// The store mode storage/config answers for an aborted order.
 constexpr char kStoreModeNone[] = "none";
 constexpr char kStoreModeEvent[] = "event";
-
-/// Events of today counted against an order's daily allowance.
-struct Allowance {
-    int32_t day = 0;            ///< local date as yyyymmdd the count belongs to; 0 never
-    int32_t events_started = 0; ///< event-mode recordings started on that day
-};
 
 /// True when every value of the order is in range; *error names the first one that is not.
 bool validate_order(const Order &order, std::string *error);

@@ -18,7 +18,6 @@ constexpr int32_t kUnauthorized = 401;
 constexpr int32_t kNotFound = 404;
 constexpr int32_t kMethodNotAllowed = 405;
 constexpr int32_t kPayloadTooLarge = 413;
-constexpr int32_t kInternalError = 500;
 
 constexpr char kDevicesPrefix[] = "/v1/devices/";
 constexpr char kApiPrefix[] = "/v1/api/";
@@ -128,7 +127,7 @@ std::optional<Response> check_request(ServiceCore &core, const Request &request,
         }
     }
     std::lock_guard<std::mutex> lock(core.mutex);
-    if (core.devices.count(device) == 0) {
+    if (!find_device(core, device)) {
         return error_answer(kNotFound, "unknown device");
     }
     return std::nullopt;
@@ -201,6 +200,14 @@ Response route_streamed(ServiceCore &core, const Request &head, uint64_t content
     return dispatch(core, whole, *target, device);
 }
 
+/// The answer to a request that failed inside the service: the detail, which may name server
+/// paths, goes to the log; the device gets a generic text (507 when the disk is full).
+Response storage_failure(const ServiceCore &core, const Request &request, const std::string &what,
+                         int error_number) {
+    core.log(request.method + " " + request.path + " failed: " + what);
+    return storage_failure_answer(error_number);
+}
+
 } // namespace
 
 // ---- exported calls ------------------------------------------------------------------------
@@ -209,9 +216,9 @@ Response Service::handle(const Request &request) {
     try {
         return route(impl_->core, request);
     } catch (const FileError &e) {
-        return storage_failure_answer(e.error_number(), e.what());
+        return storage_failure(impl_->core, request, e.what(), e.error_number());
     } catch (const std::exception &e) {
-        return error_answer(kInternalError, e.what());
+        return storage_failure(impl_->core, request, e.what(), 0);
     }
 }
 
@@ -220,9 +227,9 @@ Response Service::handle_streamed(const Request &head, uint64_t content_length,
     try {
         return route_streamed(impl_->core, head, content_length, read_body);
     } catch (const FileError &e) {
-        return storage_failure_answer(e.error_number(), e.what());
+        return storage_failure(impl_->core, head, e.what(), e.error_number());
     } catch (const std::exception &e) {
-        return error_answer(kInternalError, e.what());
+        return storage_failure(impl_->core, head, e.what(), 0);
     }
 }
 

@@ -4,20 +4,19 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "alarm_store.h"
 #include "durable_file.h"
+#include "fs_media_store.h"
+#include "media_names.h"
 #include "order_rules.h"
 #include "service_core.h"
+#include "sqlite_metadata_store.h"
+#include "store_views.h"
 
 namespace vexo_cloud {
 
-// ---- constants -----------------------------------------------------------------------------
+// ---- helpers -------------------------------------------------------------------------------
 
 namespace {
-
-constexpr size_t kMaxDeviceId = 64;
-
-// ---- helpers -------------------------------------------------------------------------------
 
 uint32_t real_time() {
     return static_cast<uint32_t>(std::time(nullptr));
@@ -60,11 +59,18 @@ Service::Service(Options options) : impl_(std::make_unique<Impl>()) {
     if (!core.options.clock) {
         core.options.clock = real_time;
     }
-    make_data_directory(core.options.data_dir);
+    const std::string &data_dir = core.options.data_dir;
+    make_data_directory(data_dir);
+    core.lock = std::make_unique<DataLock>(data_dir);
+    core.metadata = std::make_unique<SqliteMetadataStore>(data_dir + "/" + kDatabaseFile, false);
+    core.media = std::make_unique<FsMediaStore>(data_dir);
+    import_json_layout(core);
+    quarantine_damaged_state(core);
+    reconcile_media(core);
     std::lock_guard<std::mutex> lock(core.mutex);
-    load_devices(core);
+    core.next_alarm = core.metadata->last_alarm_id() + 1;
     for (const auto &item : core.options.tokens) {
-        if (core.devices.count(item.first) == 0) {
+        if (!find_device(core, item.first)) {
             create_device(core, item.first, core.options.default_order);
         }
     }
@@ -75,50 +81,63 @@ Service::~Service() = default;
 std::optional<Order> Service::order(const std::string &device) const {
     const ServiceCore &core = impl_->core;
     std::lock_guard<std::mutex> lock(core.mutex);
-    const auto it = core.devices.find(device);
-    if (it == core.devices.end()) {
-        return std::nullopt;
-    }
-    return it->second.state.order;
+    const std::optional<DeviceState> state = find_device(core, device);
+    return state ? std::optional<Order>(state->order) : std::nullopt;
 }
 
 int32_t Service::count_left(const std::string &device) const {
     const ServiceCore &core = impl_->core;
     std::lock_guard<std::mutex> lock(core.mutex);
-    const auto it = core.devices.find(device);
-    if (it == core.devices.end()) {
+    const std::optional<DeviceState> state = find_device(core, device);
+    if (!state) {
         return 0;
     }
-    const DeviceState &state = it->second.state;
-    return events_left(state.order, state.allowance, local_day(core.now()));
+    return events_left(state->order, state->allowance, local_day(core.now()));
 }
 
 std::vector<std::string> Service::devices() const {
     const ServiceCore &core = impl_->core;
     std::lock_guard<std::mutex> lock(core.mutex);
-    std::vector<std::string> names;
-    for (const auto &item : core.devices) {
-        names.push_back(item.first);
-    }
-    return names;
+    return core.metadata->device_ids();
 }
 
 std::vector<Recording> Service::recordings(const std::string &device) const {
     const ServiceCore &core = impl_->core;
-    {
-        std::lock_guard<std::mutex> lock(core.mutex);
-        if (core.devices.count(device) == 0) {
-            return {};
-        }
+    if (device.empty()) {
+        return {}; // one device's, never all of them
     }
-    return read_recordings(core.options.data_dir, device);
+    std::lock_guard<std::mutex> lock(core.mutex);
+    return recordings_of(*core.metadata, core.options.data_dir, device, nullptr);
 }
 
 std::vector<Gap> Service::gaps(const std::string &device) const {
     const ServiceCore &core = impl_->core;
+    if (device.empty()) {
+        return {};
+    }
     std::lock_guard<std::mutex> lock(core.mutex);
-    const auto it = core.devices.find(device);
-    return it == core.devices.end() ? std::vector<Gap>{} : it->second.gaps;
+    return core.metadata->gaps(device);
+}
+
+std::vector<Alarm> Service::alarms(const std::string &device) const {
+    const ServiceCore &core = impl_->core;
+    if (device.empty()) {
+        return {};
+    }
+    std::lock_guard<std::mutex> lock(core.mutex);
+    std::vector<Alarm> alarms;
+    for (const AlarmRow &row : core.metadata->alarms(device)) {
+        Alarm alarm;
+        alarm.device = row.device;
+        alarm.time = row.time;
+        alarm.with_picture = row.with_picture;
+        alarm.extra = row.extra;
+        if (!row.picture_object.empty()) {
+            alarm.picture_path = core.media->local_path(row.picture_object);
+        }
+        alarms.push_back(std::move(alarm));
+    }
+    return alarms;
 }
 
 uint32_t Service::now() const {
@@ -131,31 +150,6 @@ void ServiceCore::log(const std::string &line) const {
         return;
     }
     std::fprintf(stderr, "vexo-cloud: %s\n", line.c_str());
-}
-
-std::vector<Alarm> Service::alarms(const std::string &device) const {
-    const ServiceCore &core = impl_->core;
-    {
-        std::lock_guard<std::mutex> lock(core.mutex);
-        if (core.devices.count(device) == 0) {
-            return {};
-        }
-    }
-    return read_alarms(core.device_dir(device) + "/" + kAlarmsDirectory, device);
-}
-
-bool valid_device_id(const std::string &device) {
-    if (device.empty() || device.size() > kMaxDeviceId || device == "." || device == "..") {
-        return false;
-    }
-    for (char c : device) {
-        const bool allowed = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
-                             (c >= '0' && c <= '9') || c == '.' || c == '_' || c == '-';
-        if (!allowed) {
-            return false;
-        }
-    }
-    return true;
 }
 
 } // namespace vexo_cloud

@@ -1,46 +1,37 @@
-/// What the parts of the service share: the state behind one mutex, and the request
+/// What the parts of the service share: the stores behind one mutex, and the request
 /// handlers the router dispatches to once it has checked the device and its credentials.
 #ifndef VEXO_CLOUD_SERVICE_CORE_H
 #define VEXO_CLOUD_SERVICE_CORE_H
 
 #include <cstdint>
-#include <map>
+#include <memory>
 #include <mutex>
 #include <string>
-#include <vector>
 
 #include "cloud_service.h"
+#include "data_lock.h"
 #include "device_state.h"
-#include "recording_index.h"
+#include "media_store.h"
+#include "metadata_store.h"
 
 namespace vexo_cloud {
 
-constexpr char kAlarmsDirectory[] = "alarms";
-constexpr char kEventsFile[] = "events.jsonl";
-
-/// A known device: its state as on disk, its recordings index, the gaps it reported and its
-/// next alarm number.
-struct DeviceEntry {
-    DeviceState state;
-    std::map<uint32_t, RecordingState> recordings;
-    std::vector<Gap> gaps; ///< by time
-    uint64_t next_alarm = 1;
-};
-
 struct ServiceCore {
     Options options;
-    /// Guards devices and every file write below a device directory except media uploads
-    /// and alarm files, which are written to names no one else writes.
+    /// Held for the service's life: no other program writes the data directory meanwhile.
+    /// Declared first, so it is let go last.
+    std::unique_ptr<DataLock> lock;
+    /// Guards metadata and next_alarm. Media bytes are written outside it, to temporary
+    /// objects of their own; only their commit takes it.
     mutable std::mutex mutex;
-    std::map<std::string, DeviceEntry> devices;
+    std::unique_ptr<MetadataStore> metadata;
+    std::unique_ptr<MediaStore> media;
+    int64_t next_alarm = 1;
 
     uint32_t now() const { return options.clock(); }
     /// One line of the service's log, to options.log or else stderr. Call it without the
     /// mutex: options.log is the embedder's code.
     void log(const std::string &line) const;
-    std::string device_dir(const std::string &device) const {
-        return options.data_dir + "/" + device;
-    }
 };
 
 /// The service's state behind the public class.
@@ -48,17 +39,33 @@ struct Service::Impl {
     ServiceCore core;
 };
 
+// ---- start-up (the constructor runs them in this order) ----
+
+/// Imports a data directory of the JSON layout into the metadata store, once: what cannot
+/// be read is quarantined and logged, the rest imported.
+void import_json_layout(ServiceCore &core);
+
+/// Quarantines stored rows that do not read back, and repairs a device whose stored order
+/// is out of range (it gets the default order); each logged.
+void quarantine_damaged_state(ServiceCore &core);
+
+/// Removes temporary media objects, adopts media files that were committed but whose row
+/// was not, and drops the rows of media files that are gone; each logged.
+void reconcile_media(ServiceCore &core);
+
 // ---- the device registry (the caller holds core.mutex) ----
 
-/// Reads every device directory of the data directory into core.devices; throws
-/// std::runtime_error naming a file that cannot be read.
-void load_devices(ServiceCore &core);
+/// The device's state; nullopt for an unknown device.
+std::optional<DeviceState> find_device(const ServiceCore &core, const std::string &device);
 
-/// Makes a new device with order, on disk first; throws FileError.
-DeviceEntry &create_device(ServiceCore &core, const std::string &device, const Order &order);
+/// The state of a device the router found known; throws std::out_of_range otherwise.
+DeviceState known_device(const ServiceCore &core, const std::string &device);
+
+/// Makes a new device with order.
+void create_device(ServiceCore &core, const std::string &device, const Order &order);
 
 // ---- request handlers: the device is valid, known and authenticated ----
-// Each takes the mutex itself; FileError and other exceptions reach the router.
+// Each takes the mutex itself; FileError, StoreError and other exceptions reach the router.
 
 /// GET storage/config and storage/restriction.
 Response answer_storage_config(ServiceCore &core, const std::string &device);
@@ -73,8 +80,9 @@ Response answer_api_call(ServiceCore &core, const std::string &device, const std
 Response store_media_upload(ServiceCore &core, const std::string &device,
                             const std::string &file_name, const std::string &body);
 
-/// PUT media/<file_name>, the body read as it is stored: nothing shows under the file's name
-/// unless exactly content_length bytes arrived and were stored.
+/// PUT media/<file_name>, the body read as it is stored: only for a recording whose start
+/// was notified; nothing shows under the file's name unless exactly content_length bytes
+/// arrived and were stored; a name stored already takes only the same bytes again.
 Response stream_media_upload(ServiceCore &core, const std::string &device,
                              const std::string &file_name, uint64_t content_length,
                              const BodyReader &read_body);

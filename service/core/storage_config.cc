@@ -21,7 +21,7 @@ constexpr char kAddressPrefix[] = "media";
 
 Response answer_storage_config(ServiceCore &core, const std::string &device) {
     std::lock_guard<std::mutex> lock(core.mutex);
-    const DeviceState &state = core.devices.at(device).state;
+    const DeviceState state = known_device(core, device);
     const Order &order = state.order;
     if (order.expired) {
         return error_answer(kGone, "order expired");
@@ -39,7 +39,7 @@ Response answer_storage_config(ServiceCore &core, const std::string &device) {
 
 Response answer_storage_restriction(ServiceCore &core, const std::string &device) {
     std::lock_guard<std::mutex> lock(core.mutex);
-    const Order &order = core.devices.at(device).state.order;
+    const Order order = known_device(core, device).order;
     return json_answer(kOk, Json{{"eventDuration", order.event_duration},
                                  {"sliceDuration", order.slice_duration}});
 }

@@ -17,6 +17,7 @@
 #include <set>
 #include <sstream>
 
+#include "data_snapshot.h"
 #include "e2e_support.h"
 #include "network_cloud.h"
 #include "scripted_cloud.h"
@@ -76,22 +77,9 @@ std::string config_answers(int status) {
     return "GET " + kConfigPath + " -> " + std::to_string(status);
 }
 
-/// Every file and directory below dir with the files' contents.
+/// Every file and directory below dir with the files' contents, the database as its rows.
 std::map<std::string, std::string> snapshot(const std::string &dir) {
-    std::map<std::string, std::string> entries;
-    std::error_code ec;
-    for (fs::recursive_directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
-        const std::string name = fs::relative(it->path(), dir).string();
-        if (it->is_directory()) {
-            entries[name] = "<directory>";
-        } else {
-            std::ifstream in(it->path(), std::ios::binary);
-            std::stringstream text;
-            text << in.rdbuf();
-            entries[name] = text.str();
-        }
-    }
-    return entries;
+    return test_support::data_snapshot(dir);
 }
 
 class NetworkCloudTest : public ::testing::Test {

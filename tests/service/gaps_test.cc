@@ -104,34 +104,5 @@ TEST_F(GapReportTest, BadReportsAndBadCredentialsAreRefusedAndChangeNothing) {
     EXPECT_EQ(service->gaps("cam1").size(), 1u);
 }
 
-TEST_F(GapReportTest, ADamagedGapsFileIsReportedAndLeftAlone) {
-    {
-        auto service = start_service();
-        add_device(*service, "cam1");
-        add_device(*service, "cam2");
-        post_gap(*service, gap(kNoon, kNoon + 1, "too old", 1));
-    }
-    const std::string file = dir_ + "/data/cam2/gaps.json";
-    for (const std::string &damaged :
-         {std::string("{\"gaps\":["), std::string(R"({"gaps":[{"from":5,"to":4}]})")}) {
-        std::ofstream(file, std::ios::trunc) << damaged;
-        try {
-            start_service();
-            ADD_FAILURE() << "accepted " << damaged;
-        } catch (const std::runtime_error &e) {
-            EXPECT_NE(std::string(e.what()).find(file), std::string::npos) << e.what();
-        }
-        // Asked to, a reader skips the damaged file, says which, and reads the others.
-        std::vector<std::string> lines;
-        EXPECT_EQ(vexo_cloud::read_gaps(dir_ + "/data", "", &lines).size(), 1u);
-        ASSERT_EQ(lines.size(), 1u);
-        EXPECT_EQ(lines[0].rfind(file + ": ", 0), 0u) << lines[0];
-        std::ifstream in(file, std::ios::binary);
-        std::ostringstream text;
-        text << in.rdbuf();
-        EXPECT_EQ(text.str(), damaged);
-    }
-}
-
 } // namespace
 } // namespace service_test

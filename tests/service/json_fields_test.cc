@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "service/core/json_fields.h"
+#include "service/store/json_fields.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "service/core/recording_listing.h"
+#include "service/store/recording_listing.h"
 
 namespace {
 

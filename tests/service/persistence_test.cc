@@ -1,13 +1,12 @@
 /// State on disk: a new service on the same data directory carries on where the last one
-/// stopped, read_recordings reads the index without a service (and, when asked, lists
-/// recordings whose recording.json is damaged), and damaged state files are reported instead
-/// of being used or overwritten.
+/// stopped, and read_recordings reads the index without a service.
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
 #include "service/core/key_crypto.h"
 #include "service_fixture.h"
+#include "sqlite_metadata_store.h"
 
 namespace service_test {
 namespace {
@@ -70,12 +69,15 @@ TEST_F(ServicePersistenceTest, NewServiceReadsBackOrdersKeysAllowanceAndRecordin
     EXPECT_EQ(first.files[1].bytes, 2u);
     EXPECT_EQ(recordings[1].end_time, kNoon + 90);
 
-    // The device file keeps the key history.
-    const Json device = Json::parse(std::ifstream(dir_ + "/data/cam1/device.json"));
-    ASSERT_EQ(device["keyHistory"].size(), 1u);
-    EXPECT_EQ(device["keyHistory"][0]["key"], key);
-    EXPECT_EQ(device["keyHistory"][0]["md5"], md5_hex(key));
-    EXPECT_EQ(device["keyHistory"][0]["issued"], kNoon);
+    // The store keeps the key history.
+    service.reset();
+    vexo_cloud::SqliteMetadataStore store(dir_ + "/data/vexo-cloud.db", true);
+    const auto device = store.device("cam1");
+    ASSERT_TRUE(device.has_value());
+    ASSERT_EQ(device->key_history.size(), 1u);
+    EXPECT_EQ(device->key_history[0].key, key);
+    EXPECT_EQ(device->key_history[0].md5, md5_hex(key));
+    EXPECT_EQ(device->key_history[0].issued, kNoon);
 }
 
 TEST_F(ServicePersistenceTest, ReadRecordingsWorksWithoutAService) {
@@ -86,128 +88,28 @@ TEST_F(ServicePersistenceTest, ReadRecordingsWorksWithoutAService) {
         start(*service, "cam2", kNoon + 1, kNoKeyMd5);
         start(*service, "cam1", kNoon, kNoKeyMd5);
         put_media(*service, "cam1", "1710072000_0000.media", "abc");
-        // Uploads of a recording whose start was never notified still show.
-        put_media(*service, "cam1", "1710000000_0000.media", "z");
+        // Uploads of a recording whose start was never notified are refused.
+        EXPECT_EQ(put_media(*service, "cam1", "1710000000_0000.media", "z").status, 409);
     }
     const std::string data = dir_ + "/data";
-    // What an interrupted upload or another program leaves beside the files is not listed.
-    write(data + "/cam1/1710072000/.1710072000_0001.media.tmp-Ab12Cd", "partial");
+    // What another program leaves beside the files is not listed: the database is.
     write(data + "/cam1/1710072000/notes.txt", "n");
     fs::create_directory(data + "/cam1/0123");
 
     const auto all = vexo_cloud::read_recordings(data, "");
-    ASSERT_EQ(all.size(), 3u);
+    ASSERT_EQ(all.size(), 2u);
     EXPECT_EQ(all[0].device, "cam1");
-    EXPECT_EQ(all[0].start_time, 1710000000u);
-    EXPECT_EQ(all[0].key, "");
-    EXPECT_EQ(all[1].start_time, kNoon);
-    ASSERT_EQ(all[1].files.size(), 1u);
-    EXPECT_EQ(all[1].files[0].name, "1710072000_0000.media");
-    EXPECT_EQ(all[1].files[0].bytes, 3u);
-    EXPECT_EQ(all[2].device, "cam2");
+    EXPECT_EQ(all[0].start_time, kNoon);
+    EXPECT_EQ(all[0].directory, data + "/cam1/1710072000");
+    ASSERT_EQ(all[0].files.size(), 1u);
+    EXPECT_EQ(all[0].files[0].name, "1710072000_0000.media");
+    EXPECT_EQ(all[0].files[0].bytes, 3u);
+    EXPECT_EQ(all[1].device, "cam2");
 
     EXPECT_EQ(vexo_cloud::read_recordings(data, "cam2").size(), 1u);
     EXPECT_TRUE(vexo_cloud::read_recordings(data, "nobody").empty());
     EXPECT_THROW(vexo_cloud::read_recordings(data, "../cam1"), std::invalid_argument);
     EXPECT_THROW(vexo_cloud::read_recordings(dir_ + "/missing", ""), std::runtime_error);
-}
-
-TEST_F(ServicePersistenceTest, TolerantReadListsRecordingsWhoseMetadataIsDamaged) {
-    std::string key;
-    {
-        auto service = start_service();
-        add_device(*service, "cam1");
-        key = start(*service, "cam1", kNoon, kNoKeyMd5)["encryptKey"];
-        start(*service, "cam1", kNoon + 60, md5_hex(key));
-        start(*service, "cam1", kNoon + 120, md5_hex(key));
-        put_media(*service, "cam1", "1710072060_0000.media", "abcd");
-        put_media(*service, "cam1", "1710000000_0000.media", "z");
-    }
-    const std::string data = dir_ + "/data";
-    const std::string cut = data + "/cam1/1710072060/recording.json";
-    const std::string unreadable = data + "/cam1/1710072120/recording.json";
-    const std::string cut_text = "{\"startTime\":1710072060,";
-    write(cut, cut_text);
-    // A recording.json that open() accepts and read() refuses, whoever runs the test.
-    ASSERT_TRUE(fs::remove(unreadable));
-    ASSERT_TRUE(fs::create_directory(unreadable));
-
-    std::vector<std::string> damaged{"kept"};
-    const auto all = vexo_cloud::read_recordings(data, "cam1", &damaged);
-    ASSERT_EQ(all.size(), 4u);
-    // Uploads without a start notification are not damage.
-    EXPECT_EQ(all[0].start_time, 1710000000u);
-    EXPECT_EQ(all[1].start_time, kNoon);
-    EXPECT_EQ(all[1].key, key);
-    EXPECT_EQ(Json::parse(all[1].payload_info)["vWide"], 640);
-    const vexo_cloud::Recording &listed = all[2];
-    EXPECT_EQ(listed.start_time, kNoon + 60);
-    EXPECT_EQ(listed.directory, data + "/cam1/1710072060");
-    EXPECT_EQ(listed.end_time, 0u);
-    EXPECT_EQ(listed.key, "");
-    EXPECT_EQ(listed.key_md5, "");
-    EXPECT_EQ(listed.payload_info, "");
-    ASSERT_EQ(listed.files.size(), 1u);
-    EXPECT_EQ(listed.files[0].name, "1710072060_0000.media");
-    EXPECT_EQ(listed.files[0].bytes, 4u);
-    EXPECT_EQ(all[3].start_time, kNoon + 120);
-    EXPECT_EQ(all[3].key, "");
-
-    ASSERT_EQ(damaged.size(), 3u) << "lines are appended, one per damaged recording";
-    EXPECT_EQ(damaged[0], "kept");
-    EXPECT_EQ(damaged[1], cut + ": not a JSON object");
-    EXPECT_EQ(damaged[2].rfind(unreadable + ": cannot be read: ", 0), 0u) << damaged[2];
-
-    // Nothing was repaired, and the strict forms still refuse the directory.
-    std::ifstream in(cut, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    EXPECT_EQ(text.str(), cut_text);
-    EXPECT_THROW(vexo_cloud::read_recordings(data, "cam1"), std::runtime_error);
-    EXPECT_THROW(vexo_cloud::read_recordings(data, "", nullptr), std::runtime_error);
-}
-
-TEST_F(ServicePersistenceTest, DamagedStateFilesAreReportedAndLeftAlone) {
-    {
-        auto service = start_service();
-        add_device(*service, "cam1");
-        start(*service, "cam1", kNoon, kNoKeyMd5);
-    }
-    const std::string device_file = dir_ + "/data/cam1/device.json";
-    const std::string recording_file = dir_ + "/data/cam1/1710072000/recording.json";
-    const std::string good_device = Json::parse(std::ifstream(device_file)).dump();
-    const std::string good_recording = Json::parse(std::ifstream(recording_file)).dump();
-
-    Json wrong_md5 = Json::parse(good_device);
-    wrong_md5["keyMd5"] = md5_hex("something else");
-    Json bad_order = Json::parse(good_device);
-    bad_order["order"]["sliceDuration"] = 1000;
-    const std::string damaged_devices[] = {good_device.substr(0, good_device.size() / 2), "[]",
-                                           wrong_md5.dump(), bad_order.dump(), ""};
-    for (const std::string &damaged : damaged_devices) {
-        write(device_file, damaged);
-        try {
-            start_service();
-            ADD_FAILURE() << "accepted: " << damaged;
-        } catch (const std::runtime_error &e) {
-            EXPECT_NE(std::string(e.what()).find("device.json"), std::string::npos) << e.what();
-        }
-        std::ifstream in(device_file, std::ios::binary);
-        std::ostringstream text;
-        text << in.rdbuf();
-        EXPECT_EQ(text.str(), damaged);
-    }
-    write(device_file, good_device);
-
-    Json moved = Json::parse(good_recording);
-    moved["startTime"] = kNoon + 1;
-    for (const std::string &damaged : {std::string("{\"startTime\":"), moved.dump()}) {
-        write(recording_file, damaged);
-        EXPECT_THROW(start_service(), std::runtime_error);
-        EXPECT_THROW(vexo_cloud::read_recordings(dir_ + "/data", "cam1"), std::runtime_error);
-    }
-    write(recording_file, good_recording);
-    EXPECT_EQ(start_service()->recordings("cam1").size(), 1u);
 }
 
 } // namespace

@@ -4,6 +4,8 @@
 #include <fstream>
 
 #include "service/core/key_crypto.h"
+#include <sqlite3.h>
+
 #include "service_fixture.h"
 
 namespace service_test {
@@ -32,12 +34,14 @@ class ReplayTest : public ServiceTest {
             key_ = start(*service, "cam1", clock_, kNoKeyMd5)["encryptKey"];
             clock_ = now;
         }
-        const std::string path = dir_ + "/data/cam1/device.json";
-        Json device = Json::parse(std::ifstream(path));
-        device["keyHistory"].insert(
-            device["keyHistory"].begin(),
-            Json{{"key", kOldKey}, {"md5", md5_hex(kOldKey)}, {"issued", 1}});
-        std::ofstream(path, std::ios::trunc) << device.dump();
+        // The key before it goes in front of the history, in the database itself.
+        const std::string sql = "UPDATE key_history SET seq = seq + 1000 WHERE device = 'cam1';"
+                                "INSERT INTO key_history VALUES('cam1', 0, '" +
+                                std::string(kOldKey) + "', '" + md5_hex(kOldKey) + "', 1);";
+        sqlite3 *db = nullptr;
+        EXPECT_EQ(sqlite3_open((dir_ + "/data/vexo-cloud.db").c_str(), &db), SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
+        sqlite3_close(db);
         vexo_cloud::Options options = this->options();
         options.log = [this](const std::string &line) { log_.push_back(line); };
         return start_service(options);

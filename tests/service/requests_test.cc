@@ -7,6 +7,7 @@
 
 #include "service/core/base64.h"
 #include "service_fixture.h"
+#include "sqlite_metadata_store.h"
 
 namespace service_test {
 namespace {
@@ -183,6 +184,9 @@ TEST_F(ServiceRequestsTest, TokensAreCheckedPerDevice) {
         EXPECT_EQ(service->handle(r).status, 401) << r.headers.count("authorization");
     }
     EXPECT_EQ(snapshot(), before);
+    const Request announce = request("POST", std::string("/v1/api/") + kStartApi + "?v=1.0", "cam1",
+                                     start_body(kNoon, kNoKeyMd5));
+    EXPECT_EQ(service->handle(with_token(announce, "Bearer secret-1")).status, 200);
     EXPECT_EQ(service->handle(with_token(put, "Bearer secret-1")).status, 200);
     EXPECT_EQ(service
                   ->handle(with_token(request("GET", "/v1/devices/cam2/storage/config", "cam2"),
@@ -228,31 +232,56 @@ TEST_F(ServiceRequestsTest, StopClosesTheRecordingAndReportsAreLogged) {
 
     EXPECT_EQ(body_of(call_api(*service, "cam1", kReportApi, R"({"a":1})"))["success"], true);
     EXPECT_EQ(body_of(call_api(*service, "cam1", kReportApi, R"({"b":"two"})"))["success"], true);
-    EXPECT_EQ(read_all(dir_ + "/data/cam1/events.jsonl"), "{\"a\":1}\n{\"b\":\"two\"}\n");
+    service.reset();
+    vexo_cloud::SqliteMetadataStore store(dir_ + "/data/vexo-cloud.db", true);
+    EXPECT_EQ(store.events("cam1"), (std::vector<std::string>{R"({"a":1})", R"({"b":"two"})"}));
 }
 
-TEST_F(ServiceRequestsTest, UploadIsStoredUnderItsRecordingAndReplacedWhole) {
+TEST_F(ServiceRequestsTest, UploadsNeedAnAnnouncedRecordingAndAStoredNameTakesOnlyItsBytes) {
     auto service = start_service();
     vexo_cloud::OrderChange expire;
     expire.expired = true;
     std::string error;
     ASSERT_TRUE(service->set_order("cam1", expire, &error));
     const std::string dir = dir_ + "/data/cam1/1710072000";
-    // Accepted without a start notification and with an expired order.
-    ASSERT_EQ(put_media(*service, "cam1", "1710072000_0000.media", "first version").status, 200);
-    ASSERT_EQ(put_media(*service, "cam1", "1710072000_0000.media", "second").status, 200);
-    EXPECT_EQ(read_all(dir + "/1710072000_0000.media"), "second");
+    const char *name = "1710072000_0000.media";
+    // Nothing is taken for a recording never announced.
+    const Response unannounced = put_media(*service, "cam1", name, "first version");
+    EXPECT_EQ(unannounced.status, 409);
+    EXPECT_NE(body_of(unannounced)["error"].get<std::string>().find("start notification"),
+              std::string::npos);
+    EXPECT_FALSE(fs::exists(dir));
+    // Announced, and with an expired order, it is.
+    start(*service, "cam1", kNoon, kNoKeyMd5);
+    struct Case {
+        const char *bytes;
+        int32_t status;
+    };
+    const Case cases[] = {
+        {"first version", 200},
+        {"first version", 200}, // replayed by the device: the same bytes
+        {"first versioN", 409}, // same size, other bytes
+        {"second", 409},        // other size
+        {"", 409},
+    };
+    for (const Case &c : cases) {
+        const Response response = put_media(*service, "cam1", name, c.bytes);
+        EXPECT_EQ(response.status, c.status) << c.bytes << ": " << response.body;
+        EXPECT_EQ(read_all(dir + "/" + name), "first version") << c.bytes;
+    }
     std::vector<std::string> names;
     for (const auto &entry : fs::directory_iterator(dir)) {
         names.push_back(entry.path().filename().string());
     }
-    EXPECT_EQ(names, std::vector<std::string>{"1710072000_0000.media"});
+    EXPECT_EQ(names, std::vector<std::string>{name});
 
-    // A write that cannot complete leaves neither a partial file nor a temporary one.
+    // A write that cannot complete leaves neither a partial file nor a temporary one, and its
+    // answer names no server path.
     fs::create_directory(dir + "/1710072000_0001.media");
     const Response failed = put_media(*service, "cam1", "1710072000_0001.media", "data");
     EXPECT_EQ(failed.status, 500) << failed.body;
     EXPECT_TRUE(body_of(failed).contains("error"));
+    EXPECT_EQ(failed.body.find(dir_), std::string::npos) << failed.body;
     EXPECT_TRUE(fs::is_directory(dir + "/1710072000_0001.media"));
     size_t entries = 0;
     for (const auto &entry : fs::directory_iterator(dir)) {
@@ -261,6 +290,7 @@ TEST_F(ServiceRequestsTest, UploadIsStoredUnderItsRecordingAndReplacedWhole) {
         ++entries;
     }
     EXPECT_EQ(entries, 2u);
+    EXPECT_TRUE(fs::is_empty(dir_ + "/data/.incoming~"));
 }
 
 TEST_F(ServiceRequestsTest, AlarmsAreStoredWithTheirPictures) {

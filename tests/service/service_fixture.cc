@@ -1,6 +1,8 @@
 /// The cloud service test fixture.
 #include "service_fixture.h"
 
+#include "data_snapshot.h"
+
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
@@ -123,20 +125,7 @@ vexo_cloud::Recording ServiceTest::recording(vexo_cloud::Service &service,
 }
 
 std::map<std::string, std::string> ServiceTest::snapshot() const {
-    std::map<std::string, std::string> entries;
-    std::error_code ec;
-    for (fs::recursive_directory_iterator it(dir_, ec), end; !ec && it != end; it.increment(ec)) {
-        const std::string name = fs::relative(it->path(), dir_).string();
-        if (it->is_directory()) {
-            entries[name] = "<directory>";
-            continue;
-        }
-        std::ifstream in(it->path(), std::ios::binary);
-        std::ostringstream content;
-        content << in.rdbuf();
-        entries[name] = content.str();
-    }
-    return entries;
+    return test_support::data_snapshot(dir_);
 }
 
 std::vector<std::pair<std::string, std::string>> ServiceTest::published() const {

@@ -61,7 +61,8 @@ class ServiceTest : public ::testing::Test {
     static vexo_cloud::Recording recording(vexo_cloud::Service &service, const std::string &device,
                                            uint32_t start_time);
 
-    /// Every file and directory below the data directory with the files' contents.
+    /// Every file and directory below the data directory with the files' contents, the
+    /// database as its rows.
     std::map<std::string, std::string> snapshot() const;
 
     std::vector<std::pair<std::string, std::string>> published() const;

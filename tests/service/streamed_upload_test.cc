@@ -48,6 +48,7 @@ class StreamedUploadTest : public ServiceTest {
 TEST_F(StreamedUploadTest, WholeBodyShowsUnderItsNameOnlyAtTheEnd) {
     auto service = start_service();
     add_device(*service, "cam1");
+    start(*service, "cam1", kNoon, kNoKeyMd5);
     const std::string media = dir_ + "/data/cam1/1710072000/" + kName;
     PieceReader body;
     body.pieces = {std::string("ab\0c", 4), std::string(70000, 'x'), "end"};
@@ -73,6 +74,7 @@ TEST_F(StreamedUploadTest, WholeBodyShowsUnderItsNameOnlyAtTheEnd) {
 TEST_F(StreamedUploadTest, ShortLongOrCutBodiesLeaveNothing) {
     auto service = start_service();
     add_device(*service, "cam1");
+    start(*service, "cam1", kNoon, kNoKeyMd5);
     const auto before = snapshot();
     struct Case {
         const char *what;
@@ -134,6 +136,8 @@ TEST_F(StreamedUploadTest, OtherRequestsAreReadWholeWithinTheLimit) {
     const auto too_long = service->handle_streamed(alarm, 10, ok.reader());
     EXPECT_EQ(too_long.status, 413);
 
+    // One service at a time on a data directory: the first one goes before the second.
+    service.reset();
     vexo_cloud::Options roomy = options();
     auto second = start_service(std::move(roomy));
     PieceReader again;

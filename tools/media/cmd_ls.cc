@@ -6,7 +6,7 @@
 #include "catalog.h"
 #include "cli_args.h"
 #include "commands.h"
-#include "service/core/recording_listing.h"
+#include "service/store/recording_listing.h"
 #include "tool_error.h"
 
 namespace vexo_tool {

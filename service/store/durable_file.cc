@@ -59,16 +59,6 @@ void write_all(int fd, const char *data, size_t size, const std::string &path) {
     }
 }
 
-void sync_directory(const std::string &path) {
-    Descriptor dir(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (dir.get() < 0) {
-        fail("cannot open directory", path, errno);
-    }
-    if (::fsync(dir.get()) != 0) {
-        fail("cannot sync directory", path, errno);
-    }
-}
-
 std::string parent_of(const std::string &path) {
     const size_t slash = path.find_last_of('/');
     if (slash == std::string::npos) {
@@ -80,6 +70,16 @@ std::string parent_of(const std::string &path) {
 } // namespace
 
 // ---- exported calls ------------------------------------------------------------------------
+
+void sync_directory(const std::string &path) {
+    Descriptor dir(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (dir.get() < 0) {
+        fail("cannot open directory", path, errno);
+    }
+    if (::fsync(dir.get()) != 0) {
+        fail("cannot sync directory", path, errno);
+    }
+}
 
 FileError::FileError(const std::string &what, int error_number)
     : std::runtime_error(what), error_number_(error_number) {}

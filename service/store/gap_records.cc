@@ -1,5 +1,5 @@
-/// Gap reports: parsing a posted gap, the gaps file written and read back.
-#include "gap_store.h"
+/// Gap reports: parsing a posted gap, and gaps files of the JSON layout read back.
+#include "gap_records.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -10,7 +10,7 @@
 
 #include "durable_file.h"
 #include "json_fields.h"
-#include "recording_index.h"
+#include "media_names.h"
 
 namespace vexo_cloud {
 
@@ -31,10 +31,6 @@ bool valid_reason(const std::string &reason) {
 
 bool earlier(const Gap &a, const Gap &b) {
     return std::tie(a.from, a.to, a.reason, a.bytes) < std::tie(b.from, b.to, b.reason, b.bytes);
-}
-
-Json gap_to_json(const Gap &gap) {
-    return Json{{"from", gap.from}, {"to", gap.to}, {"reason", gap.reason}, {"bytes", gap.bytes}};
 }
 
 /// The gap a JSON object describes; nullopt with *error naming what is wrong.
@@ -80,24 +76,6 @@ bool same_gap(const Gap &a, const Gap &b) {
     return !earlier(a, b) && !earlier(b, a);
 }
 
-std::optional<std::vector<Gap>> with_gap(const std::vector<Gap> &gaps, const Gap &gap) {
-    const auto at = std::lower_bound(gaps.begin(), gaps.end(), gap, earlier);
-    if (at != gaps.end() && same_gap(*at, gap)) {
-        return std::nullopt;
-    }
-    std::vector<Gap> next = gaps;
-    next.insert(next.begin() + (at - gaps.begin()), gap);
-    return next;
-}
-
-void save_gaps(const std::string &device_dir, const std::vector<Gap> &gaps) {
-    Json list = Json::array();
-    for (const Gap &gap : gaps) {
-        list.push_back(gap_to_json(gap));
-    }
-    write_file_atomic(device_dir, kGapsFile, to_text(Json{{"gaps", list}}, 2) + "\n");
-}
-
 std::vector<Gap> load_gaps(const std::string &device_dir, const std::string &device) {
     const std::string path = device_dir + "/" + kGapsFile;
     std::string text;
@@ -128,15 +106,8 @@ std::vector<Gap> load_gaps(const std::string &device_dir, const std::string &dev
     return gaps;
 }
 
-std::vector<Gap> read_gaps(const std::string &data_dir, const std::string &device,
-                           std::vector<std::string> *damaged) {
-    if (!device.empty() && !valid_device_id(device)) {
-        throw std::invalid_argument("invalid device id: " + device);
-    }
-    std::error_code ec;
-    if (!std::filesystem::is_directory(data_dir, ec)) {
-        throw FileError("not a directory: " + data_dir, ENOTDIR);
-    }
+std::vector<Gap> read_legacy_gaps(const std::string &data_dir, const std::string &device,
+                                  std::vector<std::string> *damaged) {
     const std::vector<std::string> devices =
         device.empty() ? device_directories(data_dir) : std::vector<std::string>{device};
     std::vector<Gap> gaps;

@@ -6,7 +6,7 @@
 #include <ctime>
 #include <map>
 
-#include "recording_index.h"
+#include "media_names.h"
 
 namespace vexo_cloud {
 

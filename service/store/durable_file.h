@@ -25,6 +25,9 @@ class FileError : public std::runtime_error {
 /// false when it was already there; throws FileError otherwise.
 bool make_directory(const std::string &path);
 
+/// Fsyncs a directory, so that names created or removed in it last; throws FileError.
+void sync_directory(const std::string &path);
+
 /// A file written piece by piece that appears under its name only when committed: the
 /// pieces go to a temporary name in dir (a dot name, skipped by the service's listings);
 /// commit() syncs it, renames it over target_dir/name (target_dir on the same file system,

@@ -1,0 +1,33 @@
+/// The media store on the local file system: object "a/b/c" is the file <root>/a/b/c, so
+/// tools read media files where they always were. Uploads are written under
+/// <root>/.incoming~/, fsync'ed, then renamed into place (never over a file) and the
+/// directories fsync'ed: a killed process leaves whole files or none under the real names.
+#ifndef VEXO_CLOUD_FS_MEDIA_STORE_H
+#define VEXO_CLOUD_FS_MEDIA_STORE_H
+
+#include "media_store.h"
+
+namespace vexo_cloud {
+
+class FsMediaStore : public MediaStore {
+  public:
+    /// root exists. Objects are the files two directories below root's device directories.
+    explicit FsMediaStore(std::string root);
+
+    bool valid_name(const std::string &name) const override;
+    std::unique_ptr<MediaUpload> begin(const std::string &name) override;
+    bool read(const std::string &name, const MediaSink &sink) override;
+    std::optional<uint64_t> size(const std::string &name) override;
+    bool remove(const std::string &name) override;
+    std::string set_aside(const std::string &name) override;
+    std::vector<MediaObject> list() override;
+    std::string local_path(const std::string &name) const override;
+    size_t sweep_temporary() override;
+
+  private:
+    std::string root_;
+};
+
+} // namespace vexo_cloud
+
+#endif

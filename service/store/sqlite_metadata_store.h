@@ -1,0 +1,67 @@
+/// The metadata store in one SQLite database file (WAL mode, so readers such as vexo-media
+/// never wait for the service). The schema is created and brought up to date at open.
+#ifndef VEXO_CLOUD_SQLITE_METADATA_STORE_H
+#define VEXO_CLOUD_SQLITE_METADATA_STORE_H
+
+#include <memory>
+#include <string>
+
+#include "metadata_store.h"
+
+namespace vexo_cloud {
+
+class SqliteDb;
+
+class SqliteMetadataStore : public MetadataStore {
+  public:
+    /// Opens or creates the database at path. read_only: opens an existing one without
+    /// changing it (no schema upgrade). Throws StoreError, also for a database of a newer
+    /// schema than this program knows.
+    SqliteMetadataStore(const std::string &path, bool read_only);
+    ~SqliteMetadataStore() override;
+
+    void transaction(const std::function<void()> &work) override;
+    std::optional<std::string> setting(const std::string &name) override;
+    void put_setting(const std::string &name, const std::string &value) override;
+
+    std::vector<std::string> device_ids() override;
+    std::optional<DeviceState> device(const std::string &device) override;
+    void put_device(const std::string &device, const DeviceState &state) override;
+
+    std::optional<RecordingRow> recording(const std::string &device, uint32_t start_time) override;
+    void put_recording(const RecordingRow &recording) override;
+    std::vector<RecordingRow> recordings(const std::string &device) override;
+    std::optional<MediaRow> media(const std::string &device, const std::string &name) override;
+    void put_media(const MediaRow &media) override;
+    void remove_media(const std::string &device, const std::string &name) override;
+    std::vector<MediaRow> media_files(const std::string &device) override;
+
+    int64_t last_alarm_id() override;
+    void add_alarm(const AlarmRow &alarm) override;
+    std::vector<AlarmRow> alarms(const std::string &device) override;
+    void remove_alarm(int64_t id) override;
+    bool add_gap(const Gap &gap) override;
+    std::vector<Gap> gaps(const std::string &device) override;
+    void add_event(const std::string &device, uint32_t received, const std::string &json) override;
+    std::vector<std::string> events(const std::string &device) override;
+
+    DeviceLimits limits(const std::string &device) override;
+    void put_limits(const std::string &device, const DeviceLimits &limits) override;
+    DeviceUsage usage(const std::string &device) override;
+    uint64_t alarm_count(const std::string &device, uint32_t from, uint32_t to) override;
+    std::vector<RecordingUsage> oldest_recordings(const std::string &device, size_t limit) override;
+
+    void quarantine(const QuarantineRow &row) override;
+    std::vector<QuarantineRow> quarantined() override;
+    std::vector<QuarantineRow> quarantine_damaged_rows(uint32_t at) override;
+
+  private:
+    void create_schema();
+
+    std::unique_ptr<SqliteDb> db_;
+    bool in_transaction_ = false;
+};
+
+} // namespace vexo_cloud
+
+#endif

@@ -1,0 +1,199 @@
+/// The SQLite metadata store on its own: every kind of row written and read back, the
+/// queries a storage policy needs (usage, alarms per day, oldest recordings), transactions
+/// that keep all or nothing, and damaged rows moved to the quarantine.
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <stdexcept>
+
+#include "service_fixture.h"
+#include "sqlite_metadata_store.h"
+
+namespace service_test {
+namespace {
+
+using vexo_cloud::SqliteMetadataStore;
+
+class MetadataStoreTest : public ServiceTest {
+  protected:
+    std::string db_path() const { return dir_ + "/store.db"; }
+
+    static vexo_cloud::RecordingRow recording(const std::string &device, uint32_t start) {
+        vexo_cloud::RecordingRow row;
+        row.device = device;
+        row.start_time = start;
+        // Kept as sent, spacing and member order included.
+        row.payload_info = R"({ "vWide":640,"v":1 })";
+        row.mtu = 10;
+        row.announced_md5 = "0000";
+        row.key = "k";
+        row.key_md5 = "m";
+        return row;
+    }
+    static vexo_cloud::MediaRow media(const std::string &device, uint32_t start, int index,
+                                      uint64_t bytes) {
+        vexo_cloud::MediaRow row;
+        row.device = device;
+        row.start_time = start;
+        row.name = std::to_string(start) + "_" + std::to_string(index) + ".media";
+        row.bytes = bytes;
+        row.sha256 = "ab";
+        row.object = device + "/" + std::to_string(start) + "/" + row.name;
+        return row;
+    }
+    void exec(const std::string &sql) {
+        sqlite3 *db = nullptr;
+        ASSERT_EQ(sqlite3_open(db_path().c_str(), &db), SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sql;
+        sqlite3_close(db);
+    }
+};
+
+TEST_F(MetadataStoreTest, RowsRoundTripAndReopen) {
+    {
+        SqliteMetadataStore store(db_path(), false);
+        vexo_cloud::DeviceState state;
+        state.order.store_mode = "alltime";
+        state.order.daily_events = 7;
+        state.order.aborted = true;
+        state.key = "K1";
+        state.key_md5 = "M1";
+        state.key_history = {{"K0", "M0", 5}, {"K1", "M1", 9}};
+        state.allowance = {20240310, 3};
+        store.put_device("cam1", state);
+        state.key_history.push_back({"K2", "M2", 11}); // the history only grows
+        store.put_device("cam1", state);
+        store.put_recording(recording("cam1", 100));
+        store.put_media(media("cam1", 100, 0, 5));
+        store.add_alarm({1, "cam1", 50, true, "{\"u\":1}", "cam1/alarms/1.jpg", 51});
+        EXPECT_TRUE(store.add_gap({"cam1", 10, 20, "spool full", 99}));
+        EXPECT_FALSE(store.add_gap({"cam1", 10, 20, "spool full", 99}));
+        store.add_event("cam1", 60, "{\"a\":1}");
+        store.put_setting("s", "v");
+    }
+    SqliteMetadataStore store(db_path(), true);
+    const auto state = store.device("cam1");
+    ASSERT_TRUE(state);
+    EXPECT_EQ(state->order.store_mode, "alltime");
+    EXPECT_EQ(state->order.daily_events, 7);
+    EXPECT_TRUE(state->order.aborted);
+    EXPECT_FALSE(state->order.expired);
+    EXPECT_EQ(state->allowance.day, 20240310);
+    EXPECT_EQ(state->allowance.events_started, 3);
+    ASSERT_EQ(state->key_history.size(), 3u);
+    EXPECT_EQ(state->key_history[0].key, "K0");
+    EXPECT_EQ(state->key_history[2].issued, 11u);
+    EXPECT_FALSE(store.device("cam2"));
+    const auto row = store.recording("cam1", 100);
+    ASSERT_TRUE(row);
+    EXPECT_EQ(row->payload_info, R"({ "vWide":640,"v":1 })");
+    EXPECT_TRUE(row->announced);
+    EXPECT_EQ(store.media("cam1", "100_0.media")->object, "cam1/100/100_0.media");
+    ASSERT_EQ(store.alarms("cam1").size(), 1u);
+    EXPECT_EQ(store.alarms("cam1")[0].picture_object, "cam1/alarms/1.jpg");
+    EXPECT_EQ(store.gaps("").size(), 1u);
+    EXPECT_EQ(store.events("cam1"), std::vector<std::string>{"{\"a\":1}"});
+    EXPECT_EQ(store.setting("s"), "v");
+    EXPECT_EQ(store.last_alarm_id(), 1);
+}
+
+TEST_F(MetadataStoreTest, PolicyQueriesCountBytesFilesAlarmsAndFindTheOldest) {
+    SqliteMetadataStore store(db_path(), false);
+    const struct {
+        uint32_t start;
+        std::vector<uint64_t> files;
+    } recordings[] = {{300, {10, 20}}, {100, {1}}, {200, {}}};
+    for (const auto &r : recordings) {
+        store.put_recording(recording("cam1", r.start));
+        for (size_t i = 0; i < r.files.size(); ++i) {
+            store.put_media(media("cam1", r.start, static_cast<int>(i), r.files[i]));
+        }
+    }
+    store.put_recording(recording("cam2", 50));
+    store.put_media(media("cam2", 50, 0, 1000));
+    for (int64_t id = 1; id <= 4; ++id) {
+        store.add_alarm(
+            {id, "cam1", static_cast<uint32_t>(86400 * (id / 3) + 10), false, "", "", 0});
+    }
+    EXPECT_EQ(store.usage("cam1").bytes, 31u);
+    EXPECT_EQ(store.usage("cam1").files, 3u);
+    EXPECT_EQ(store.usage("nobody").files, 0u);
+    EXPECT_EQ(store.alarm_count("cam1", 0, 86400), 2u);
+    EXPECT_EQ(store.alarm_count("cam1", 86400, 2 * 86400), 2u);
+    EXPECT_EQ(store.alarm_count("cam2", 0, 86400), 0u);
+    const auto oldest = store.oldest_recordings("cam1", 2);
+    ASSERT_EQ(oldest.size(), 2u);
+    EXPECT_EQ(oldest[0].start_time, 100u);
+    EXPECT_EQ(oldest[0].bytes, 1u);
+    EXPECT_EQ(oldest[1].start_time, 200u);
+    EXPECT_EQ(oldest[1].files, 0u);
+
+    vexo_cloud::DeviceLimits limits;
+    limits.max_bytes = 1ull << 40;
+    limits.max_alarms_per_day = 5;
+    limits.retention_days = 30;
+    store.put_limits("cam1", limits);
+    const auto back = store.limits("cam1");
+    EXPECT_EQ(back.max_bytes, 1ull << 40);
+    EXPECT_FALSE(back.max_files);
+    EXPECT_EQ(back.max_alarms_per_day, 5u);
+    EXPECT_EQ(back.retention_days, 30u);
+    EXPECT_FALSE(back.retention_bytes);
+    EXPECT_FALSE(store.limits("cam2").max_bytes);
+}
+
+TEST_F(MetadataStoreTest, ATransactionKeepsAllOrNothing) {
+    SqliteMetadataStore store(db_path(), false);
+    EXPECT_THROW(store.transaction([&] {
+        store.put_recording(recording("cam1", 1));
+        throw std::runtime_error("stop");
+    }),
+                 std::runtime_error);
+    EXPECT_FALSE(store.recording("cam1", 1));
+    store.transaction([&] {
+        store.put_recording(recording("cam1", 1));
+        EXPECT_THROW(store.transaction([] {}), vexo_cloud::StoreError);
+    });
+    EXPECT_TRUE(store.recording("cam1", 1));
+}
+
+TEST_F(MetadataStoreTest, DamagedRowsGoToTheQuarantineAndTheRestStays) {
+    {
+        SqliteMetadataStore store(db_path(), false);
+        for (uint32_t start : {1u, 2u, 3u}) {
+            store.put_recording(recording("cam1", start));
+        }
+        store.add_gap({"cam1", 10, 20, "too old", 0});
+        store.add_gap({"cam1", 30, 40, "too old", 0});
+        store.add_alarm({1, "cam1", 5, true, "", "cam1/alarms/1.jpg", 5});
+        store.add_alarm({2, "cam1", 6, true, "", "cam2/alarms/2.jpg", 6});
+    }
+    exec("UPDATE recordings SET payload_info = '{\"v\":' WHERE start_time = 2;"
+         "UPDATE recordings SET payload_info = '[1]' WHERE start_time = 3;"
+         "UPDATE gaps SET to_time = 5 WHERE from_time = 30;");
+    SqliteMetadataStore store(db_path(), false);
+    const auto moved = store.quarantine_damaged_rows(77);
+    ASSERT_EQ(moved.size(), 4u);
+    EXPECT_EQ(moved[0].kind, "recording");
+    EXPECT_EQ(moved[0].start_time, 2u);
+    EXPECT_NE(moved[0].content.find("{\\\"v\\\":"), std::string::npos) << moved[0].content;
+    EXPECT_EQ(moved[2].kind, "gap");
+    EXPECT_EQ(moved[3].kind, "alarm");
+    EXPECT_EQ(moved[3].at, 77u);
+    // The recordings stay, with their keys, as recordings without a start notification.
+    EXPECT_TRUE(store.recording("cam1", 1)->announced);
+    EXPECT_FALSE(store.recording("cam1", 2)->announced);
+    EXPECT_EQ(store.recording("cam1", 3)->key, "k");
+    EXPECT_EQ(store.gaps("cam1").size(), 1u);
+    EXPECT_EQ(store.alarms("cam1").size(), 1u);
+    EXPECT_TRUE(store.quarantine_damaged_rows(78).empty());
+}
+
+TEST_F(MetadataStoreTest, ANewerSchemaOrAMissingFileIsRefused) {
+    { SqliteMetadataStore store(db_path(), false); }
+    exec("PRAGMA user_version = 99");
+    EXPECT_THROW(SqliteMetadataStore(db_path(), false), vexo_cloud::StoreError);
+    EXPECT_THROW(SqliteMetadataStore(dir_ + "/none.db", true), vexo_cloud::StoreError);
+}
+
+} // namespace
+} // namespace service_test
