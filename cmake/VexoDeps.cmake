@@ -65,7 +65,12 @@ if(VEXO_BUILD_HOST)
     find_package(CURL REQUIRED)
     pkg_check_modules(VEXO_MOSQUITTO REQUIRED IMPORTED_TARGET libmosquitto)
     add_library(vexo::mosquitto ALIAS PkgConfig::VEXO_MOSQUITTO)
-    # The cloud service's HTTP server (cpp-httplib, built by Debian with OpenSSL).
+    # The HTTP client of the admin commands and the tests (cpp-httplib, built by Debian with
+    # OpenSSL).
     pkg_check_modules(VEXO_HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
     add_library(vexo::httplib ALIAS PkgConfig::VEXO_HTTPLIB)
+    # The cloud service's HTTP server: Boost.Asio and Boost.Beast (header-only, Debian
+    # libboost-dev) over OpenSSL's libssl for HTTPS.
+    find_package(Boost 1.74 REQUIRED)
+    find_package(OpenSSL REQUIRED COMPONENTS SSL)
 endif()

@@ -3,7 +3,8 @@
 #   - host packages from apt (compilers, CMake, cJSON, OpenSSL, GoogleTest, Google Benchmark,
 #     the arm-linux-gnueabihf cross compiler, qemu-user, clang-format, gcovr; for the host
 #     kit and tools: FFmpeg's libraries and command-line tools, nlohmann-json, pkg-config; for the network cloud: libcurl,
-#     libmosquitto and the mosquitto broker, cpp-httplib);
+#     libmosquitto and the mosquitto broker, cpp-httplib for the tests' and admin commands'
+#     HTTP client, Boost (header-only Asio and Beast) for the service's HTTP server);
 #   - an armhf sysroot with cJSON and OpenSSL's libcrypto, built from the armhf .debs with
 #     `dpkg-deb -x` (no multiarch install: amd64 and armhf versions of Multi-Arch: same
 #     packages can be out of step on the mirrors, which makes apt refuse the install).
@@ -30,6 +31,7 @@ HOST_PACKAGES=(
     pkg-config nlohmann-json3-dev openssl
     ffmpeg libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev
     libcurl4-openssl-dev libmosquitto-dev mosquitto libcpp-httplib-dev
+    libboost-dev
 )
 # armhf packages unpacked into the sysroot; each -dev package is paired with its runtime
 # package at the same version.

@@ -205,5 +205,25 @@ TEST_F(ServicePersistenceTest, DamagedStateFilesAreReportedAndLeftAlone) {
     EXPECT_EQ(start_service()->recordings("cam1").size(), 1u);
 }
 
+TEST_F(ServicePersistenceTest, StatsCountDevicesAndOpenRecordingsAlsoAfterARestart) {
+    {
+        auto service = start_service();
+        EXPECT_EQ(service->stats().devices, 0u);
+        add_device(*service, "cam1");
+        add_device(*service, "cam2");
+        start(*service, "cam1", kNoon, kNoKeyMd5);
+        start(*service, "cam1", kNoon + 60, kNoKeyMd5);
+        start(*service, "cam2", kNoon, kNoKeyMd5);
+        EXPECT_EQ(service->stats().devices, 2u);
+        EXPECT_EQ(service->stats().open_recordings, 3u);
+        call_api(*service, "cam1", kStopApi,
+                 Json{{"startTime", kNoon}, {"endTime", kNoon + 20}}.dump());
+        EXPECT_EQ(service->stats().open_recordings, 2u);
+    }
+    const vexo_cloud::ServiceStats again = start_service()->stats();
+    EXPECT_EQ(again.devices, 2u);
+    EXPECT_EQ(again.open_recordings, 2u);
+}
+
 } // namespace
 } // namespace service_test
