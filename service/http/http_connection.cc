@@ -234,7 +234,7 @@ class HttpConnection final : public Connection,
         }
         head_.method = head.method;
         const size_t question = head.target.find('?');
-        head_.path = head.target.substr(0, question);
+        head_.path = decoded_path(head.target.substr(0, question));
         head_.query = question == std::string::npos ? "" : head.target.substr(question + 1);
         for (const auto &field : request) {
             head_.headers[lower(std::string(field.name_string()))] = std::string(field.value());

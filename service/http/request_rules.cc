@@ -36,6 +36,19 @@ Refusal refusal(int32_t status, const char *reason, std::string message) {
     return Refusal{status, reason, std::move(message)};
 }
 
+int hex_digit(char c) {
+    if (c >= '0' && c <= '9') {
+        return c - '0';
+    }
+    if (c >= 'a' && c <= 'f') {
+        return c - 'a' + 10;
+    }
+    if (c >= 'A' && c <= 'F') {
+        return c - 'A' + 10;
+    }
+    return -1;
+}
+
 std::optional<uint64_t> decimal(const std::string &text) {
     if (text.empty() || text.size() > kMaxLengthDigits) {
         return std::nullopt;
@@ -53,6 +66,22 @@ std::optional<uint64_t> decimal(const std::string &text) {
 } // namespace
 
 // ---- exported calls ------------------------------------------------------------------------
+
+std::string decoded_path(const std::string &path) {
+    std::string out;
+    out.reserve(path.size());
+    for (size_t i = 0; i < path.size(); ++i) {
+        const int high = path[i] == '%' && i + 2 < path.size() ? hex_digit(path[i + 1]) : -1;
+        const int low = high >= 0 ? hex_digit(path[i + 2]) : -1;
+        if (low >= 0) {
+            out += static_cast<char>(high * 16 + low);
+            i += 2;
+        } else {
+            out += path[i];
+        }
+    }
+    return out;
+}
 
 Endpoint endpoint_of(const std::string &path) {
     if (path == kMetricsPath || starts_with(path, kAdminPrefix)) {

@@ -28,6 +28,10 @@ const char *endpoint_label(Endpoint endpoint);
 /// limits.max_alarm_body, everything else limits.max_json_body.
 uint64_t body_limit(Endpoint endpoint, const HttpLimits &limits, uint64_t max_body);
 
+/// A request target's path as the service takes it: %XX sequences decoded (a '%' not
+/// followed by two hexadecimal digits stays as it is; '+' is not a space in a path).
+std::string decoded_path(const std::string &path);
+
 /// A request the server answers itself, with the service's error shape.
 struct Refusal {
     int32_t status = 400;

@@ -51,6 +51,21 @@ TEST(HttpRules, EndpointsOfPaths) {
     EXPECT_STREQ(vexo_cloud::endpoint_label(Endpoint::kOther), "other");
 }
 
+TEST(HttpRules, PathsArePercentDecoded) {
+    const std::pair<const char *, const char *> cases[] = {
+        {"/v1/devices/cam1/storage/config", "/v1/devices/cam1/storage/config"},
+        {"/v1/devices/..%2F..%2Fetc/x", "/v1/devices/../../etc/x"},
+        {"/a%2e%2Eb", "/a..b"},
+        {"/a+b", "/a+b"},
+        {"/100%", "/100%"},
+        {"/%4", "/%4"},
+        {"/%zz%41", "/%zzA"},
+    };
+    for (const auto &[raw, decoded] : cases) {
+        EXPECT_EQ(vexo_cloud::decoded_path(raw), decoded) << raw;
+    }
+}
+
 TEST(HttpRules, HeadsAreRefusedWithTheirStatus) {
     HttpLimits limits;
     limits.max_request_line = 200;
