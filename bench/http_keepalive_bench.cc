@@ -5,13 +5,15 @@
 //
 //   vexo_http_bench [--cloud PATH] [--clients 64] [--seconds 10] [--held 0]
 //
-// --cloud names another build of vexo-cloud to compare with.
+// --cloud names another build of vexo-cloud to compare with. An answer that takes more than
+// 5 s counts as a failure, and the client connects again.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -34,6 +36,8 @@ using Clock = std::chrono::steady_clock;
 
 constexpr char kRequest[] = "GET /v1/devices/cam1/storage/config HTTP/1.1\r\nHost: bench\r\n"
                             "X-Vexo-Device: cam1\r\nAuthorization: Bearer t\r\n\r\n";
+
+constexpr int kAnswerTimeoutS = 5;
 
 uint16_t free_port() {
     const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
@@ -59,6 +63,9 @@ int connect_to(uint16_t port) {
     }
     const int one = 1;
     ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    // An answer that takes longer counts as a failure (a starved server answers never).
+    const timeval patience{kAnswerTimeoutS, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     return fd;
 }
 
