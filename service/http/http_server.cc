@@ -2,6 +2,7 @@
 /// connections, and the orderly stop.
 #include "http_server.h"
 
+#include <boost/asio/bind_executor.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
@@ -39,8 +40,8 @@ constexpr Millis kAcceptRetry{100};
 
 struct HttpServer::Impl {
     explicit Impl(const HttpOptions &o)
-        : options(o), io(static_cast<int>(o.limits.io_threads)), acceptor(io), retry(io), grace(io),
-          guard(asio::make_work_guard(io)) {}
+        : options(o), io(static_cast<int>(o.limits.io_threads)), strand(asio::make_strand(io)),
+          acceptor(strand), retry(strand), grace(strand), guard(asio::make_work_guard(io)) {}
 
     void accept();
     void begin_stop();
@@ -58,6 +59,8 @@ struct HttpServer::Impl {
     // Declared after what connections use: a connection still queued in the context when it
     // goes (after a failure) reports its end to the members above.
     asio::io_context io;
+    /// Serialises the acceptor, the timers and the stop, whichever IO thread runs them.
+    asio::strand<asio::io_context::executor_type> strand;
     tcp::acceptor acceptor;
     std::optional<asio::ssl::context> tls;
     asio::steady_timer retry;
@@ -67,6 +70,7 @@ struct HttpServer::Impl {
 };
 
 void HttpServer::Impl::accept() {
+    // The handler runs on the acceptor's strand; the socket gets a strand of its own.
     acceptor.async_accept(asio::make_strand(io), [this](error_code ec, tcp::socket socket) {
         if (ec == asio::error::operation_aborted || !acceptor.is_open()) {
             return;
@@ -157,7 +161,7 @@ void HttpServer::Impl::connection_closed(uint64_t id) {
     connections.erase(id);
     if (stopping && connections.empty() && !finished) {
         finished = true;
-        asio::post(io, [this] { finish(); });
+        asio::post(strand, [this] { finish(); });
     }
 }
 
@@ -281,7 +285,7 @@ bool HttpServer::run(Service &service) {
 }
 
 void HttpServer::stop() {
-    asio::post(impl_->io, [impl = impl_.get()] { impl->begin_stop(); });
+    asio::post(impl_->strand, [impl = impl_.get()] { impl->begin_stop(); });
 }
 
 } // namespace vexo_cloud
