@@ -65,11 +65,13 @@ if(VEXO_BUILD_HOST)
     find_package(CURL REQUIRED)
     pkg_check_modules(VEXO_MOSQUITTO REQUIRED IMPORTED_TARGET libmosquitto)
     add_library(vexo::mosquitto ALIAS PkgConfig::VEXO_MOSQUITTO)
-    # The cloud service's HTTP server (cpp-httplib, built by Debian with OpenSSL).
+    # The HTTP client of the admin commands and the tests (cpp-httplib, built by Debian with
+    # OpenSSL).
     pkg_check_modules(VEXO_HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
     add_library(vexo::httplib ALIAS PkgConfig::VEXO_HTTPLIB)
-    # Boost.Asio and Beast, header only (Debian's libboost-dev): the load generator's HTTP
-    # client.
+    # Boost.Asio and Beast, header only (Debian's libboost-dev): the cloud service's HTTP
+    # server and the load generator's client; OpenSSL's libssl for HTTPS.
     find_package(Boost 1.74 REQUIRED)
     add_library(vexo::boost ALIAS Boost::headers)
+    find_package(OpenSSL REQUIRED COMPONENTS SSL)
 endif()

@@ -3,8 +3,9 @@
 #   - host packages from apt (compilers, CMake, cJSON, OpenSSL, GoogleTest, Google Benchmark,
 #     the arm-linux-gnueabihf cross compiler, qemu-user, clang-format, gcovr; for the host
 #     kit and tools: FFmpeg's libraries and command-line tools, nlohmann-json, pkg-config; for the network cloud: libcurl,
-#     libmosquitto and the mosquitto broker, cpp-httplib; Boost's headers for the load
-#     generator, nginx and jq for its comparison benchmark);
+#     libmosquitto and the mosquitto broker, cpp-httplib for the tests' and admin commands'
+#     HTTP client, Boost (header-only Asio and Beast) for the service's HTTP server and the
+#     load generator, nginx and jq for its comparison benchmark);
 #   - an armhf sysroot with cJSON and OpenSSL's libcrypto, built from the armhf .debs with
 #     `dpkg-deb -x` (no multiarch install: amd64 and armhf versions of Multi-Arch: same
 #     packages can be out of step on the mirrors, which makes apt refuse the install).

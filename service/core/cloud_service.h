@@ -101,6 +101,12 @@ struct Gap {
     uint64_t bytes = 0; // media bytes dropped
 };
 
+/// Counts for monitoring, taken at one moment.
+struct ServiceStats {
+    uint64_t devices = 0;         // known devices
+    uint64_t open_recordings = 0; // started and not stopped yet, over all devices
+};
+
 struct Options {
     std::string data_dir;
     /// The service's clock, seconds since the epoch; "today" for the daily allowance is the
@@ -172,6 +178,8 @@ class Service {
     std::vector<Gap> gaps(const std::string &device) const;
     /// The service's clock now, seconds since the epoch.
     uint32_t now() const;
+    /// How many devices and open recordings the service knows now.
+    ServiceStats stats() const;
 
   private:
     struct Impl;

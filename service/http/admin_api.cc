@@ -236,8 +236,12 @@ Response route(Service &service, const Request &request) {
 
 // ---- exported calls ------------------------------------------------------------------------
 
+bool admin_token_accepted(const Request &request, const std::string &token) {
+    return token.empty() || bearer_matches(request, token);
+}
+
 Response handle_admin(Service &service, const Request &request, const std::string &token) {
-    if (!token.empty() && !bearer_matches(request, token)) {
+    if (!admin_token_accepted(request, token)) {
         return error_answer(kUnauthorized, "missing or wrong admin token");
     }
     try {

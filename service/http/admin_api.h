@@ -33,6 +33,9 @@ namespace vexo_cloud {
 
 constexpr char kAdminPrefix[] = "/v1/admin/";
 
+/// True when token is empty or the request carries "authorization: Bearer <token>".
+bool admin_token_accepted(const Request &request, const std::string &token);
+
 /// Answers one admin request (path starting with kAdminPrefix). token: when not empty, the
 /// request must carry "authorization: Bearer <token>" or gets 401.
 Response handle_admin(Service &service, const Request &request, const std::string &token);

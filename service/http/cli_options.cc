@@ -1,6 +1,9 @@
 /// Parsing vexo-cloud's command line into a serve run or one admin request.
 #include "cli_options.h"
 
+#include <arpa/inet.h>
+
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -22,11 +25,17 @@ constexpr char kUsage[] =
     "  vexo-cloud serve --data DIR [--listen HOST:PORT] [--mqtt mqtt[s]://HOST:PORT]\n"
     "                   [--token DEVICE=TOKEN ...] [--admin-token TOKEN]\n"
     "                   [--tls-cert FILE --tls-key FILE] [--max-body BYTES] [--quiet]\n"
+    "                   [--io-threads N] [--head-timeout S] [--body-timeout S]\n"
+    "                   [--idle-timeout S]\n"
     "                   [--mqtt-ca FILE] [--mqtt-cert FILE --mqtt-key FILE]\n"
     "                   [--mqtt-user NAME [--mqtt-password-file FILE]]\n"
     "      Serves the devices' cloud protocol and the admin interface. --listen defaults to\n"
     "      127.0.0.1:8080 (port 0: any free port; the line \"vexo-cloud: listening on URL\"\n"
-    "      says which). With --token, devices must send their bearer token.\n"
+    "      says which). With --token, devices must send their bearer token. Without\n"
+    "      --admin-token it only listens on a loopback address (127.0.0.0/8, ::1,\n"
+    "      localhost). A request head must arrive within --head-timeout (default 10 s),\n"
+    "      a body may stall for --body-timeout (15 s), a kept-alive connection may stay\n"
+    "      idle for --idle-timeout (30 s); --io-threads (default 2) serve the sockets.\n"
     "      mqtts:// (default port 8883) verifies the broker against --mqtt-ca (default: the\n"
     "      system's authorities); --mqtt-cert/--mqtt-key give a client certificate. The\n"
     "      broker password is the first line of --mqtt-password-file, or else\n"
@@ -92,6 +101,16 @@ bool read_secret_file(const std::string &path, std::string *secret, std::string 
     return true;
 }
 
+/// A whole number of seconds 1..3600 as milliseconds; false for anything else.
+bool parse_seconds(const std::string &text, Millis *out) {
+    int64_t seconds = 0;
+    if (!parse_int(text, 1, 3600, &seconds)) {
+        return false;
+    }
+    *out = Millis(seconds * 1000);
+    return true;
+}
+
 std::optional<Command> parse_serve(const std::vector<std::string> &args) {
     Command command;
     command.serve = true;
@@ -101,6 +120,15 @@ std::optional<Command> parse_serve(const std::vector<std::string> &args) {
     const auto set = [](std::string *field) {
         return [field](const std::string &value, std::string *) {
             *field = value;
+            return true;
+        };
+    };
+    const auto seconds = [](const std::string &name, Millis *timeout) {
+        return [name, timeout](const std::string &value, std::string *error) {
+            if (!parse_seconds(value, timeout)) {
+                *error = name + " takes whole seconds from 1 to 3600";
+                return false;
+            }
             return true;
         };
     };
@@ -141,6 +169,19 @@ std::optional<Command> parse_serve(const std::vector<std::string> &args) {
              o.http.max_body = static_cast<uint64_t>(bytes);
              return true;
          }},
+        {"--io-threads", true, "",
+         [&o](const std::string &value, std::string *error) {
+             int64_t threads = 0;
+             if (!parse_int(value, 1, 64, &threads)) {
+                 *error = "--io-threads takes a number from 1 to 64";
+                 return false;
+             }
+             o.http.limits.io_threads = static_cast<uint32_t>(threads);
+             return true;
+         }},
+        {"--head-timeout", true, "", seconds("--head-timeout", &o.http.limits.head_timeout)},
+        {"--body-timeout", true, "", seconds("--body-timeout", &o.http.limits.body_idle_timeout)},
+        {"--idle-timeout", true, "", seconds("--idle-timeout", &o.http.limits.keep_alive_timeout)},
     };
     vexo_cli::Syntax syntax;
     syntax.last_word_needs_value = true;
@@ -154,6 +195,11 @@ std::optional<Command> parse_serve(const std::vector<std::string> &args) {
     }
     if (!parse_listen(listen, &o.http.host, &o.http.port)) {
         return fail("--listen takes HOST:PORT, not \"" + listen + "\"");
+    }
+    if (o.http.admin_token.empty() && !is_loopback_host(o.http.host)) {
+        return fail("without --admin-token anyone who reaches " + o.http.host +
+                    " could change orders: give --admin-token TOKEN, or listen on a loopback "
+                    "address (127.0.0.1, ::1, localhost)");
     }
     if (o.http.tls_cert.empty() != o.http.tls_key.empty()) {
         return fail("--tls-cert and --tls-key go together");
@@ -322,6 +368,30 @@ std::optional<Command> parse_admin(const std::string &verb, const std::vector<st
 } // namespace
 
 // ---- exported calls ------------------------------------------------------------------------
+
+bool is_loopback_host(const std::string &host) {
+    std::string name = host;
+    if (name.size() > 2 && name.front() == '[' && name.back() == ']') {
+        name = name.substr(1, name.size() - 2);
+    }
+    for (char &c : name) {
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    }
+    if (name == "localhost") {
+        return true;
+    }
+    in_addr v4{};
+    if (inet_pton(AF_INET, name.c_str(), &v4) == 1) {
+        return (ntohl(v4.s_addr) >> 24) == 127;
+    }
+    in6_addr v6{};
+    if (inet_pton(AF_INET6, name.c_str(), &v6) == 1) {
+        const uint8_t *b = v6.s6_addr;
+        static const uint8_t kMapped[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
+        return IN6_IS_ADDR_LOOPBACK(&v6) || (std::memcmp(b, kMapped, 12) == 0 && b[12] == 127);
+    }
+    return false;
+}
 
 bool parse_listen(const std::string &text, std::string *host, uint16_t *port) {
     const size_t colon = text.rfind(':');

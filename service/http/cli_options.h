@@ -44,6 +44,10 @@ struct Command {
 /// *exit_now after printing the usage for --help (exit status 0).
 std::optional<Command> parse_command_line(int argc, char **argv, bool *exit_now);
 
+/// True for a name or address that only this machine reaches: localhost, 127.0.0.0/8, ::1
+/// (also as [::1] and as the IPv4-mapped ::ffff:127.x.y.z).
+bool is_loopback_host(const std::string &host);
+
 /// "HOST:PORT" split; false for anything else. Port 0 asks for any free port.
 bool parse_listen(const std::string &text, std::string *host, uint16_t *port);
 

@@ -1,189 +1,291 @@
-/// The HTTP server: every request is turned into the service's request form (lower-case
-/// header names, path without the query), answered, and the answer copied back. Device
-/// request bodies are read through the service, which checks the request first and streams
-/// media uploads to disk.
+/// The HTTP server: the listening socket, the IO threads and the job pools, the open
+/// connections, and the orderly stop.
 #include "http_server.h"
 
-#include <httplib.h>
-
-#include <cctype>
+#include <boost/asio/bind_executor.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/ssl/context.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/strand.hpp>
+#include <cerrno>
 #include <cstdio>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <vector>
 
-#include "admin_api.h"
-#include "answers.h"
+#include "http_connection.h"
+#include "http_metrics.h"
+#include "work_pool.h"
 
 namespace vexo_cloud {
+
+namespace asio = boost::asio;
+using tcp = asio::ip::tcp;
+using boost::system::error_code;
 
 // ---- constants -----------------------------------------------------------------------------
 
 namespace {
 
-constexpr int kBadRequest = 400;
-constexpr int kLengthRequired = 411;
-constexpr int kPayloadTooLarge = 413;
-constexpr int kInternalError = 500;
-constexpr size_t kMaxAdminBody = 64 * 1024;
-constexpr char kAnyPath[] = ".*";
-
-// ---- helpers -------------------------------------------------------------------------------
-
-std::string lower(std::string text) {
-    for (char &c : text) {
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    }
-    return text;
-}
-
-/// The request's head in the service's form; the body is left to the caller.
-Request head_of(const httplib::Request &req) {
-    Request head;
-    head.method = req.method;
-    head.path = req.path;
-    const size_t question = req.target.find('?');
-    head.query = question == std::string::npos ? "" : req.target.substr(question + 1);
-    for (const auto &item : req.headers) {
-        head.headers[lower(item.first)] = item.second;
-    }
-    return head;
-}
-
-void answer(httplib::Response &res, const Response &response) {
-    res.status = response.status;
-    res.set_content(response.body, response.content_type.c_str());
-}
-
-void refuse(httplib::Response &res, int status, const std::string &message) {
-    answer(res, error_answer(status, message));
-}
-
-bool is_admin(const std::string &path) {
-    return path.compare(0, sizeof kAdminPrefix - 1, kAdminPrefix) == 0;
-}
-
-bool chunked(const httplib::Request &req) {
-    return lower(req.get_header_value("Transfer-Encoding")).find("chunked") != std::string::npos;
-}
+/// After a failed accept (out of descriptors, say), before the next try.
+constexpr Millis kAcceptRetry{100};
 
 } // namespace
 
+// ---- the server's state ----------------------------------------------------------------------
+
+struct HttpServer::Impl {
+    explicit Impl(const HttpOptions &o)
+        : options(o), io(static_cast<int>(o.limits.io_threads)), strand(asio::make_strand(io)),
+          acceptor(strand), retry(strand), grace(strand), guard(asio::make_work_guard(io)) {}
+
+    void accept();
+    void begin_stop();
+    void connection_closed(uint64_t id);
+    void finish();
+
+    HttpOptions options;
+    HttpMetrics metrics;
+    ConnectionContext context;
+    std::mutex mutex; // guards the four members that follow
+    std::map<uint64_t, std::weak_ptr<Connection>> connections;
+    uint64_t next_id = 1;
+    bool stopping = false;
+    bool finished = false;
+    // Declared after what connections use: a connection still queued in the context when it
+    // goes (after a failure) reports its end to the members above.
+    asio::io_context io;
+    /// Serialises the acceptor, the timers and the stop, whichever IO thread runs them.
+    asio::strand<asio::io_context::executor_type> strand;
+    tcp::acceptor acceptor;
+    std::optional<asio::ssl::context> tls;
+    asio::steady_timer retry;
+    asio::steady_timer grace;
+    asio::executor_work_guard<asio::io_context::executor_type> guard;
+    uint16_t port = 0;
+};
+
+void HttpServer::Impl::accept() {
+    // The handler runs on the acceptor's strand; the socket gets a strand of its own.
+    acceptor.async_accept(asio::make_strand(io), [this](error_code ec, tcp::socket socket) {
+        if (ec == asio::error::operation_aborted || !acceptor.is_open()) {
+            return;
+        }
+        if (ec) {
+            std::fprintf(stderr, "vexo-cloud: accept failed: %s\n", ec.message().c_str());
+            retry.expires_after(kAcceptRetry);
+            retry.async_wait([this](error_code wait_ec) {
+                if (!wait_ec) {
+                    accept();
+                }
+            });
+            return;
+        }
+        uint64_t id = 0;
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            if (stopping) {
+                return; // the socket closes as it goes
+            }
+            id = next_id++;
+        }
+        const std::shared_ptr<Connection> connection =
+            tls ? make_tls_connection(std::move(socket), *tls, context, id)
+                : make_plain_connection(std::move(socket), context, id);
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            connections[id] = connection;
+        }
+        connection->start();
+        accept();
+    });
+}
+
+void HttpServer::Impl::begin_stop() {
+    error_code ignored;
+    acceptor.close(ignored);
+    retry.cancel();
+    std::vector<std::shared_ptr<Connection>> open;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (stopping) {
+            return;
+        }
+        stopping = true;
+        for (const auto &item : connections) {
+            if (auto connection = item.second.lock()) {
+                open.push_back(std::move(connection));
+            }
+        }
+        if (connections.empty()) {
+            finished = true;
+        }
+    }
+    if (open.empty()) {
+        return finish();
+    }
+    for (const auto &connection : open) {
+        connection->drain();
+    }
+    grace.expires_after(options.limits.shutdown_grace);
+    grace.async_wait([this](error_code ec) {
+        if (ec) {
+            return;
+        }
+        std::vector<std::shared_ptr<Connection>> left;
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            for (const auto &item : connections) {
+                if (auto connection = item.second.lock()) {
+                    left.push_back(std::move(connection));
+                }
+            }
+        }
+        if (!left.empty()) {
+            std::fprintf(stderr, "vexo-cloud: %zu connection(s) still busy after %lld ms, closed\n",
+                         left.size(),
+                         static_cast<long long>(options.limits.shutdown_grace.count()));
+        }
+        for (const auto &connection : left) {
+            connection->close_now();
+        }
+    });
+}
+
+void HttpServer::Impl::connection_closed(uint64_t id) {
+    std::lock_guard<std::mutex> lock(mutex);
+    connections.erase(id);
+    if (stopping && connections.empty() && !finished) {
+        finished = true;
+        asio::post(strand, [this] { finish(); });
+    }
+}
+
+void HttpServer::Impl::finish() {
+    grace.cancel();
+    guard.reset();
+}
+
 // ---- exported calls ------------------------------------------------------------------------
 
-HttpServer::HttpServer(const HttpOptions &options) : options_(options) {}
+HttpServer::HttpServer(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 
 HttpServer::~HttpServer() = default;
 
+uint16_t HttpServer::port() const {
+    return impl_->port;
+}
+
 std::unique_ptr<HttpServer> HttpServer::bind(const HttpOptions &options, std::string *error) {
-    std::unique_ptr<HttpServer> self(new HttpServer(options));
+    auto impl = std::make_unique<Impl>(options);
     const bool tls = !options.tls_cert.empty() || !options.tls_key.empty();
     if (tls) {
         if (options.tls_cert.empty() || options.tls_key.empty()) {
             *error = "HTTPS needs both a certificate and a key";
             return nullptr;
         }
-        self->server_ =
-            std::make_unique<httplib::SSLServer>(options.tls_cert.c_str(), options.tls_key.c_str());
-    } else {
-        self->server_ = std::make_unique<httplib::Server>();
+        impl->tls.emplace(asio::ssl::context::tls_server);
+        error_code ec;
+        impl->tls->set_options(asio::ssl::context::default_workarounds |
+                                   asio::ssl::context::no_sslv2 | asio::ssl::context::no_sslv3 |
+                                   asio::ssl::context::no_tlsv1 | asio::ssl::context::no_tlsv1_1,
+                               ec);
+        impl->tls->use_certificate_chain_file(options.tls_cert, ec);
+        if (!ec) {
+            impl->tls->use_private_key_file(options.tls_key, asio::ssl::context::pem, ec);
+        }
+        if (ec) {
+            *error = "cannot load the certificate " + options.tls_cert + " or the key " +
+                     options.tls_key + ": " + ec.message();
+            return nullptr;
+        }
     }
-    if (!self->server_->is_valid()) {
-        *error =
-            "cannot load the certificate " + options.tls_cert + " or the key " + options.tls_key;
+    const std::string where = options.host + ":" + std::to_string(options.port);
+    std::string host = options.host;
+    if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
+        host = host.substr(1, host.size() - 2);
+    }
+    error_code ec;
+    tcp::resolver resolver(impl->io);
+    const auto found =
+        resolver.resolve(host, std::to_string(options.port),
+                         tcp::resolver::passive | tcp::resolver::numeric_service, ec);
+    if (ec || found.empty()) {
+        *error = "cannot listen on " + where + ": " + (ec ? ec.message() : "no such address");
         return nullptr;
     }
-    self->install_routes();
-    if (options.port == 0) {
-        const int port = self->server_->bind_to_any_port(options.host);
-        if (port <= 0) {
-            *error = "cannot bind " + options.host;
-            return nullptr;
-        }
-        self->port_ = static_cast<uint16_t>(port);
-    } else {
-        if (!self->server_->bind_to_port(options.host, options.port)) {
-            *error = "cannot bind " + options.host + ":" + std::to_string(options.port);
-            return nullptr;
-        }
-        self->port_ = options.port;
+    const tcp::endpoint endpoint = found.begin()->endpoint();
+    tcp::acceptor &acceptor = impl->acceptor;
+    // SO_REUSEADDR only lets a restarted server take its port back from connections that are
+    // closing; unlike SO_REUSEPORT it never lets two servers listen on the same port.
+    acceptor.open(endpoint.protocol(), ec);
+    if (!ec) {
+        acceptor.set_option(tcp::acceptor::reuse_address(true), ec);
     }
-    return self;
+    if (!ec) {
+        acceptor.bind(endpoint, ec);
+    }
+    if (!ec) {
+        acceptor.listen(asio::socket_base::max_listen_connections, ec);
+    }
+    if (ec) {
+        *error = "cannot listen on " + where + ": " + ec.message();
+        if (ec == asio::error::address_in_use) {
+            *error += " (another server, perhaps another vexo-cloud, listens there)";
+        }
+        return nullptr;
+    }
+    impl->port = acceptor.local_endpoint(ec).port();
+    return std::unique_ptr<HttpServer>(new HttpServer(std::move(impl)));
 }
 
 bool HttpServer::run(Service &service) {
-    service_ = &service;
-    return server_->listen_after_bind();
+    Impl &impl = *impl_;
+    const HttpLimits &limits = impl.options.limits;
+    WorkPool handlers(limits.handler_threads);
+    WorkPool uploads(limits.upload_threads);
+    ConnectionContext &context = impl.context;
+    context.service = &service;
+    context.limits = limits;
+    context.max_body = impl.options.max_body;
+    context.admin_token = impl.options.admin_token;
+    context.access_log = impl.options.access_log;
+    context.metrics = &impl.metrics;
+    context.handlers = &handlers;
+    context.uploads = &uploads;
+    context.closed = [&impl](uint64_t id) { impl.connection_closed(id); };
+    impl.accept();
+
+    bool failed = false;
+    std::mutex failure_mutex;
+    const auto serve = [&] {
+        try {
+            impl.io.run();
+        } catch (const std::exception &e) {
+            std::lock_guard<std::mutex> lock(failure_mutex);
+            std::fprintf(stderr, "vexo-cloud: the server failed: %s\n", e.what());
+            failed = true;
+            impl.io.stop();
+        }
+    };
+    std::vector<std::thread> threads;
+    for (uint32_t i = 1; i < limits.io_threads; ++i) {
+        threads.emplace_back(serve);
+    }
+    serve();
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+    // The pools run their last jobs and end here, before the context they use goes.
+    return !failed;
 }
 
 void HttpServer::stop() {
-    server_->stop();
-}
-
-void HttpServer::install_routes() {
-    httplib::Server &server = *server_;
-    // The server's own refusal of an oversize body comes before any handler.
-    server.set_payload_max_length(static_cast<size_t>(options_.max_body));
-
-    server.Get(kAnyPath, [this](const httplib::Request &req, httplib::Response &res) {
-        const Request head = head_of(req);
-        answer(res, is_admin(head.path) ? handle_admin(*service_, head, options_.admin_token)
-                                        : service_->handle(head));
-    });
-
-    const auto with_body = [this](const httplib::Request &req, httplib::Response &res,
-                                  const httplib::ContentReader &reader) {
-        if (chunked(req)) {
-            refuse(res, kLengthRequired, "a body needs a Content-Length");
-            return;
-        }
-        const Request head = head_of(req);
-        const uint64_t length = req.get_header_value<uint64_t>("Content-Length");
-        const BodyReader read_body = [&reader](const BodySink &sink) {
-            return reader([&sink](const char *data, size_t size) { return sink(data, size); });
-        };
-        if (!is_admin(head.path)) {
-            answer(res, service_->handle_streamed(head, length, read_body));
-            return;
-        }
-        if (length > kMaxAdminBody) {
-            refuse(res, kPayloadTooLarge, "admin requests are small");
-            return;
-        }
-        Request whole = head;
-        if (!read_body([&whole](const char *data, size_t size) {
-                whole.body.append(data, size);
-                return true;
-            })) {
-            refuse(res, kBadRequest, "request body incomplete");
-            return;
-        }
-        answer(res, handle_admin(*service_, whole, options_.admin_token));
-    };
-    server.Post(kAnyPath, with_body);
-    server.Put(kAnyPath, with_body);
-
-    // What the library refuses by itself (unknown method, oversize body, bad request line)
-    // gets the same JSON error shape as the service's refusals.
-    server.set_error_handler([](const httplib::Request &, httplib::Response &res) {
-        if (res.body.empty()) {
-            refuse(res, res.status, "request refused (HTTP " + std::to_string(res.status) + ")");
-        }
-    });
-    server.set_exception_handler(
-        [](const httplib::Request &, httplib::Response &res, std::exception_ptr error) {
-            std::string what = "internal error";
-            try {
-                std::rethrow_exception(error);
-            } catch (const std::exception &e) {
-                what = e.what();
-            } catch (...) {
-            }
-            refuse(res, kInternalError, what);
-        });
-    if (options_.access_log) {
-        server.set_logger([](const httplib::Request &req, const httplib::Response &res) {
-            std::fprintf(stderr, "vexo-cloud: %s %s %s -> %d\n", req.remote_addr.c_str(),
-                         req.method.c_str(), req.path.c_str(), res.status);
-        });
-    }
+    asio::post(impl_->strand, [impl = impl_.get()] { impl->begin_stop(); });
 }
 
 } // namespace vexo_cloud

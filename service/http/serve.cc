@@ -1,11 +1,13 @@
 /// Starting and stopping the service. The stop signals are blocked in every thread and
-/// taken by one thread of their own, which stops the HTTP server; the MQTT publisher stops
-/// after the server, so that nothing publishes into a closed client.
+/// taken by one thread of their own, which stops the HTTP server: it takes nothing new and
+/// finishes the requests under way; the MQTT publisher stops after the server, so that
+/// nothing publishes into a closed client.
 #include "serve.h"
 
 #include <pthread.h>
 #include <signal.h>
 
+#include <atomic>
 #include <cstdio>
 #include <memory>
 #include <thread>
@@ -66,9 +68,14 @@ int serve(const ServeOptions &options) {
                 mqtt ? options.mqtt_url.c_str() : "");
     std::fflush(stdout);
 
-    std::thread stopper([&stop_signals, &server] {
+    std::atomic<bool> stopping_by_itself{false};
+    std::thread stopper([&stop_signals, &server, &stopping_by_itself] {
         int signal_number = 0;
         sigwait(&stop_signals, &signal_number);
+        if (!stopping_by_itself) {
+            std::fprintf(stderr,
+                         "vexo-cloud: stopping: no new requests, finishing those under way\n");
+        }
         server->stop();
     });
     const bool served = server->run(*service);
@@ -76,6 +83,7 @@ int serve(const ServeOptions &options) {
         std::fprintf(stderr, "vexo-cloud: the server stopped with an error\n");
     }
     // Wake the stopper if the server ended by itself.
+    stopping_by_itself = true;
     pthread_kill(stopper.native_handle(), SIGTERM);
     stopper.join();
     std::fprintf(stderr, "vexo-cloud: stopped\n");

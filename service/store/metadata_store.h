@@ -74,6 +74,9 @@ class MetadataStore {
     virtual DeviceLimits limits(const std::string &device) = 0;
     virtual void put_limits(const std::string &device, const DeviceLimits &limits) = 0;
     virtual DeviceUsage usage(const std::string &device) = 0;
+    /// Devices known, and recordings started and not stopped, over all devices.
+    virtual uint64_t device_count() = 0;
+    virtual uint64_t open_recording_count() = 0;
     /// Alarms of a device with from <= time < to (e.g. one local day).
     virtual uint64_t alarm_count(const std::string &device, uint32_t from, uint32_t to) = 0;
     /// A device's oldest recordings, at most limit of them, with the bytes and files of each.

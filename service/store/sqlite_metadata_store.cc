@@ -422,6 +422,16 @@ DeviceUsage SqliteMetadataStore::usage(const std::string &device) {
     return usage;
 }
 
+uint64_t SqliteMetadataStore::device_count() {
+    Query q = db_->query("SELECT count(*) FROM devices");
+    return q.step() ? static_cast<uint64_t>(q.integer(0)) : 0;
+}
+
+uint64_t SqliteMetadataStore::open_recording_count() {
+    Query q = db_->query("SELECT count(*) FROM recordings WHERE end_time = 0 AND announced <> 0");
+    return q.step() ? static_cast<uint64_t>(q.integer(0)) : 0;
+}
+
 uint64_t SqliteMetadataStore::alarm_count(const std::string &device, uint32_t from, uint32_t to) {
     Query q = db_->query("SELECT count(*) FROM alarms WHERE device = ? AND time >= ? AND time < ?");
     q.bind(1, device).bind(2, int64_t{from}).bind(3, int64_t{to});

@@ -48,6 +48,8 @@ class SqliteMetadataStore : public MetadataStore {
     DeviceLimits limits(const std::string &device) override;
     void put_limits(const std::string &device, const DeviceLimits &limits) override;
     DeviceUsage usage(const std::string &device) override;
+    uint64_t device_count() override;
+    uint64_t open_recording_count() override;
     uint64_t alarm_count(const std::string &device, uint32_t from, uint32_t to) override;
     std::vector<RecordingUsage> oldest_recordings(const std::string &device, size_t limit) override;
 

@@ -3,6 +3,7 @@
 #ifndef VEXO_INTEGRATION_NETWORK_CLOUD_H
 #define VEXO_INTEGRATION_NETWORK_CLOUD_H
 
+#include <csignal>
 #include <memory>
 #include <string>
 #include <vector>
@@ -91,6 +92,8 @@ class Cloud {
     e2e::Result admin(std::vector<std::string> args) const;
     /// Stops it (SIGTERM); its exit status.
     int stop();
+    /// Sends SIGTERM without waiting for the end (stop() waits for it).
+    void terminate() { process_->signal(SIGTERM); }
     /// Ends it at once (SIGKILL), as a crash or a power cut would.
     void kill();
     /// Starts it again on the same port with the same data and options (after stop or kill);

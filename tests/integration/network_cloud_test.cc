@@ -410,7 +410,7 @@ TEST_F(NetworkCloudTest, BadRequestsGetAJsonErrorAndChangeNothing) {
                                "application/json");
          },
          400},
-        {"unknown method", [&] { return client.Delete(kConfigPath.c_str(), good); }, 404},
+        {"method not taken there", [&] { return client.Delete(kConfigPath.c_str(), good); }, 405},
     };
     for (const Case &c : cases) {
         const httplib::Result result = c.send();

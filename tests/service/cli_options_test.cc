@@ -108,12 +108,47 @@ TEST(CloudCommandLine, BadArgumentsAreRefused) {
 
 TEST(CloudCommandLine, ServeOptions) {
     auto serve = parse({"serve", "--data", "d", "--listen", "0.0.0.0:0", "--token", "cam1=a=b",
-                        "--mqtt", "mqtt://127.0.0.1:1883"});
+                        "--mqtt", "mqtt://127.0.0.1:1883", "--admin-token", "t", "--head-timeout",
+                        "2", "--body-timeout", "3", "--idle-timeout", "4", "--io-threads", "3"});
     ASSERT_TRUE(serve);
     EXPECT_TRUE(serve->serve);
     EXPECT_EQ(serve->serve_options.http.host, "0.0.0.0");
     EXPECT_EQ(serve->serve_options.http.port, 0);
     EXPECT_EQ(serve->serve_options.tokens.at("cam1"), "a=b");
+    const vexo_cloud::HttpLimits &limits = serve->serve_options.http.limits;
+    EXPECT_EQ(limits.head_timeout.count(), 2000);
+    EXPECT_EQ(limits.body_idle_timeout.count(), 3000);
+    EXPECT_EQ(limits.keep_alive_timeout.count(), 4000);
+    EXPECT_EQ(limits.io_threads, 3u);
+    for (const char *bad : {"0", "3601", "1.5", "-2"}) {
+        EXPECT_FALSE(parse({"serve", "--data", "d", "--head-timeout", bad})) << bad;
+    }
+    EXPECT_FALSE(parse({"serve", "--data", "d", "--io-threads", "0"}));
+}
+
+TEST(CloudCommandLine, AnOpenAdminInterfaceOnlyListensOnLoopback) {
+    const std::pair<const char *, bool> hosts[] = {{"127.0.0.1", true},
+                                                   {"127.9.8.7", true},
+                                                   {"localhost", true},
+                                                   {"LocalHost", true},
+                                                   {"::1", true},
+                                                   {"[::1]", true},
+                                                   {"::ffff:127.0.0.1", true},
+                                                   {"0.0.0.0", false},
+                                                   {"::", false},
+                                                   {"10.0.0.1", false},
+                                                   {"128.0.0.1", false},
+                                                   {"::ffff:10.0.0.1", false},
+                                                   {"camera-cloud.example", false},
+                                                   {"126.255.255.255", false}};
+    for (const auto &[host, loopback] : hosts) {
+        EXPECT_EQ(vexo_cloud::is_loopback_host(host), loopback) << host;
+        const std::string listen = std::string(host) + ":0";
+        EXPECT_EQ(parse({"serve", "--data", "d", "--listen", listen}).has_value(), loopback)
+            << host;
+        EXPECT_TRUE(parse({"serve", "--data", "d", "--listen", listen, "--admin-token", "t"}))
+            << host;
+    }
 }
 
 TEST(CloudCommandLine, MqttLoginComesFromAFileOrTheEnvironment) {
