@@ -1,7 +1,8 @@
 /// What a device uploads: media files of its recordings, alarms and gap reports. Media bytes
 /// and alarm pictures are written outside the service lock, to temporary objects of their
-/// own; they are published and their rows committed under it. An upload is answered 200 only
-/// once its file is durable under its name and its row committed.
+/// own, and published under their names outside it too (a name is published at most once);
+/// only their rows are committed under it. An upload is answered 200 only once its file is
+/// durable under its name and its row committed.
 #include "alarm_store.h"
 #include "answers.h"
 #include "durable_file.h"
@@ -46,11 +47,19 @@ Response answer_repeat(ServiceCore &core, MediaRow stored, uint64_t size,
     return stored.sha256 == sha256 ? json_answer(kOk, Json::object()) : conflict(stored.name);
 }
 
-/// Publishes a finished upload and commits its row; the caller holds the mutex.
-Response commit_media(ServiceCore &core, MediaUpload &upload, MediaRow row) {
-    if (!upload.commit()) {
-        // A file is there without a row: one a killed service published but never
-        // acknowledged. Start-up adopts such files; the same bytes may take it now.
+/// Commits the row of an upload published under its name; the caller holds the mutex. When
+/// the name was taken (published is false: a file a killed service published but never
+/// acknowledged, or the same upload racing in on another connection), the bytes there decide
+/// as for a repeat.
+Response commit_media(ServiceCore &core, bool published, const MediaUpload &upload, MediaRow row) {
+    if (std::optional<MediaRow> stored = core.metadata->media(row.device, row.name)) {
+        Response answer = answer_repeat(core, std::move(*stored), upload.size(), upload.sha256());
+        if (published && answer.status != kOk) {
+            core.media->remove(row.object); // the row's file was gone; these bytes are not it
+        }
+        return answer;
+    }
+    if (!published) {
         const std::optional<uint64_t> size = core.media->size(row.object);
         if (!size) {
             throw FileError("something that is not a file is in the way of " + row.object, EEXIST);
@@ -112,10 +121,11 @@ Response stream_media_upload(ServiceCore &core, const std::string &device,
                                              " of " + std::to_string(content_length) + " bytes");
     }
     upload->finish();
+    // Published outside the lock: the rename and the directory syncs are the slow part of an
+    // upload, and a name is published at most once, so other devices' uploads need not wait.
+    // The row, committed under the lock, is what makes it count.
+    const bool published = upload->commit();
     std::lock_guard<std::mutex> lock(core.mutex);
-    if (std::optional<MediaRow> stored = core.metadata->media(device, file_name)) {
-        return answer_repeat(core, std::move(*stored), upload->size(), upload->sha256());
-    }
     MediaRow row;
     row.device = device;
     row.start_time = *start;
@@ -124,7 +134,7 @@ Response stream_media_upload(ServiceCore &core, const std::string &device,
     row.sha256 = upload->sha256();
     row.object = object;
     row.stored = core.now();
-    return commit_media(core, *upload, row);
+    return commit_media(core, published, *upload, row);
 }
 
 Response store_media_upload(ServiceCore &core, const std::string &device,

@@ -93,11 +93,13 @@ SqliteMetadataStore::SqliteMetadataStore(const std::string &path, bool read_only
         }
         return;
     }
-    // WAL: readers see the last commit while the service writes; NORMAL sync is durable
-    // across a killed process (only a power loss may take the last commits back), FULL keeps
-    // every acknowledged commit across power loss too.
+    // WAL: readers see the last commit while the service writes. NORMAL sync: a commit is in
+    // the log before it returns, so a killed process loses nothing, and the log is synced at
+    // each checkpoint instead of each commit, which would serialise every upload behind a
+    // disk flush. A power loss may take the last commits back; the media files themselves
+    // are synced before they are acknowledged, and start-up adopts a file whose row is lost.
     db_->exec("PRAGMA journal_mode=WAL");
-    db_->exec("PRAGMA synchronous=FULL");
+    db_->exec("PRAGMA synchronous=NORMAL");
     if (found == 0) {
         create_schema();
     }
