@@ -35,6 +35,11 @@ constexpr char START_BODY_VIDEO_ONLY[] =
     "{\"startTime\":%d,\"payloadInfo\":\"{\\\"v\\\":1,\\\"vType\\\":\\\"%d\\\",\\\"vFps\\\":%d,"
     "\\\"vWide\\\":%d,\\\"vHigh\\\":%d}\",\"mtu\":%d,\"enKeyMd5\":\"%s\"}";
 constexpr char STOP_BODY[] = "{\"startTime\":%d,\"endTime\":%d}";
+/// Longest text of an int ("-2147483648").
+constexpr size_t INT_TEXT_MAX = 11;
+// Each "%d" (2 characters) prints as at most INT_TEXT_MAX.
+static_assert(sizeof(STOP_BODY) + 2 * (INT_TEXT_MAX - 2) <= BODY_SIZE,
+              "a stop body with any two times fits its buffer");
 
 /// Integer value of an answer item; a JSON true reads as 1 however the object was built.
 int item_int_value(const cJSON *item) {
@@ -49,7 +54,10 @@ int item_int_value(const cJSON *item) {
 
 void print_start_body(char *body, size_t size, uint32_t start_time,
                       const vexo_ipc_media_info_t *media, uint32_t mtu, const char *key_md5) {
+    // A body longer than the buffer is cut, as intended: a bounded print of a fixed-size
+    // notice. Real media values (small codes, rates and sizes) keep it well under 256 bytes.
     if (media->channel_enable[CS_AUDIO_CHANNEL] != 0) {
+        // NOLINTNEXTLINE(cert-err33-c): cut when too long, as intended (see above)
         snprintf(body, size, START_BODY_WITH_AUDIO, static_cast<int>(start_time),
                  static_cast<int>(media->video_codec[0]), static_cast<int>(media->video_fps[0]),
                  static_cast<int>(media->video_width[0]), static_cast<int>(media->video_height[0]),
@@ -59,6 +67,7 @@ void print_start_body(char *body, size_t size, uint32_t start_time,
                  static_cast<int>(media->audio_channel[CS_AUDIO_CHANNEL]), static_cast<int>(mtu),
                  key_md5);
     } else {
+        // NOLINTNEXTLINE(cert-err33-c): cut when too long, as intended (see above)
         snprintf(body, size, START_BODY_VIDEO_ONLY, static_cast<int>(start_time),
                  static_cast<int>(media->video_codec[0]), static_cast<int>(media->video_fps[0]),
                  static_cast<int>(media->video_width[0]), static_cast<int>(media->video_height[0]),
@@ -94,8 +103,10 @@ int32_t httpc_ipc_cloud_storage_event_notify_v10(const char *gw_id, int32_t type
         CS_ERR("Malloc Fail.");
         return CS_NO_MEMORY;
     }
+    // The text with its terminator, then zeros to the end of the spare bytes.
+    static_assert(POST_SPARE >= 1, "the spare bytes hold the terminator");
     memset(post_data, 0, post_len);
-    memcpy(post_data, cloud_msg, msg_len); // terminated: the spare bytes stay zero
+    memcpy(post_data, cloud_msg, msg_len + 1);
 
     const int32_t ret =
         iot_httpc_common_post_no_remalloc(api_name, API_VERSION, nullptr, gw_id, post_data,
@@ -165,6 +176,7 @@ int32_t cloud_storage_start_notify(uint32_t start_time, const vexo_ipc_media_inf
 
 int32_t cloud_storage_stop_notify(uint32_t start_time, uint32_t end_time) {
     char body[BODY_SIZE] = {};
+    // NOLINTNEXTLINE(cert-err33-c): never cut, any two times fit (static_assert above)
     snprintf(body, sizeof(body), STOP_BODY, static_cast<int>(start_time),
              static_cast<int>(end_time));
 

@@ -46,6 +46,9 @@ void apply_store_order(cloud_storage_ctl_t &ctl, const char *mode) {
 void apply_abort_order(cloud_storage_ctl_t &ctl) {
     {
         kit_lock hold(ctl.upload_mutex);
+        static_assert(sizeof(MODE_TEXT_NONE) <= sizeof(ctl.storage_config.store_mode),
+                      "the mode text fits its field");
+        // NOLINTNEXTLINE(cert-err33-c): never cut, "max" fits the field (static_assert above)
         snprintf(ctl.storage_config.store_mode, sizeof(ctl.storage_config.store_mode), "%s",
                  MODE_TEXT_NONE);
         ctl.store_mode = STORE_MODE_NONE;

@@ -12,6 +12,9 @@ namespace {
 constexpr int32_t MAX_DURATION = 1800;
 constexpr int32_t SNAPSHOT_SIZE = 102400;
 constexpr size_t EXTRA_SPARE = 16;
+constexpr char EXTRA_FORMAT[] = "\"ext\":%s";
+static_assert(sizeof(EXTRA_FORMAT) - 2 <= EXTRA_SPARE,
+              "the spare bytes hold the prefix and the terminator");
 
 constexpr uint32_t ALARM_KIND = 4;
 
@@ -106,7 +109,8 @@ void handle_trigger(const trigger_action &action, int32_t duration, const cJSON 
         cJSON_free(ext_text);
         return;
     }
-    snprintf(extra, extra_size, "\"ext\":%s", ext_text);
+    // NOLINTNEXTLINE(cert-err33-c): never cut, the buffer is sized for it (static_assert above)
+    snprintf(extra, extra_size, EXTRA_FORMAT, ext_text);
 
     raise_alarm(action.with_picture, now, extra, snapshot, static_cast<uint32_t>(size));
 

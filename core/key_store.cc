@@ -1,6 +1,5 @@
 /// The two persisted records: the AES key with the md5 text that names it to the cloud
 /// ("md5_encrypt_key") and the slice duration last offered by the cloud ("storage_restriction").
-#include <cstdio>
 #include <cstring>
 
 #include "core/cloud_storage_internal.h"
@@ -60,8 +59,10 @@ void cloud_storage_key_md5_text(const uint8_t *key, char *out) {
     uni_md5_init(&md5);
     uni_md5_update(&md5, key, KEY_BYTES);
     uni_md5_final(&md5, digest);
-    for (uint32_t i = 0; i < sizeof digest; ++i) {
-        std::snprintf(out + 2 * i, 3, "%02x", static_cast<unsigned>(digest[i]));
+    static constexpr char HEX_DIGITS[] = "0123456789abcdef";
+    for (size_t i = 0; i < sizeof digest; ++i) {
+        out[2 * i] = HEX_DIGITS[digest[i] >> 4];
+        out[2 * i + 1] = HEX_DIGITS[digest[i] & 0x0f];
     }
     out[MD5_TEXT_LEN] = '\0';
 }

@@ -7,6 +7,7 @@
 VEXO_EXTERN_C_BEGIN
 
 enum { VEXO_KV_INT = 4, VEXO_KV_BYTES = 7 };
+/* NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding): a fixed platform layout */
 typedef struct {
     const char *key;
     uint8_t type;

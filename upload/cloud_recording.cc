@@ -12,6 +12,14 @@ namespace {
 constexpr const char *UPLOAD_SCHEME = "https";
 constexpr const char *UPLOAD_CONTENT_TYPE = "media/av";
 
+/// Longest text of an int ("-2147483648").
+constexpr size_t INT_TEXT_MAX = 11;
+/// Any start time with a four-digit count of seconds: every first name, and every next name
+/// up to 9999 s after the start (a recording is closed on its first key frame after 1799 s),
+/// fits the 24-byte name.
+static_assert(INT_TEXT_MAX + sizeof("_0000.media") <= CS_FILE_NAME_SIZE,
+              "a name with a four-digit count fits media_file_name");
+
 /// Hands the buffered slice to the kit's upload call under upload_mutex.
 int32_t put_media_buffer(cloud_storage_ctl_t &ctl) {
     kit_lock lock(ctl.upload_mutex);
@@ -20,14 +28,17 @@ int32_t put_media_buffer(cloud_storage_ctl_t &ctl) {
 }
 
 void name_first_file(cloud_storage_ctl_t &ctl, uint32_t start) {
-    // NOLINTNEXTLINE(cert-err33-c): a text longer than the buffer is cut, as intended
+    // NOLINTNEXTLINE(cert-err33-c): never cut, any start time fits (static_assert above)
     std::snprintf(ctl.media_file_name, sizeof ctl.media_file_name, "%d_0000.media",
                   static_cast<int>(start));
 }
 
 /// The file that begins now is named by the seconds elapsed since the recording began.
+/// Within 9999 s of the start the name always fits (static_assert above). Only a frame clock
+/// set far back or far on between key frames gives a longer count, and a name that would pass
+/// 23 characters is then cut to fit the 24-byte field.
 void name_next_file(cloud_storage_ctl_t &ctl, uint32_t now) {
-    // NOLINTNEXTLINE(cert-err33-c): a text longer than the buffer is cut, as intended
+    // NOLINTNEXTLINE(cert-err33-c): cut only on a clock jump (see above), as intended
     std::snprintf(ctl.media_file_name, sizeof ctl.media_file_name, "%d_%04d.media",
                   static_cast<int>(ctl.recording_start_time),
                   static_cast<int>(now - ctl.recording_start_time));

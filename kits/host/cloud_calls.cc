@@ -102,7 +102,7 @@ std::string base64(const uint8_t *data, uint32_t len) {
     static const char kAlphabet[] =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     std::string out;
-    out.reserve((len + 2) / 3 * 4);
+    out.reserve((size_t{len} + 2) / 3 * 4);
     uint32_t i = 0;
     for (; i + 2 < len; i += 3) {
         const uint32_t v = uint32_t{data[i]} << 16 | uint32_t{data[i + 1]} << 8 | data[i + 2];

@@ -170,7 +170,10 @@ bool add_headers(const CloudRequest &request, const std::string &what, Handles *
         }
         has_content_type = has_content_type || name == "content-type";
         // "name;" is libcurl's way to send a header with an empty value.
-        if (!h->add_header(value.empty() ? name + ";" : name + ": " + value)) {
+        std::string line = name;
+        line += value.empty() ? ";" : ": ";
+        line += value;
+        if (!h->add_header(line)) {
             *error = what + ": out of memory";
             return false;
         }

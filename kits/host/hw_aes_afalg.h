@@ -17,7 +17,7 @@ using CbcOperation = std::function<bool(const uint8_t iv[16], const struct iovec
 
 /// Bytes handed to the kernel per operation: well under a socket's default send buffer, so a
 /// send never waits for a read that would only come after it.
-constexpr size_t kChunkBytes = 64 * 1024;
+constexpr size_t kChunkBytes = size_t{64} * 1024;
 
 /// Encrypts in_len bytes with PKCS#7 padding into out (room for (in_len / 16 + 1) * 16 bytes)
 /// by running op over pieces of at most chunk_bytes (rounded down to whole blocks), each

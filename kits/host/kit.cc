@@ -122,34 +122,37 @@ void count_catch_up(uint64_t frames_skipped, uint64_t overwritten) {
 
 } // namespace internal
 
+// The reason a start is refused goes to stderr; if that write fails, the -1 still tells the
+// caller.
 int32_t start(const Options &options) {
     if (internal::started()) {
-        std::fprintf(stderr, "hostkit: start called twice without stop\n");
+        (void)std::fprintf(stderr, "hostkit: start called twice without stop\n");
         return -1;
     }
     if (!valid_device_id(options.device_id)) {
-        std::fprintf(stderr, "hostkit: invalid device id '%s' (1..63 of A-Z a-z 0-9 . _ -)\n",
-                     options.device_id.c_str());
+        (void)std::fprintf(stderr, "hostkit: invalid device id '%s' (1..63 of A-Z a-z 0-9 . _ -)\n",
+                           options.device_id.c_str());
         return -1;
     }
     if (!(options.speed > 0.0) || options.speed > 100000.0) {
-        std::fprintf(stderr, "hostkit: speed must be in (0, 100000], got %g\n", options.speed);
+        (void)std::fprintf(stderr, "hostkit: speed must be in (0, 100000], got %g\n",
+                           options.speed);
         return -1;
     }
     if (!options.cloud) {
-        std::fprintf(stderr, "hostkit: no cloud transport given\n");
+        (void)std::fprintf(stderr, "hostkit: no cloud transport given\n");
         return -1;
     }
     if (options.ring_seconds == 0 || options.ring_seconds > 3600) {
-        std::fprintf(stderr, "hostkit: ring_seconds must be 1..3600, got %u\n",
-                     options.ring_seconds);
+        (void)std::fprintf(stderr, "hostkit: ring_seconds must be 1..3600, got %u\n",
+                           options.ring_seconds);
         return -1;
     }
     // A lag limit at or below the longest pre-record would take every event start for a lag.
     if (options.ring_delay_ms != 0 &&
         (options.ring_delay_ms <= ring::longest_pre_record_ms(options.ring_seconds) ||
          options.ring_delay_ms > uint64_t{options.ring_seconds} * 1000)) {
-        std::fprintf(
+        (void)std::fprintf(
             stderr,
             "hostkit: ring_delay_ms must be above the longest pre-record (%llu ms) and "
             "at most the ring (%u s), got %u\n",
@@ -161,13 +164,13 @@ int32_t start(const Options &options) {
     // leaves everything as it was.
     std::string mqtt_error;
     if (!internal::mqtt_net_start(options, &mqtt_error)) {
-        std::fprintf(stderr, "hostkit: mqtt: %s\n", mqtt_error.c_str());
+        (void)std::fprintf(stderr, "hostkit: mqtt: %s\n", mqtt_error.c_str());
         return -1;
     }
     if (options.data_dir.empty() || !make_dirs(options.data_dir) ||
         !make_dirs(options.data_dir + "/kv")) {
-        std::fprintf(stderr, "hostkit: cannot make data directory '%s': %s\n",
-                     options.data_dir.c_str(), std::strerror(errno));
+        (void)std::fprintf(stderr, "hostkit: cannot make data directory '%s': %s\n",
+                           options.data_dir.c_str(), std::strerror(errno));
         internal::mqtt_net_stop();
         return -1;
     }
@@ -180,7 +183,7 @@ int32_t start(const Options &options) {
     // The spool loads what an earlier run left (its log lines at this run's level).
     std::string spool_error;
     if (!internal::spool_open(options, &spool_error)) {
-        std::fprintf(stderr, "hostkit: %s\n", spool_error.c_str());
+        (void)std::fprintf(stderr, "hostkit: %s\n", spool_error.c_str());
         internal::mqtt_net_stop();
         std::lock_guard<std::mutex> lock(g_mu);
         g_options.cloud.reset();

@@ -34,7 +34,7 @@ constexpr int32_t kNoRecord = -6; // the record does not exist
 constexpr size_t kMaxKeyLength = 64;
 constexpr char kRecordSuffix[] = ".rec";
 /// Files larger than this are not records of this store: refused rather than loaded.
-constexpr off_t kMaxRecordFile = 64 * 1024 * 1024;
+constexpr off_t kMaxRecordFile = off_t{64} * 1024 * 1024;
 
 std::mutex g_mu;
 std::string g_kv_dir; // "<data_dir>/kv", empty until kv_start
@@ -103,7 +103,9 @@ void remove_temp_files(const std::string &dir) {
     }
     closedir(d);
     for (const std::string &name : leftovers) {
-        std::string path = dir + "/" + name;
+        std::string path = dir;
+        path += '/';
+        path += name;
         if (unlink(path.c_str()) != 0 && errno != ENOENT) {
             hostkit::internal::log_error("kv: cannot remove %s: %s", path.c_str(),
                                          std::strerror(errno));

@@ -35,7 +35,7 @@ std::string error_text(int rc, int saved_errno) {
 }
 
 /// A CA file is a few certificates; more than this is not one.
-constexpr long kMaxCaFileBytes = 4 * 1024 * 1024;
+constexpr long kMaxCaFileBytes = 4L * 1024 * 1024;
 
 /// Opens path for reading; false with *error naming what the file was for.
 bool can_read(const std::string &path, const char *what, std::string *error) {
@@ -45,7 +45,7 @@ bool can_read(const std::string &path, const char *what, std::string *error) {
             std::string("cannot read the MQTT ") + what + " " + path + ": " + std::strerror(errno);
         return false;
     }
-    std::fclose(f);
+    (void)std::fclose(f); // opened for reading: nothing to lose on close
     return true;
 }
 
@@ -62,7 +62,7 @@ bool holds_pem_certificate(const std::string &path, std::string *error) {
            text.size() < static_cast<size_t>(kMaxCaFileBytes)) {
         text.append(buffer, n);
     }
-    std::fclose(f);
+    (void)std::fclose(f); // opened for reading: nothing to lose on close
     if (text.find("-----BEGIN CERTIFICATE-----") == std::string::npos) {
         *error = "the MQTT CA file " + path + " holds no PEM certificate";
         return false;

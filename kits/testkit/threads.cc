@@ -104,6 +104,7 @@ namespace tk {
 std::vector<ThreadInfo> threads() {
     std::lock_guard<std::mutex> lock(g_mu);
     std::vector<ThreadInfo> out;
+    out.reserve(g_threads.size());
     for (auto &t : g_threads) {
         out.push_back(
             ThreadInfo{t->name, t->stack_size, t->priority, t->handle_deleted, t->finished});

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sqlite3.h>
+#include <sstream>
 #include <unistd.h>
 
 #include "data_lock.h"
@@ -25,8 +26,12 @@ void write(const std::string &path, const std::string &content) {
 }
 
 std::string read_all(const std::string &path) {
+    // Through a string stream: gcc 12 at -O2 takes the istreambuf_iterator constructor for a
+    // possible null dereference (-Wnull-dereference), which fails the optimised build.
     std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
 }
 
 class DataDirectoryTest : public ServiceTest {
