@@ -6,6 +6,7 @@
 #include "answers.h"
 #include "durable_file.h"
 #include "gap_records.h"
+#include "limit_rules.h"
 #include "media_names.h"
 #include "service_core.h"
 
@@ -18,6 +19,7 @@ namespace {
 constexpr int32_t kOk = 200;
 constexpr int32_t kBadRequest = 400;
 constexpr int32_t kConflict = 409;
+constexpr int32_t kInsufficientStorage = 507;
 constexpr char kAlarmsFolder[] = "alarms";
 constexpr char kPictureSuffix[] = ".jpg";
 
@@ -44,6 +46,22 @@ Response answer_repeat(ServiceCore &core, MediaRow stored, uint64_t size,
         core.metadata->put_media(stored);
     }
     return stored.sha256 == sha256 ? json_answer(kOk, Json::object()) : conflict(stored.name);
+}
+
+/// Why a new media file of size bytes may not be stored now; empty when it may. The caller
+/// holds the mutex.
+std::string media_quota_refusal(const ServiceCore &core, const std::string &device, uint64_t size) {
+    return upload_quota_refusal(limits_in_force(core, device), core.metadata->usage(device), size);
+}
+
+std::string no_recording(uint32_t start) {
+    return "no recording started at " + std::to_string(start) +
+           ": send its start notification first";
+}
+
+/// Why one more alarm may not be taken today; empty when it may. The caller holds the mutex.
+std::string alarm_refusal(const ServiceCore &core, const std::string &device) {
+    return alarm_quota_refusal(limits_in_force(core, device), alarms_today(core, device));
 }
 
 /// Publishes a finished upload and commits its row; the caller holds the mutex.
@@ -85,12 +103,18 @@ Response stream_media_upload(ServiceCore &core, const std::string &device,
         std::lock_guard<std::mutex> lock(core.mutex);
         const std::optional<RecordingRow> recording = core.metadata->recording(device, *start);
         if (!recording || !recording->announced) {
-            return error_answer(kConflict, "no recording started at " + std::to_string(*start) +
-                                               ": send its start notification first");
+            return error_answer(kConflict, no_recording(*start));
         }
         const std::optional<MediaRow> stored = core.metadata->media(device, file_name);
         if (stored && stored->bytes != content_length) {
             return conflict(file_name);
+        }
+        // A file stored already takes no room again: only a new one counts against quota.
+        if (!stored) {
+            const std::string refusal = media_quota_refusal(core, device, content_length);
+            if (!refusal.empty()) {
+                return error_answer(kInsufficientStorage, refusal);
+            }
         }
     }
     const std::string object = device + "/" + std::to_string(*start) + "/" + file_name;
@@ -115,6 +139,14 @@ Response stream_media_upload(ServiceCore &core, const std::string &device,
     std::lock_guard<std::mutex> lock(core.mutex);
     if (std::optional<MediaRow> stored = core.metadata->media(device, file_name)) {
         return answer_repeat(core, std::move(*stored), upload->size(), upload->sha256());
+    }
+    // Checked again: other uploads or retention may have run while the body came.
+    if (!core.metadata->recording(device, *start)) {
+        return error_answer(kConflict, no_recording(*start));
+    }
+    const std::string refusal = media_quota_refusal(core, device, upload->size());
+    if (!refusal.empty()) {
+        return error_answer(kInsufficientStorage, refusal);
     }
     MediaRow row;
     row.device = device;
@@ -144,6 +176,10 @@ Response store_alarm_request(ServiceCore &core, const std::string &device,
     AlarmRow row;
     {
         std::lock_guard<std::mutex> lock(core.mutex);
+        const std::string refusal = alarm_refusal(core, device);
+        if (!refusal.empty()) {
+            return error_answer(kInsufficientStorage, refusal);
+        }
         row.id = core.next_alarm++;
     }
     row.device = device;
@@ -162,6 +198,14 @@ Response store_alarm_request(ServiceCore &core, const std::string &device,
         }
     }
     std::lock_guard<std::mutex> lock(core.mutex);
+    // Checked again: alarms posted at the same time may have used the quota up meanwhile.
+    const std::string refusal = alarm_refusal(core, device);
+    if (!refusal.empty()) {
+        if (!row.picture_object.empty()) {
+            core.media->remove(row.picture_object);
+        }
+        return error_answer(kInsufficientStorage, refusal);
+    }
     row.received = core.now();
     try {
         core.metadata->add_alarm(row);
