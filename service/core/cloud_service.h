@@ -156,7 +156,8 @@ struct Options {
     /// What storage/config answers as "addressSuffix": where the service is reached.
     std::string address_suffix = "embedded";
     /// Takes one line of the service's own log (no line end), e.g. a replayed start that
-    /// names a key the device never had. Empty: the line goes to stderr.
+    /// names a key the device never had. Empty: the line goes to stderr. Called from the
+    /// thread of the call that logs, or from the retention thread (retention_interval).
     std::function<void(const std::string &line)> log;
     /// Limits of every device that has none of its own (member by member).
     DeviceLimits default_limits;

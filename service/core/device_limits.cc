@@ -24,17 +24,20 @@ uint64_t alarms_today(const ServiceCore &core, const std::string &device) {
 bool Service::set_limits(const std::string &device, const LimitsChange &change,
                          std::string *error) {
     ServiceCore &core = impl_->core;
+    std::string problem;
     std::lock_guard<std::mutex> lock(core.mutex);
     if (!valid_device_id(device) || !find_device(core, device)) {
-        *error = "unknown device";
-        return false;
+        problem = "unknown device";
     }
     DeviceLimits limits = core.metadata->limits(device);
-    if (!apply_limits_change(&limits, change, error)) {
-        return false;
+    if (problem.empty() && apply_limits_change(&limits, change, &problem)) {
+        core.metadata->put_limits(device, limits);
+        return true;
     }
-    core.metadata->put_limits(device, limits);
-    return true;
+    if (error != nullptr) {
+        *error = problem;
+    }
+    return false;
 }
 
 DeviceLimits Service::limits(const std::string &device) const {
