@@ -76,8 +76,12 @@ bool try_store_order(ServiceCore &core, const std::string &device, const Order &
 
 // ---- exported calls ------------------------------------------------------------------------
 
-bool Service::set_order(const std::string &device, const OrderChange &change, std::string *error) {
+bool Service::set_order(const std::string &device, const OrderChange &change, std::string *error,
+                        AdminRefusal *why) {
     ServiceCore &core = impl_->core;
+    if (why != nullptr) {
+        *why = AdminRefusal::kBadValue;
+    }
     if (!valid_device_id(device)) {
         return fail(error, "invalid device id");
     }
@@ -86,6 +90,14 @@ bool Service::set_order(const std::string &device, const OrderChange &change, st
     bool stored = false;
     {
         std::lock_guard<std::mutex> lock(core.mutex);
+        if (!find_device(core, device) && !room_for_device(core)) {
+            if (why != nullptr) {
+                *why = AdminRefusal::kNoRoom;
+            }
+            return fail(error, "the service keeps at most " +
+                                   std::to_string(core.options.max_devices) +
+                                   " devices: no room for another");
+        }
         const DeviceState state = current_state(core, device);
         Order order = state.order;
         OrderChange effective = change;

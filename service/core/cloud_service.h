@@ -107,6 +107,37 @@ struct ServiceStats {
     uint64_t open_recordings = 0; // started and not stopped yet, over all devices
 };
 
+/// What a device may keep; unset: no limit.
+struct DeviceLimits {
+    std::optional<uint64_t> max_bytes;          // media bytes kept
+    std::optional<uint64_t> max_files;          // media files kept
+    std::optional<uint32_t> max_alarms_per_day; // alarms taken on one local day
+    std::optional<uint32_t> retention_days;     // closed recordings older are deleted
+    std::optional<uint64_t> retention_bytes;    // the oldest are deleted beyond this
+};
+
+/// A partial change of a device's limits: unset members stay as they are, 0 lifts a limit.
+struct LimitsChange {
+    std::optional<uint64_t> max_bytes;
+    std::optional<uint64_t> max_files;
+    std::optional<uint32_t> max_alarms_per_day;
+    std::optional<uint32_t> retention_days;
+    std::optional<uint64_t> retention_bytes;
+};
+
+/// What a device keeps now, measured against its limits.
+struct LimitsUsage {
+    uint64_t bytes = 0;        // media bytes kept
+    uint64_t files = 0;        // media files kept
+    uint64_t alarms_today = 0; // alarms of the service clock's local day
+};
+
+/// Why an admin change was refused.
+enum class AdminRefusal {
+    kBadValue, // a value out of range, an invalid device id, a store failure
+    kNoRoom,   // the change would create a device beyond Options::max_devices
+};
+
 struct Options {
     std::string data_dir;
     /// The service's clock, seconds since the epoch; "today" for the daily allowance is the
@@ -125,8 +156,17 @@ struct Options {
     /// What storage/config answers as "addressSuffix": where the service is reached.
     std::string address_suffix = "embedded";
     /// Takes one line of the service's own log (no line end), e.g. a replayed start that
-    /// names a key the device never had. Empty: the line goes to stderr.
+    /// names a key the device never had. Empty: the line goes to stderr. Called from the
+    /// thread of the call that logs, or from the retention thread (retention_interval).
     std::function<void(const std::string &line)> log;
+    /// Limits of every device that has none of its own (member by member).
+    DeviceLimits default_limits;
+    /// Most devices the service keeps; 0: no cap. A token of a device beyond it stops the
+    /// start (std::invalid_argument); an admin call that would create one is refused.
+    uint64_t max_devices = 0;
+    /// Seconds between two runs of expire_recordings() on a thread of the service's own;
+    /// 0: never (call it yourself).
+    uint32_t retention_interval = 0;
 };
 
 class Service {
@@ -158,7 +198,9 @@ class Service {
     // ---- admin ----
     /// Changes a device's order (creating the device if needed) and publishes it (protocol
     /// 300). An order change lifts an abort. False with *error when a value is out of range.
-    bool set_order(const std::string &device, const OrderChange &change, std::string *error);
+    /// *why (when not null) tells a refusal for want of room from a bad value.
+    bool set_order(const std::string &device, const OrderChange &change, std::string *error,
+                   AdminRefusal *why = nullptr);
     /// Aborts the order: storage/config then answers "none"; published as protocol 300.
     bool abort_order(const std::string &device, std::string *error);
     /// Asks the device for a remote recording or picture (protocol 307): action "pic",
@@ -167,7 +209,19 @@ class Service {
     bool trigger(const std::string &device, const std::string &action, int32_t duration,
                  const std::string &ext_json, std::string *error);
 
+    /// Changes a known device's own limits. False with *error for an unknown device or a
+    /// value out of range; nothing changes then.
+    bool set_limits(const std::string &device, const LimitsChange &change, std::string *error);
+    /// Deletes, for every device, the closed recordings its retention limits let go at the
+    /// service clock's now: their media files first, then their rows. One log line per
+    /// device that lost any. Returns how many recordings it deleted.
+    uint64_t expire_recordings();
+
     // ---- inspection ----
+    /// The limits in force for a device: its own where set, else Options::default_limits.
+    DeviceLimits limits(const std::string &device) const;
+    /// What a device keeps now and its alarms of today.
+    LimitsUsage usage(const std::string &device) const;
     std::optional<Order> order(const std::string &device) const;
     /// Events left today, as storage/config would answer now.
     int32_t count_left(const std::string &device) const;

@@ -25,4 +25,9 @@ void create_device(ServiceCore &core, const std::string &device, const Order &or
     core.metadata->put_device(device, state);
 }
 
+bool room_for_device(const ServiceCore &core) {
+    return core.options.max_devices == 0 ||
+           core.metadata->device_count() < core.options.max_devices;
+}
+
 } // namespace vexo_cloud

@@ -7,6 +7,7 @@
 #include "answers.h"
 #include "durable_file.h"
 #include "gap_records.h"
+#include "limit_rules.h"
 #include "media_names.h"
 #include "service_core.h"
 
@@ -19,6 +20,7 @@ namespace {
 constexpr int32_t kOk = 200;
 constexpr int32_t kBadRequest = 400;
 constexpr int32_t kConflict = 409;
+constexpr int32_t kInsufficientStorage = 507;
 constexpr char kAlarmsFolder[] = "alarms";
 constexpr char kPictureSuffix[] = ".jpg";
 
@@ -45,6 +47,22 @@ Response answer_repeat(ServiceCore &core, MediaRow stored, uint64_t size,
         core.metadata->put_media(stored);
     }
     return stored.sha256 == sha256 ? json_answer(kOk, Json::object()) : conflict(stored.name);
+}
+
+/// Why a new media file of size bytes may not be stored now; empty when it may. The caller
+/// holds the mutex.
+std::string media_quota_refusal(const ServiceCore &core, const std::string &device, uint64_t size) {
+    return upload_quota_refusal(limits_in_force(core, device), core.metadata->usage(device), size);
+}
+
+std::string no_recording(uint32_t start) {
+    return "no recording started at " + std::to_string(start) +
+           ": send its start notification first";
+}
+
+/// Why one more alarm may not be taken today; empty when it may. The caller holds the mutex.
+std::string alarm_refusal(const ServiceCore &core, const std::string &device) {
+    return alarm_quota_refusal(limits_in_force(core, device), alarms_today(core, device));
 }
 
 /// Commits the row of an upload published under its name; the caller holds the mutex. When
@@ -94,12 +112,18 @@ Response stream_media_upload(ServiceCore &core, const std::string &device,
         std::lock_guard<std::mutex> lock(core.mutex);
         const std::optional<RecordingRow> recording = core.metadata->recording(device, *start);
         if (!recording || !recording->announced) {
-            return error_answer(kConflict, "no recording started at " + std::to_string(*start) +
-                                               ": send its start notification first");
+            return error_answer(kConflict, no_recording(*start));
         }
         const std::optional<MediaRow> stored = core.metadata->media(device, file_name);
         if (stored && stored->bytes != content_length) {
             return conflict(file_name);
+        }
+        // A file stored already takes no room again: only a new one counts against quota.
+        if (!stored) {
+            const std::string refusal = media_quota_refusal(core, device, content_length);
+            if (!refusal.empty()) {
+                return error_answer(kInsufficientStorage, refusal);
+            }
         }
     }
     const std::string object = device + "/" + std::to_string(*start) + "/" + file_name;
@@ -126,6 +150,24 @@ Response stream_media_upload(ServiceCore &core, const std::string &device,
     // The row, committed under the lock, is what makes it count.
     const bool published = upload->commit();
     std::lock_guard<std::mutex> lock(core.mutex);
+    // Checked again: other uploads or retention may have run while the body came. A repeat
+    // of a stored file is answered by commit_media whatever the quota.
+    if (!core.metadata->media(device, file_name)) {
+        std::string refusal;
+        int32_t status = kConflict;
+        if (!core.metadata->recording(device, *start)) {
+            refusal = no_recording(*start);
+        } else {
+            refusal = media_quota_refusal(core, device, upload->size());
+            status = kInsufficientStorage;
+        }
+        if (!refusal.empty()) {
+            if (published) {
+                core.media->remove(object); // published, never acknowledged
+            }
+            return error_answer(status, refusal);
+        }
+    }
     MediaRow row;
     row.device = device;
     row.start_time = *start;
@@ -154,6 +196,10 @@ Response store_alarm_request(ServiceCore &core, const std::string &device,
     AlarmRow row;
     {
         std::lock_guard<std::mutex> lock(core.mutex);
+        const std::string refusal = alarm_refusal(core, device);
+        if (!refusal.empty()) {
+            return error_answer(kInsufficientStorage, refusal);
+        }
         row.id = core.next_alarm++;
     }
     row.device = device;
@@ -172,6 +218,14 @@ Response store_alarm_request(ServiceCore &core, const std::string &device,
         }
     }
     std::lock_guard<std::mutex> lock(core.mutex);
+    // Checked again: alarms posted at the same time may have used the quota up meanwhile.
+    const std::string refusal = alarm_refusal(core, device);
+    if (!refusal.empty()) {
+        if (!row.picture_object.empty()) {
+            core.media->remove(row.picture_object);
+        }
+        return error_answer(kInsufficientStorage, refusal);
+    }
     row.received = core.now();
     try {
         core.metadata->add_alarm(row);

@@ -72,4 +72,15 @@ std::vector<uint32_t> recordings_to_expire(const DeviceLimits &limits,
     return expired;
 }
 
+DeviceLimits effective_limits(const DeviceLimits &own, const DeviceLimits &defaults) {
+    DeviceLimits limits;
+    limits.max_bytes = own.max_bytes ? own.max_bytes : defaults.max_bytes;
+    limits.max_files = own.max_files ? own.max_files : defaults.max_files;
+    limits.max_alarms_per_day =
+        own.max_alarms_per_day ? own.max_alarms_per_day : defaults.max_alarms_per_day;
+    limits.retention_days = own.retention_days ? own.retention_days : defaults.retention_days;
+    limits.retention_bytes = own.retention_bytes ? own.retention_bytes : defaults.retention_bytes;
+    return limits;
+}
+
 } // namespace vexo_cloud

@@ -12,15 +12,6 @@
 
 namespace vexo_cloud {
 
-/// A partial change of a device's limits: unset members stay as they are, 0 lifts a limit.
-struct LimitsChange {
-    std::optional<uint64_t> max_bytes;
-    std::optional<uint64_t> max_files;
-    std::optional<uint32_t> max_alarms_per_day;
-    std::optional<uint32_t> retention_days;
-    std::optional<uint64_t> retention_bytes;
-};
-
 /// The longest retention an admin may set: about a hundred years.
 constexpr uint32_t kMaxRetentionDays = 36500;
 
@@ -44,6 +35,9 @@ std::string alarm_quota_refusal(const DeviceLimits &limits, uint64_t alarms_toda
 std::vector<uint32_t> recordings_to_expire(const DeviceLimits &limits,
                                            const std::vector<RecordingUsage> &recordings,
                                            uint32_t now);
+
+/// The limits in force: own where set, else defaults, member by member.
+DeviceLimits effective_limits(const DeviceLimits &own, const DeviceLimits &defaults);
 
 } // namespace vexo_cloud
 

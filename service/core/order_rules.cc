@@ -104,6 +104,29 @@ int32_t local_day(uint32_t time) {
     return (local.tm_year + 1900) * 10000 + (local.tm_mon + 1) * 100 + local.tm_mday;
 }
 
+void local_day_span(uint32_t time, uint32_t *from, uint32_t *to) {
+    const time_t t = static_cast<time_t>(time);
+    struct tm local {};
+    if (localtime_r(&t, &local) == nullptr) {
+        *from = time;
+        *to = time + 1;
+        return;
+    }
+    local.tm_hour = 0;
+    local.tm_min = 0;
+    local.tm_sec = 0;
+    local.tm_isdst = -1; // midnight may be on the other side of a daylight saving change
+    const time_t start = mktime(&local);
+    local.tm_mday += 1;
+    local.tm_isdst = -1;
+    const time_t end = mktime(&local);
+    const auto clamp = [](time_t value) {
+        return static_cast<uint32_t>(std::clamp<int64_t>(value, 0, UINT32_MAX));
+    };
+    *from = start == -1 ? time : clamp(start);
+    *to = end == -1 || end <= start ? *from + 86400 : clamp(end);
+}
+
 int32_t events_left(const Order &order, const Allowance &allowance, int32_t today) {
     const int32_t used = allowance.day == today ? allowance.events_started : 0;
     return used >= order.daily_events ? 0 : order.daily_events - used;

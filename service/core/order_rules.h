@@ -31,6 +31,9 @@ bool counts_against_allowance(const Order &order);
 /// The local calendar date (TZ) of a time, as yyyymmdd.
 int32_t local_day(uint32_t time);
 
+/// The local day (TZ) of a time as [*from, *to), seconds since the epoch.
+void local_day_span(uint32_t time, uint32_t *from, uint32_t *to);
+
 /// Events left on day today: the allowance less today's starts, never below zero.
 int32_t events_left(const Order &order, const Allowance &allowance, int32_t today);
 

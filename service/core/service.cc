@@ -69,10 +69,28 @@ Service::Service(Options options) : impl_(std::make_unique<Impl>()) {
     reconcile_media(core);
     std::lock_guard<std::mutex> lock(core.mutex);
     core.next_alarm = core.metadata->last_alarm_id() + 1;
+    std::vector<std::string> new_devices;
     for (const auto &item : core.options.tokens) {
         if (!find_device(core, item.first)) {
-            create_device(core, item.first, core.options.default_order);
+            new_devices.push_back(item.first);
         }
+    }
+    // All or none: a start that would pass the cap creates none of them.
+    const uint64_t cap = core.options.max_devices;
+    if (cap != 0 && core.metadata->device_count() + new_devices.size() > cap) {
+        throw std::invalid_argument(
+            "the tokens name " + std::to_string(new_devices.size()) + " new devices; with the " +
+            std::to_string(core.metadata->device_count()) + " known that passes the cap of " +
+            std::to_string(cap) + " devices");
+    }
+    core.metadata->transaction([&] {
+        for (const std::string &device : new_devices) {
+            create_device(core, device, core.options.default_order);
+        }
+    });
+    if (core.options.retention_interval > 0) {
+        impl_->retention = std::make_unique<RepeatingTask>(core.options.retention_interval,
+                                                           [&core] { run_retention(core); });
     }
 }
 

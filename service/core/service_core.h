@@ -13,6 +13,7 @@
 #include "device_state.h"
 #include "media_store.h"
 #include "metadata_store.h"
+#include "repeating_task.h"
 
 namespace vexo_cloud {
 
@@ -37,6 +38,8 @@ struct ServiceCore {
 /// The service's state behind the public class.
 struct Service::Impl {
     ServiceCore core;
+    /// Runs retention now and then; declared last, so it stops before the core goes.
+    std::unique_ptr<RepeatingTask> retention;
 };
 
 // ---- start-up (the constructor runs them in this order) ----
@@ -63,6 +66,25 @@ DeviceState known_device(const ServiceCore &core, const std::string &device);
 
 /// Makes a new device with order.
 void create_device(ServiceCore &core, const std::string &device, const Order &order);
+
+/// False when options.max_devices devices are known already.
+bool room_for_device(const ServiceCore &core);
+
+// ---- limits (the caller holds core.mutex) ----
+
+/// The limits in force for a device: its own where set, else the default limits.
+DeviceLimits limits_in_force(const ServiceCore &core, const std::string &device);
+
+/// A device's alarms of the service clock's local day.
+uint64_t alarms_today(const ServiceCore &core, const std::string &device);
+
+// ---- retention (each takes the mutex itself) ----
+
+/// Service::expire_recordings.
+uint64_t expire_all_recordings(ServiceCore &core);
+
+/// One run of the retention thread: expire_all_recordings, a failure logged, never thrown.
+void run_retention(ServiceCore &core);
 
 // ---- request handlers: the device is valid, known and authenticated ----
 // Each takes the mutex itself; FileError, StoreError and other exceptions reach the router.

@@ -4,7 +4,11 @@
 
 #include <openssl/crypto.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <filesystem>
+#include <iterator>
+#include <limits>
 #include <optional>
 
 #include "answers.h"
@@ -23,6 +27,7 @@ constexpr int32_t kUnauthorized = 401;
 constexpr int32_t kNotFound = 404;
 constexpr int32_t kMethodNotAllowed = 405;
 constexpr int32_t kInternalError = 500;
+constexpr int32_t kInsufficientStorage = 507;
 constexpr char kDevices[] = "devices";
 /// Numbers of a request that do not fit (1e300, 2147483648, 1.5) are refused, never cut.
 constexpr char kWholeNumber[] = "must be a whole number from -2147483648 to 2147483647";
@@ -112,8 +117,10 @@ Response change_order(Service &service, const std::string &device, const std::st
     if (!change) {
         return error_answer(kBadRequest, error);
     }
-    if (!service.set_order(device, *change, &error)) {
-        return error_answer(kBadRequest, error);
+    AdminRefusal why = AdminRefusal::kBadValue;
+    if (!service.set_order(device, *change, &error, &why)) {
+        return error_answer(why == AdminRefusal::kNoRoom ? kInsufficientStorage : kBadRequest,
+                            error);
     }
     return order_answer(service, device);
 }
@@ -150,6 +157,94 @@ Response trigger(Service &service, const std::string &device, const std::string 
     return json_answer(kOk, Json{{"device", device}, {"action", action}, {"duration", duration}});
 }
 
+/// A limit as JSON: null for none.
+template <typename Number> Json limit_json(const std::optional<Number> &limit) {
+    return limit ? Json(*limit) : Json(nullptr);
+}
+
+Json limits_json(const DeviceLimits &limits) {
+    return Json{{"maxBytes", limit_json(limits.max_bytes)},
+                {"maxFiles", limit_json(limits.max_files)},
+                {"alarmsPerDay", limit_json(limits.max_alarms_per_day)},
+                {"retentionDays", limit_json(limits.retention_days)},
+                {"retentionBytes", limit_json(limits.retention_bytes)}};
+}
+
+Json usage_json(const LimitsUsage &usage) {
+    return Json{
+        {"bytes", usage.bytes}, {"files", usage.files}, {"alarmsToday", usage.alarms_today}};
+}
+
+Response limits_answer(const Service &service, const std::string &device) {
+    if (!service.order(device)) {
+        return error_answer(kNotFound, "unknown device");
+    }
+    Json body = limits_json(service.limits(device));
+    body["usage"] = usage_json(service.usage(device));
+    return json_answer(kOk, body);
+}
+
+/// One member of a PUT limits body into *out: null lifts the limit (as 0 does).
+template <typename Number>
+bool limit_member(const Json &object, const char *key, std::optional<Number> *out,
+                  std::string *error) {
+    if (!object.contains(key)) {
+        return true;
+    }
+    if (object.at(key).is_null()) {
+        *out = 0;
+        return true;
+    }
+    uint64_t value = 0;
+    if (!get_u64(object, key, &value) || value > std::numeric_limits<Number>::max()) {
+        *error = "\"" + std::string(key) + "\" must be a whole number from 0 to " +
+                 std::to_string(std::numeric_limits<Number>::max()) + ", or null";
+        return false;
+    }
+    *out = static_cast<Number>(value);
+    return true;
+}
+
+std::optional<LimitsChange> parse_limits_change(const std::string &body, std::string *error) {
+    const std::optional<Json> object = parse_body(body, error);
+    if (!object) {
+        return std::nullopt;
+    }
+    static const char *const kMembers[] = {"maxBytes", "maxFiles", "alarmsPerDay", "retentionDays",
+                                           "retentionBytes"};
+    for (const auto &member : object->items()) {
+        if (std::find(std::begin(kMembers), std::end(kMembers), member.key()) ==
+            std::end(kMembers)) {
+            *error = "unknown member \"" + member.key() + "\"";
+            return std::nullopt;
+        }
+    }
+    LimitsChange change;
+    if (!limit_member(*object, "maxBytes", &change.max_bytes, error) ||
+        !limit_member(*object, "maxFiles", &change.max_files, error) ||
+        !limit_member(*object, "alarmsPerDay", &change.max_alarms_per_day, error) ||
+        !limit_member(*object, "retentionDays", &change.retention_days, error) ||
+        !limit_member(*object, "retentionBytes", &change.retention_bytes, error)) {
+        return std::nullopt;
+    }
+    return change;
+}
+
+Response change_limits(Service &service, const std::string &device, const std::string &body) {
+    if (!service.order(device)) {
+        return error_answer(kNotFound, "unknown device");
+    }
+    std::string error;
+    const std::optional<LimitsChange> change = parse_limits_change(body, &error);
+    if (!change) {
+        return error_answer(kBadRequest, error);
+    }
+    if (!service.set_limits(device, *change, &error)) {
+        return error_answer(kBadRequest, error);
+    }
+    return limits_answer(service, device);
+}
+
 Response list_recordings(const Service &service, const std::string &device) {
     if (!service.order(device)) {
         return error_answer(kNotFound, "unknown device");
@@ -176,7 +271,10 @@ Response list_recordings(const Service &service, const std::string &device) {
         gaps.push_back(
             Json{{"from", gap.from}, {"to", gap.to}, {"reason", gap.reason}, {"bytes", gap.bytes}});
     }
-    return json_answer(kOk, Json{{"recordings", list}, {"gaps", gaps}});
+    return json_answer(kOk, Json{{"recordings", list},
+                                 {"gaps", gaps},
+                                 {"limits", limits_json(service.limits(device))},
+                                 {"usage", usage_json(service.usage(device))}});
 }
 
 Response list_alarms(const Service &service, const std::string &device) {
@@ -225,8 +323,12 @@ Response route(Service &service, const Request &request) {
         return list_recordings(service, device);
     } else if (what == "alarms" && get) {
         return list_alarms(service, device);
+    } else if (what == "limits" && get) {
+        return limits_answer(service, device);
+    } else if (what == "limits" && request.method == "PUT") {
+        return change_limits(service, device, request.body);
     } else if (what != "abort" && what != "trigger" && what != "recordings" && what != "alarms" &&
-               what != "order") {
+               what != "order" && what != "limits") {
         return error_answer(kNotFound, "no such resource");
     }
     return error_answer(kMethodNotAllowed, "method " + request.method + " not allowed");
@@ -247,7 +349,10 @@ Response handle_admin(Service &service, const Request &request, const std::strin
     try {
         return route(service, request);
     } catch (const std::exception &e) {
-        return error_answer(kInternalError, e.what());
+        // The detail (a database or file path, say) is for the operator, not the client.
+        std::fprintf(stderr, "vexo-cloud: %s %s failed: %s\n", request.method.c_str(),
+                     request.path.c_str(), e.what());
+        return error_answer(kInternalError, "internal error");
     }
 }
 

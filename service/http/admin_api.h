@@ -19,9 +19,21 @@
 ///                                              lists by time
 ///   GET  /v1/admin/devices/D/alarms            {"alarms":[{"time","withPicture","extra",
 ///                                               "pictureBytes"}]}
+///   GET  /v1/admin/devices/D/limits            the limits in force (below) and
+///                                              "usage":{"bytes","files","alarmsToday"}
+///   PUT  /v1/admin/devices/D/limits            change the device's own limits: any of
+///                                              the members below; 0 or null lifts one
+///                                              (the service's default applies again),
+///                                              an absent one stays; answers as GET
+///
+/// The recordings answer also has "limits" and "usage" as the limits call answers them.
+/// Limits: {"maxBytes","maxFiles","alarmsPerDay","retentionDays","retentionBytes"}, each a
+/// whole number or null for none; the device's own where set, else the service's default.
+/// An order change that would create a device beyond the service's device cap gets 507.
 ///
 /// The order: {"storeMode","eventDuration","sliceDuration","silenceInterval","dailyEvents",
-/// "countLeft","expired","aborted"}. Refusals are 4xx with {"error":"..."}.
+/// "countLeft","expired","aborted"}. Refusals are 4xx with {"error":"..."}; a failure inside
+/// the service is 500 {"error":"internal error"}, its detail on stderr.
 #ifndef VEXO_CLOUD_ADMIN_API_H
 #define VEXO_CLOUD_ADMIN_API_H
 

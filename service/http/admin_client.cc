@@ -64,7 +64,7 @@ int run_admin_command(const AdminCommand &command) {
                          error.c_str());
             return 2;
         }
-        std::fputs(table->c_str(), stdout);
+        std::fputs((limits_summary(command.device, *body) + table.value()).c_str(), stdout);
         return 0;
     }
     std::printf("%s\n", body ? to_text(*body, 2).c_str() : result->body.c_str());

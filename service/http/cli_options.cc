@@ -9,9 +9,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <limits>
+#include <utility>
 #include <vector>
 
 #include "json_fields.h"
+#include "limit_rules.h"
 #include "option_table.h"
 
 namespace vexo_cloud {
@@ -29,6 +32,9 @@ constexpr char kUsage[] =
     "                   [--idle-timeout S]\n"
     "                   [--mqtt-ca FILE] [--mqtt-cert FILE --mqtt-key FILE]\n"
     "                   [--mqtt-user NAME [--mqtt-password-file FILE]]\n"
+    "                   [--max-devices N] [--quota-bytes N] [--quota-files N]\n"
+    "                   [--quota-alarms N] [--retention-days N] [--retention-bytes N]\n"
+    "                   [--retention-every S]\n"
     "      Serves the devices' cloud protocol and the admin interface. --listen defaults to\n"
     "      127.0.0.1:8080 (port 0: any free port; the line \"vexo-cloud: listening on URL\"\n"
     "      says which). With --token, devices must send their bearer token. Without\n"
@@ -40,6 +46,12 @@ constexpr char kUsage[] =
     "      system's authorities); --mqtt-cert/--mqtt-key give a client certificate. The\n"
     "      broker password is the first line of --mqtt-password-file, or else\n"
     "      $VEXO_MQTT_PASSWORD when set.\n"
+    "      --max-devices caps the devices kept (an admin call for one more gets 507).\n"
+    "      --quota-bytes, --quota-files (media kept) and --quota-alarms (alarms a day)\n"
+    "      refuse uploads past them with 507; --retention-days and --retention-bytes\n"
+    "      delete a device's oldest closed recordings, checked every --retention-every\n"
+    "      seconds (default 3600; 0: never). They apply to every device without limits of\n"
+    "      its own (see limits); 0 or absent: no limit.\n"
     "\n"
     "  vexo-cloud order DEVICE [--store-mode alltime|event|none] [--event-duration S]\n"
     "                   [--slice S] [--silence S] [--daily N] [--count-left N]\n"
@@ -51,6 +63,10 @@ constexpr char kUsage[] =
     "                                              reported, by time; a recording without\n"
     "                                              an end is \"open\" or, once clearly over,\n"
     "                                              \"left open by the camera\"\n"
+    "  vexo-cloud limits DEVICE [--max-bytes N] [--max-files N] [--alarms-per-day N]\n"
+    "                   [--retention-days N] [--retention-bytes N]\n"
+    "                                              show or change the device's own limits\n"
+    "                                              (0 lifts one); shows those in force\n"
     "  vexo-cloud alarms DEVICE | devices\n"
     "      Admin commands talk to a running service: --server URL (default\n"
     "      $VEXO_CLOUD_URL or http://127.0.0.1:8080), --admin-token TOKEN, --ca FILE.\n";
@@ -109,6 +125,30 @@ bool parse_seconds(const std::string &text, Millis *out) {
     }
     *out = Millis(seconds * 1000);
     return true;
+}
+
+/// A whole number 0..high into an optional limit, 0 leaving it unset; false for anything else.
+template <typename Number> bool parse_limit(const std::string &text, std::optional<Number> *limit) {
+    int64_t value = 0;
+    const int64_t high = static_cast<int64_t>(
+        std::min<uint64_t>(std::numeric_limits<Number>::max(), uint64_t{1} << 50));
+    if (!parse_int(text, 0, high, &value)) {
+        return false;
+    }
+    *limit = value == 0 ? std::nullopt : std::optional<Number>(static_cast<Number>(value));
+    return true;
+}
+
+/// A table entry that reads a limit into *limit.
+template <typename Number>
+vexo_cli::Option limit_option(const char *name, std::optional<Number> *limit) {
+    return {name, true, "", [name, limit](const std::string &value, std::string *error) {
+                if (!parse_limit(value, limit)) {
+                    *error = std::string(name) + " takes a whole number from 0 (no limit)";
+                    return false;
+                }
+                return true;
+            }};
 }
 
 std::optional<Command> parse_serve(const std::vector<std::string> &args) {
@@ -182,6 +222,31 @@ std::optional<Command> parse_serve(const std::vector<std::string> &args) {
         {"--head-timeout", true, "", seconds("--head-timeout", &o.http.limits.head_timeout)},
         {"--body-timeout", true, "", seconds("--body-timeout", &o.http.limits.body_idle_timeout)},
         {"--idle-timeout", true, "", seconds("--idle-timeout", &o.http.limits.keep_alive_timeout)},
+        {"--max-devices", true, "",
+         [&o](const std::string &value, std::string *error) {
+             int64_t devices = 0;
+             if (!parse_int(value, 0, int64_t{1} << 40, &devices)) {
+                 *error = "--max-devices takes a number of devices (0: no cap)";
+                 return false;
+             }
+             o.max_devices = static_cast<uint64_t>(devices);
+             return true;
+         }},
+        limit_option("--quota-bytes", &o.default_limits.max_bytes),
+        limit_option("--quota-files", &o.default_limits.max_files),
+        limit_option("--quota-alarms", &o.default_limits.max_alarms_per_day),
+        limit_option("--retention-days", &o.default_limits.retention_days),
+        limit_option("--retention-bytes", &o.default_limits.retention_bytes),
+        {"--retention-every", true, "",
+         [&o](const std::string &value, std::string *error) {
+             int64_t interval = 0;
+             if (!parse_int(value, 0, 31 * 86400, &interval)) {
+                 *error = "--retention-every takes seconds from 0 (never) to 2678400";
+                 return false;
+             }
+             o.retention_interval = static_cast<uint32_t>(interval);
+             return true;
+         }},
     };
     vexo_cli::Syntax syntax;
     syntax.last_word_needs_value = true;
@@ -192,6 +257,9 @@ std::optional<Command> parse_serve(const std::vector<std::string> &args) {
     }
     if (o.data_dir.empty()) {
         return fail("serve needs --data DIR");
+    }
+    if (o.default_limits.retention_days.value_or(0) > kMaxRetentionDays) {
+        return fail("--retention-days takes 0.." + std::to_string(kMaxRetentionDays));
     }
     if (!parse_listen(listen, &o.http.host, &o.http.port)) {
         return fail("--listen takes HOST:PORT, not \"" + listen + "\"");
@@ -312,6 +380,28 @@ std::optional<Command> parse_admin(const std::string &verb, const std::vector<st
                  return true;
              }});
     }
+    if (verb == "limits") {
+        static const std::pair<const char *, const char *> kLimits[] = {
+            {"--max-bytes", "maxBytes"},
+            {"--max-files", "maxFiles"},
+            {"--alarms-per-day", "alarmsPerDay"},
+            {"--retention-days", "retentionDays"},
+            {"--retention-bytes", "retentionBytes"}};
+        for (const auto &[option, member] : kLimits) {
+            table.push_back({option, true, "",
+                             [&change, option = option, member = member](const std::string &value,
+                                                                         std::string *error) {
+                                 int64_t number = 0;
+                                 if (!parse_int(value, 0, int64_t{1} << 50, &number)) {
+                                     *error = std::string(option) +
+                                              " takes a whole number from 0 (no limit)";
+                                     return false;
+                                 }
+                                 change[member] = number;
+                                 return true;
+                             }});
+        }
+    }
     if (verb == "order") {
         for (const char *option : {"--store-mode", "--expired", "--event-duration", "--slice",
                                    "--silence", "--daily", "--count-left"}) {
@@ -337,13 +427,14 @@ std::optional<Command> parse_admin(const std::string &verb, const std::vector<st
                      : wanted == 1 ? "a device"
                                    : "a device and an action"));
     }
+    a.device = wanted == 0 ? "" : words[0];
     const std::string device_path = wanted == 0 ? "" : "/v1/admin/devices/" + words[0];
     if (verb == "devices") {
         a.method = "GET";
         a.path = "/v1/admin/devices";
-    } else if (verb == "order") {
+    } else if (verb == "order" || verb == "limits") {
         a.method = change.empty() ? "GET" : "PUT";
-        a.path = device_path + "/order";
+        a.path = device_path + "/" + verb;
         a.body = change.empty() ? "" : to_text(change);
     } else if (verb == "abort") {
         a.method = "POST";
@@ -427,7 +518,8 @@ std::optional<Command> parse_command_line(int argc, char **argv, bool *exit_now)
     if (verb == "serve") {
         return parse_serve(args);
     }
-    for (const char *admin : {"order", "abort", "trigger", "recordings", "alarms", "devices"}) {
+    for (const char *admin :
+         {"order", "abort", "trigger", "recordings", "alarms", "limits", "devices"}) {
         if (verb == admin) {
             return parse_admin(verb, args);
         }

@@ -1,5 +1,5 @@
 /// The command line of vexo-cloud: "serve" runs the service; the admin commands ("order",
-/// "abort", "trigger", "recordings", "alarms", "devices") call a running service's admin
+/// "abort", "trigger", "recordings", "alarms", "limits", "devices") call a running service's admin
 /// interface.
 #ifndef VEXO_CLOUD_CLI_OPTIONS_H
 #define VEXO_CLOUD_CLI_OPTIONS_H
@@ -20,6 +20,9 @@ struct ServeOptions {
     std::string mqtt_url;                      ///< empty: nothing is published
     MqttSecurity mqtt_security;                ///< TLS files and login for mqtt_url
     std::map<std::string, std::string> tokens; ///< device -> bearer token
+    DeviceLimits default_limits;               ///< of every device without its own
+    uint64_t max_devices = 0;                  ///< 0: no cap
+    uint32_t retention_interval = 3600;        ///< seconds between retention runs; 0: never
 };
 
 struct AdminCommand {
@@ -28,6 +31,7 @@ struct AdminCommand {
     std::string ca_file; ///< for an https server with its own certificate
     std::string method;  ///< of the admin request
     std::string path;    ///< below the server, e.g. "/v1/admin/devices/D/order"
+    std::string device;  ///< the device the command is about; empty for "devices"
     std::string body;    ///< JSON, or empty
     /// Print a recordings answer as a table (the recordings command without --json); else
     /// the answer's JSON.

@@ -4,6 +4,8 @@
 /// waiting step decides what follows (a 408, or closing).
 #include "http_connection.h"
 
+#include <cstdio>
+
 #include <boost/asio/dispatch.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/ssl/stream.hpp>
@@ -315,7 +317,10 @@ class HttpConnection final : public Connection,
             try {
                 answer = self->answer();
             } catch (const std::exception &e) {
-                answer = error_answer(kInternalError, e.what());
+                // The detail may name server paths: the log has it, the client a generic text.
+                std::fprintf(stderr, "vexo-cloud: %s %s failed: %s\n", self->head_.method.c_str(),
+                             self->head_.path.c_str(), e.what());
+                answer = error_answer(kInternalError, "internal error");
             }
             asio::post(self->stream_.get_executor(),
                        [self, answer = std::move(answer)] { self->send(answer, false); });

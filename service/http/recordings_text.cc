@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
+#include <iterator>
 #include <vector>
 
 #include "cloud_service.h"
@@ -120,6 +121,72 @@ std::optional<std::string> recordings_text(const Json &answer, std::string *erro
         text += gap_text(gaps[g]) + "\n";
     }
     return text;
+}
+
+std::string size_text(uint64_t bytes) {
+    static const char *const kUnits[] = {"kB", "MB", "GB", "TB", "PB"};
+    if (bytes < 1000) {
+        return std::to_string(bytes) + (bytes == 1 ? " byte" : " bytes");
+    }
+    double value = static_cast<double>(bytes) / 1000;
+    size_t unit = 0;
+    while (value >= 999.95 && unit + 1 < std::size(kUnits)) {
+        value /= 1000;
+        ++unit;
+    }
+    char text[32];
+    std::snprintf(text, sizeof text, "%.1f", value);
+    std::string number = text;
+    if (number.size() > 2 && number.compare(number.size() - 2, 2, ".0") == 0) {
+        number.resize(number.size() - 2);
+    }
+    return number + " " + kUnits[unit];
+}
+
+std::string limits_summary(const std::string &device, const Json &answer) {
+    if (!answer.contains("usage") || !answer.at("usage").is_object()) {
+        return "";
+    }
+    const Json &usage = answer.at("usage");
+    const Json limits = answer.contains("limits") && answer.at("limits").is_object()
+                            ? answer.at("limits")
+                            : Json::object();
+    uint64_t files = 0;
+    uint64_t bytes = 0;
+    get_u64(usage, "files", &files);
+    get_u64(usage, "bytes", &bytes);
+    const auto limit = [&limits](const char *key) {
+        uint64_t value = 0;
+        return get_u64(limits, key, &value) && value > 0 ? std::optional<uint64_t>(value)
+                                                         : std::nullopt;
+    };
+    const auto join = [](const std::vector<std::string> &parts) {
+        std::string text;
+        for (const std::string &part : parts) {
+            text += (text.empty() ? "" : ", ") + part;
+        }
+        return text;
+    };
+    std::vector<std::string> quota;
+    if (const auto max_bytes = limit("maxBytes")) {
+        quota.push_back(size_text(*max_bytes));
+    }
+    if (const auto max_files = limit("maxFiles")) {
+        quota.push_back(std::to_string(*max_files) + " files");
+    }
+    if (const auto alarms = limit("alarmsPerDay")) {
+        quota.push_back(std::to_string(*alarms) + " alarms a day");
+    }
+    std::vector<std::string> retention;
+    if (const auto days = limit("retentionDays")) {
+        retention.push_back(std::to_string(*days) + (*days == 1 ? " day" : " days"));
+    }
+    if (const auto kept = limit("retentionBytes")) {
+        retention.push_back(size_text(*kept));
+    }
+    return device + ": " + std::to_string(files) + (files == 1 ? " file, " : " files, ") +
+           size_text(bytes) + " kept; " + (quota.empty() ? "no quota" : "quota " + join(quota)) +
+           "; " + (retention.empty() ? "no retention" : "retention " + join(retention)) + "\n";
 }
 
 } // namespace vexo_cloud

@@ -43,6 +43,9 @@ int serve(const ServeOptions &options) {
     service_options.data_dir = options.data_dir;
     service_options.tokens = options.tokens;
     service_options.max_body = options.http.max_body;
+    service_options.default_limits = options.default_limits;
+    service_options.max_devices = options.max_devices;
+    service_options.retention_interval = options.retention_interval;
     service_options.address_suffix = options.http.host + ":" + std::to_string(server->port());
     MqttPublisher *publisher = mqtt.get();
     service_options.publish = [publisher](const std::string &device, const std::string &payload) {

@@ -45,6 +45,8 @@ class MetadataStore {
     virtual std::optional<RecordingRow> recording(const std::string &device,
                                                   uint32_t start_time) = 0;
     virtual void put_recording(const RecordingRow &recording) = 0;
+    /// Removes a recording and the rows of its media files, in one transaction.
+    virtual void remove_recording(const std::string &device, uint32_t start_time) = 0;
     /// By device, then start time; device empty: every device.
     virtual std::vector<RecordingRow> recordings(const std::string &device) = 0;
     virtual std::optional<MediaRow> media(const std::string &device, const std::string &name) = 0;

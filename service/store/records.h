@@ -70,15 +70,6 @@ struct AlarmRow {
     uint32_t received = 0;
 };
 
-/// Per-device limits a storage policy enforces; unset: no limit.
-struct DeviceLimits {
-    std::optional<uint64_t> max_bytes;
-    std::optional<uint64_t> max_files;
-    std::optional<uint32_t> max_alarms_per_day;
-    std::optional<uint32_t> retention_days;
-    std::optional<uint64_t> retention_bytes;
-};
-
 struct DeviceUsage {
     uint64_t bytes = 0;
     uint64_t files = 0;

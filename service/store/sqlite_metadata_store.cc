@@ -249,6 +249,24 @@ void SqliteMetadataStore::put_recording(const RecordingRow &r) {
         .run();
 }
 
+void SqliteMetadataStore::remove_recording(const std::string &device, uint32_t start_time) {
+    const auto remove = [&] {
+        db_->query("DELETE FROM media WHERE device = ? AND start_time = ?")
+            .bind(1, device)
+            .bind(2, int64_t{start_time})
+            .run();
+        db_->query("DELETE FROM recordings WHERE device = ? AND start_time = ?")
+            .bind(1, device)
+            .bind(2, int64_t{start_time})
+            .run();
+    };
+    if (in_transaction_) {
+        remove(); // part of the caller's unit
+    } else {
+        transaction(remove);
+    }
+}
+
 std::vector<RecordingRow> SqliteMetadataStore::recordings(const std::string &device) {
     Query q =
         db_->query(std::string(kRecordingColumns) + kOfDevice + "ORDER BY device, start_time");

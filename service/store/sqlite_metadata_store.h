@@ -30,6 +30,7 @@ class SqliteMetadataStore : public MetadataStore {
 
     std::optional<RecordingRow> recording(const std::string &device, uint32_t start_time) override;
     void put_recording(const RecordingRow &recording) override;
+    void remove_recording(const std::string &device, uint32_t start_time) override;
     std::vector<RecordingRow> recordings(const std::string &device) override;
     std::optional<MediaRow> media(const std::string &device, const std::string &name) override;
     void put_media(const MediaRow &media) override;

@@ -66,13 +66,16 @@ TEST(CloudListingTest, ReplaysAndGapsOverHttpAndTheRecordingsTable) {
     for (std::string line; std::getline(in, line);) {
         lines.push_back(line);
     }
-    ASSERT_EQ(lines.size(), 4u) << table.out;
-    EXPECT_EQ(lines[0].rfind("START", 0), 0u) << table.out;
-    EXPECT_NE(lines[1].find(std::to_string(first) + "  left open by the camera"), std::string::npos)
+    ASSERT_EQ(lines.size(), 5u) << table.out;
+    // What the device keeps and its limits (none given to this service), then the table.
+    EXPECT_EQ(lines[0].rfind(std::string(kDevice) + ": ", 0), 0u) << table.out;
+    EXPECT_NE(lines[0].find(" kept; no quota; no retention"), std::string::npos) << table.out;
+    EXPECT_EQ(lines[1].rfind("START", 0), 0u) << table.out;
+    EXPECT_NE(lines[2].find(std::to_string(first) + "  left open by the camera"), std::string::npos)
         << table.out;
-    EXPECT_EQ(lines[2].rfind("gap  ", 0), 0u) << table.out;
-    EXPECT_NE(lines[2].find("  spool full  1.2 MB dropped"), std::string::npos) << table.out;
-    EXPECT_NE(lines[3].find(std::to_string(second) + "  open "), std::string::npos) << table.out;
+    EXPECT_EQ(lines[3].rfind("gap  ", 0), 0u) << table.out;
+    EXPECT_NE(lines[3].find("  spool full  1.2 MB dropped"), std::string::npos) << table.out;
+    EXPECT_NE(lines[4].find(std::to_string(second) + "  open "), std::string::npos) << table.out;
 
     EXPECT_EQ(cloud.stop(), 0);
 }

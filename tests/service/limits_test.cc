@@ -1,0 +1,256 @@
+/// Device limits as the service applies them: quotas refuse uploads and alarms past them and
+/// store nothing, a device cap refuses new devices, and retention deletes the oldest closed
+/// recordings (files and rows) and leaves open ones, also in the background.
+#include <condition_variable>
+#include <filesystem>
+#include <stdexcept>
+
+#include "service_fixture.h"
+
+namespace service_test {
+namespace {
+
+namespace fs = std::filesystem;
+using vexo_cloud::DeviceLimits;
+using vexo_cloud::Options;
+using vexo_cloud::Service;
+
+constexpr uint32_t kDay = 86400;
+
+std::string media_name(uint32_t start, int index) {
+    char name[64];
+    std::snprintf(name, sizeof name, "%u_%04d.media", start, index);
+    return name;
+}
+
+class LimitsTest : public ServiceTest {
+  protected:
+    Options limited(const DeviceLimits &limits) {
+        Options o = options();
+        o.default_limits = limits;
+        return o;
+    }
+    void stop(Service &service, uint32_t start_time, uint32_t end_time) {
+        const auto answer = call_api(service, "cam1", kStopApi,
+                                     Json{{"startTime", start_time}, {"endTime", end_time}}.dump());
+        ASSERT_EQ(body_of(answer)["success"], true) << answer.body;
+    }
+    static vexo_cloud::Response post_alarm(Service &service, uint32_t time,
+                                           const std::string &picture = "") {
+        Json body{{"time", time}, {"withPicture", picture.empty() ? 0 : 1}};
+        if (!picture.empty()) {
+            body["picture"] = picture;
+        }
+        return service.handle(request("POST", "/v1/devices/cam1/alarms", "cam1", body.dump()));
+    }
+};
+
+TEST_F(LimitsTest, UploadsPastTheQuotaAreRefusedAndStoreNothing) {
+    struct Case {
+        const char *name;
+        std::optional<uint64_t> max_bytes;
+        std::optional<uint64_t> max_files;
+        size_t size; // of the third file, after two of 10 bytes
+        int status;
+    };
+    const Case cases[] = {
+        {"bytes exactly full", 30, std::nullopt, 10, 200},
+        {"one byte over", 30, std::nullopt, 11, 507},
+        {"one file too many", std::nullopt, 2, 1, 507},
+        {"last file allowed", std::nullopt, 3, 1, 200},
+        {"larger than the whole quota", 5, std::nullopt, 6, 507},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        fs::remove_all(dir_ + "/data");
+        DeviceLimits limits;
+        limits.max_bytes = c.max_bytes;
+        limits.max_files = c.max_files;
+        auto service = start_service(limited(limits));
+        add_device(*service, "cam1");
+        start(*service, "cam1", kNoon, kNoKeyMd5);
+        if (c.max_bytes != 5) {
+            ASSERT_EQ(put_media(*service, "cam1", media_name(kNoon, 0), "0123456789").status, 200);
+            ASSERT_EQ(put_media(*service, "cam1", media_name(kNoon, 1), "abcdefghij").status, 200);
+        }
+        const auto before = snapshot();
+        const auto answer =
+            put_media(*service, "cam1", media_name(kNoon, 2), std::string(c.size, 'x'));
+        EXPECT_EQ(answer.status, c.status) << answer.body;
+        if (c.status == 507) {
+            EXPECT_FALSE(body_of(answer)["error"].get<std::string>().empty());
+            EXPECT_EQ(snapshot(), before);
+        } else {
+            EXPECT_EQ(recording(*service, "cam1", kNoon).files.size(), 3u);
+        }
+    }
+}
+
+TEST_F(LimitsTest, QuotaRefusesBeforeTheBodyAndLetsTheSameFileAgain) {
+    DeviceLimits limits;
+    limits.max_files = 1;
+    auto service = start_service(limited(limits));
+    add_device(*service, "cam1");
+    start(*service, "cam1", kNoon, kNoKeyMd5);
+    ASSERT_EQ(put_media(*service, "cam1", media_name(kNoon, 0), "abc").status, 200);
+
+    // The identical re-upload of a stored file takes no room: 200 at a full quota.
+    EXPECT_EQ(put_media(*service, "cam1", media_name(kNoon, 0), "abc").status, 200);
+    EXPECT_EQ(put_media(*service, "cam1", media_name(kNoon, 0), "abd").status, 409);
+
+    bool body_read = false;
+    const auto head = request("PUT", "/v1/devices/cam1/media/" + media_name(kNoon, 1), "cam1");
+    const auto answer = service->handle_streamed(head, 4, [&](const vexo_cloud::BodySink &sink) {
+        body_read = true;
+        return sink("wxyz", 4);
+    });
+    EXPECT_EQ(answer.status, 507);
+    EXPECT_FALSE(body_read);
+
+    // A device's own limit wins over the default.
+    std::string error;
+    vexo_cloud::LimitsChange change;
+    change.max_files = 2;
+    ASSERT_TRUE(service->set_limits("cam1", change, &error)) << error;
+    EXPECT_EQ(service->limits("cam1").max_files, 2u);
+    EXPECT_EQ(put_media(*service, "cam1", media_name(kNoon, 1), "wxyz").status, 200);
+    EXPECT_EQ(service->usage("cam1").files, 2u);
+    EXPECT_EQ(service->usage("cam1").bytes, 7u);
+}
+
+TEST_F(LimitsTest, AlarmsPastTheDailyQuotaAreRefusedUntilTheNextDay) {
+    DeviceLimits limits;
+    limits.max_alarms_per_day = 2;
+    auto service = start_service(limited(limits));
+    add_device(*service, "cam1");
+    EXPECT_EQ(post_alarm(*service, kNoon).status, 200);
+    EXPECT_EQ(post_alarm(*service, kNoon + 1, "aGVsbG8=").status, 200);
+    const auto before = snapshot();
+    EXPECT_EQ(post_alarm(*service, kNoon + 2, "aGVsbG8=").status, 507);
+    EXPECT_EQ(post_alarm(*service, kNoon + 3).status, 507);
+    EXPECT_EQ(snapshot(), before); // no row, no picture
+    EXPECT_EQ(service->usage("cam1").alarms_today, 2u);
+
+    clock_ = kNoon + kDay; // the next local day (UTC in the tests)
+    EXPECT_EQ(service->usage("cam1").alarms_today, 0u);
+    EXPECT_EQ(post_alarm(*service, kNoon + kDay).status, 200);
+    EXPECT_EQ(service->alarms("cam1").size(), 3u);
+}
+
+TEST_F(LimitsTest, TheDeviceCapRefusesNewDevices) {
+    Options o = options();
+    o.max_devices = 2;
+    {
+        auto service = start_service(o);
+        add_device(*service, "cam1");
+        add_device(*service, "cam2");
+        std::string error;
+        vexo_cloud::AdminRefusal why = vexo_cloud::AdminRefusal::kBadValue;
+        EXPECT_FALSE(service->set_order("cam3", {}, &error, &why));
+        EXPECT_EQ(why, vexo_cloud::AdminRefusal::kNoRoom);
+        EXPECT_NE(error.find("at most 2 devices"), std::string::npos) << error;
+        vexo_cloud::OrderChange change;
+        change.daily_events = 7;
+        EXPECT_TRUE(service->set_order("cam1", change, &error)) << error; // known: no new room
+        EXPECT_EQ(service->devices(), (std::vector<std::string>{"cam1", "cam2"}));
+    }
+    // Tokens that would pass the cap stop the start and create none of their devices.
+    o.tokens = {{"cam1", "t1"}, {"cam3", "t3"}, {"cam4", "t4"}};
+    EXPECT_THROW(start_service(o), std::invalid_argument);
+    o.tokens = {{"cam1", "t1"}};
+    EXPECT_EQ(start_service(o)->devices(), (std::vector<std::string>{"cam1", "cam2"}));
+}
+
+TEST_F(LimitsTest, RetentionDeletesTheOldestClosedRecordingsAndKeepsOpenOnes) {
+    struct Case {
+        const char *name;
+        std::optional<uint32_t> days;
+        std::optional<uint64_t> bytes;
+        std::vector<uint32_t> kept; // offsets from kNoon of the recordings left
+    };
+    // Recordings at +0 (closed, 10 bytes), +100 (open, 10), +200 (closed, 10), and one a
+    // day and a half later at +1.5d (closed, 10); retention runs three days after noon.
+    const Case cases[] = {
+        {"two days", 2, std::nullopt, {100, 129600}},
+        {"20 bytes", std::nullopt, 20, {100, 129600}},
+        {"30 bytes", std::nullopt, 30, {100, 200, 129600}},
+        {"none", std::nullopt, std::nullopt, {0, 100, 200, 129600}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        fs::remove_all(dir_ + "/data");
+        clock_ = kNoon;
+        DeviceLimits limits;
+        limits.retention_days = c.days;
+        limits.retention_bytes = c.bytes;
+        std::vector<std::string> lines;
+        Options o = limited(limits);
+        o.log = [&lines](const std::string &line) { lines.push_back(line); };
+        std::map<uint32_t, std::string> files; // start offset -> media file path
+        {
+            auto service = start_service(o);
+            add_device(*service, "cam1");
+            for (const uint32_t offset : {0u, 100u, 200u, 129600u}) {
+                clock_ = kNoon + offset;
+                start(*service, "cam1", kNoon + offset, kNoKeyMd5);
+                ASSERT_EQ(
+                    put_media(*service, "cam1", media_name(kNoon + offset, 0), "0123456789").status,
+                    200);
+                if (offset != 100) {
+                    stop(*service, kNoon + offset, kNoon + offset + 50);
+                }
+                const auto r = recording(*service, "cam1", kNoon + offset);
+                files[offset] = r.directory + "/" + media_name(kNoon + offset, 0);
+                ASSERT_TRUE(fs::exists(files[offset]));
+            }
+            clock_ = kNoon + 3 * kDay;
+            EXPECT_EQ(service->expire_recordings(), 4 - c.kept.size());
+            EXPECT_EQ(service->expire_recordings(), 0u); // nothing more the second time
+        }
+        for (const auto &[offset, path] : files) {
+            const bool kept = std::find(c.kept.begin(), c.kept.end(), offset) != c.kept.end();
+            EXPECT_EQ(fs::exists(path), kept) << offset;
+        }
+        auto service = start_service(o); // a restart shows the same
+        std::vector<uint32_t> left;
+        for (const auto &r : service->recordings("cam1")) {
+            left.push_back(r.start_time - kNoon);
+        }
+        EXPECT_EQ(left, c.kept);
+        EXPECT_EQ(service->usage("cam1").files, c.kept.size());
+        const std::string expected = "retention: cam1: deleted " +
+                                     std::to_string(4 - c.kept.size()) + " recordings, " +
+                                     std::to_string(10 * (4 - c.kept.size())) + " bytes";
+        const bool logged = std::find(lines.begin(), lines.end(), expected) != lines.end();
+        EXPECT_EQ(logged, c.kept.size() < 4) << expected;
+    }
+}
+
+TEST_F(LimitsTest, RetentionRunsInTheBackgroundAndStopsWithTheService) {
+    DeviceLimits limits;
+    limits.retention_days = 1;
+    Options o = limited(limits);
+    o.retention_interval = 1;
+    std::mutex mutex;
+    std::condition_variable logged;
+    std::vector<std::string> lines;
+    o.log = [&](const std::string &line) {
+        std::lock_guard<std::mutex> lock(mutex);
+        lines.push_back(line);
+        logged.notify_all();
+    };
+    auto service = start_service(o);
+    add_device(*service, "cam1");
+    start(*service, "cam1", kNoon, kNoKeyMd5);
+    stop(*service, kNoon, kNoon + 30);
+    clock_ = kNoon + 2 * kDay;
+    std::unique_lock<std::mutex> lock(mutex);
+    ASSERT_TRUE(logged.wait_for(lock, std::chrono::seconds(30), [&] { return !lines.empty(); }));
+    EXPECT_EQ(lines.front(), "retention: cam1: deleted 1 recordings, 0 bytes");
+    lock.unlock();
+    EXPECT_TRUE(service->recordings("cam1").empty());
+    service.reset(); // joins the thread; a hang here fails the test by its timeout
+}
+
+} // namespace
+} // namespace service_test
