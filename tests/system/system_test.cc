@@ -1,7 +1,7 @@
 // Whole-module runs through the exported calls, with the real upload thread on the test kit:
-// event recordings with pre-record, all-time recordings across a 30-minute group and local
-// midnight, a key handed out by the cloud, a failed upload, pause, uninit and the two MQTT
-// commands. The kit's clock moves with the module's own sleeps; the test waits for outcomes.
+// event recordings with pre-record, all-time recordings, a key handed out by the cloud, a failed
+// upload, pause and uninit. The kit's clock moves with the module's own sleeps; the test waits for
+// outcomes.
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
@@ -27,7 +27,6 @@ constexpr char kStopApi[] = "vexo.device.ipc.media.storage.notify.upload.stop";
 constexpr uint32_t kSlice = 4;              // seconds per media file
 constexpr uint32_t kEventSecs = 20;         // default event length
 constexpr size_t kPreRecordFrames = 2 * 25; // default pre-record time x frame rate
-constexpr uint32_t kLongRunMs = 300000;     // real-time limit of the long runs
 const uint8_t kZeroKey[16] = {};            // no key stored and none handed out
 const std::string kKeyText = "StoredKey0123456";
 const Bytes kKey(kKeyText.begin(), kKeyText.end());
@@ -216,19 +215,6 @@ class SystemRun : public KitTest {
         }
     }
 
-    /// An all-time recording from `start` restarts at the key frame of `restart`: waits for
-    /// `files` files of the new recording, then checks the notifications and all file names.
-    static void expect_restart(uint32_t start, uint32_t restart, uint32_t files, uint32_t real_ms) {
-        ASSERT_TRUE(wait_upload(file_name(restart, (files - 1) * kSlice), real_ms));
-        EXPECT_EQ(bodies(kStartApi),
-                  (Texts{start_body(start, "0000"), start_body(restart, "0000")}));
-        EXPECT_EQ(bodies(kStopApi), Texts{stop_body(start, restart - 1)});
-        Texts expected = slice_names(start, restart - 1);
-        const Texts next = slice_names(restart, restart + (files - 1) * kSlice);
-        expected.insert(expected.end(), next.begin(), next.end());
-        EXPECT_EQ(names(tk::uploads(), expected.size()), expected);
-    }
-
   private:
     std::atomic<int> hold_{0}; // 0 released, 1 armed, 2 holding the module thread
     std::mutex mu_;
@@ -333,24 +319,6 @@ TEST_F(SystemRun, AllTimeRecordingOpenedWhileInitFinishesIsAnnouncedOnce) {
     EXPECT_EQ(tk::posts_of(kStartApi).size(), 1u);
 }
 
-TEST_F(SystemRun, AllTimeRecordingRestartsAfterThirtyMinuteGroup) {
-    const uint32_t start = tk::now_ms() / 1000;
-    tk::keep_upload_bytes(false);
-    start_alltime(start);
-    // The first key frame more than 1799 s into the recording starts the next one.
-    expect_restart(start, start + 1800, 2, kLongRunMs);
-    EXPECT_EQ(tk::count_logs(tk::Level::debug, "new day start"), 0u);
-}
-
-TEST_F(SystemRun, AllTimeRecordingRestartsOnceAtLocalMidnight) {
-    tk::set_zone_offset(2 * 3600);
-    const uint32_t midnight = 1705356000; // 2024-01-16 00:00:00 at UTC+2
-    start_alltime(midnight - 10);
-    // Key frames at 00:00:01 to 00:00:04 are still within the first slice: no second restart.
-    expect_restart(midnight - 10, midnight, 3, 10000);
-    EXPECT_EQ(tk::count_logs(tk::Level::debug, "new day start"), 1u);
-}
-
 TEST_F(SystemRun, PauseFinishesRecordingOnceAndResumeStartsTheNext) {
     const uint32_t start = tk::now_ms() / 1000;
     start_alltime(start);
@@ -400,54 +368,6 @@ TEST_F(SystemRun, UninitWhileRecordingFreesBufferAndEventsWithoutStopNotificatio
     EXPECT_EQ(tk::count_logs(tk::Level::debug, "free media_buffer"), 1u);
     EXPECT_EQ(tk::count_logs(tk::Level::debug, "force event 0 stop done"), 1u);
     EXPECT_TRUE(tk::posts_of(kStopApi).empty()); // the fixture checks that nothing leaked
-}
-
-TEST_F(SystemRun, RemoteRecordTriggerRecordsTypeTwoEventUntilOrderAbort) {
-    script_cloud("event", 0, 20);
-    tk::set_hook("cloud_put_data_to_file", [] { tk::freeze_clock(true); });
-    tk::start_stream();
-    ASSERT_EQ(init_default(), 0);
-    ASSERT_TRUE(wait_config());
-    const uint32_t before = tk::now_ms() / 1000;
-    ASSERT_TRUE(
-        tk::deliver_mqtt(307, R"({"data":{"action":"record","duration":1800,"ext":{"a":1}}})"));
-    const uint32_t after = tk::now_ms() / 1000;
-    const std::vector<tk::Alarm> alarms = tk::alarms();
-    ASSERT_EQ(alarms.size(), 1u);
-    const tk::Alarm &a = alarms[0];
-    EXPECT_EQ(std::vector<uint32_t>(
-                  {a.kind, a.with_picture, a.flags[0], a.flags[1], a.flags[2], a.picture_size}),
-              std::vector<uint32_t>({4, 0, 1, 1, 1, 2048}));
-    EXPECT_EQ(a.extra, "\"ext\":{\"a\":1}");
-    EXPECT_TRUE(a.time >= before && a.time <= after) << a.time;
-
-    ASSERT_TRUE(wait_until([] { return !tk::uploads().empty(); }));
-    EXPECT_EQ(vexo_ipc_cloud_storage_get_event_status(2), EVENT_ONGOING);
-    EXPECT_EQ(tk::posts().size(), 1u);
-    const size_t uploads = tk::uploads().size();
-
-    // The abort; the order stays invalid when the module asks again, after 60 s.
-    tk::set_default_storage_config(-2002, tk::make_storage_config("event", 20, 4, 0, 20));
-    tk::queue_random(60);
-    tk::set_hook("cloud_put_data_to_file", {});
-    ASSERT_TRUE(tk::deliver_mqtt(300, R"({"data":{"action":"abort"}})"));
-    EXPECT_EQ(vexo_ipc_cloud_storage_get_store_mode(), 2);
-    tk::freeze_clock(false);
-    ASSERT_TRUE(wait_until([] { return !tk::seq_entries(71).empty(); }));
-    EXPECT_EQ(vexo_ipc_cloud_storage_get_event_status(2), EVENT_NONE);
-    EXPECT_EQ(tk::count_logs(tk::Level::debug, "force event 0 stop done"), 1u);
-    EXPECT_EQ(tk::random_calls(), std::vector<uint32_t>{3600}); // the delay below an hour
-    EXPECT_EQ(tk::count_logs(tk::Level::debug, "active require cloud storage config"), 1u);
-    // No stop notification, no new recording and no upload in the 60 s without an order.
-    EXPECT_EQ(tk::posts().size(), 1u);
-    EXPECT_EQ(tk::uploads().size(), uploads);
-
-    // Without an order a further recording request is refused and keeps no memory (the
-    // fixture checks every allocation was given back).
-    ASSERT_TRUE(
-        tk::deliver_mqtt(307, R"({"data":{"action":"pic_v","duration":20,"ext":{"a":2}}})"));
-    EXPECT_EQ(tk::count_logs(tk::Level::err, "cloud storage type error 2"), 1u);
-    EXPECT_EQ(tk::alarms().size(), 1u);
 }
 
 } // namespace
