@@ -190,6 +190,23 @@ TEST_F(SpoolTest, OverTheByteBoundTheOldestWholeRecordingGoesAsOneGap) {
     EXPECT_EQ(spool->stats().dropped, 4u);
 }
 
+TEST_F(SpoolTest, TheByteCountIsWhatTheFilesHoldAndABoundTheyJustFitDropsNothing) {
+    uint64_t on_disk = 0;
+    {
+        auto spool = open();
+        add_recording(*spool, kRec, 5000, true, kNow);
+        for (const auto &e : fs::directory_iterator(dir_.path() + "/spool")) {
+            on_disk += e.file_size();
+        }
+        EXPECT_EQ(spool->stats().bytes, on_disk);
+    }
+    auto spool = open(on_disk); // counted again from the files found
+    EXPECT_EQ(spool->stats().bytes, on_disk);
+    spool->enforce_bounds(kNow);
+    EXPECT_EQ(spool->stats().dropped, 0u);
+    EXPECT_EQ(spool->stats().items, 4u);
+}
+
 TEST_F(SpoolTest, TheRecordingStillBeingWrittenLosesItsOldestFileButKeepsItsStart) {
     auto spool = open(14000);
     add_recording(*spool, kRec, 5000, false, kNow);
