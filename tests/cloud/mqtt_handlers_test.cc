@@ -129,9 +129,7 @@ TEST_F(CloudTrigger, InvalidStoreModeRefusesRecordingButPictureStillAlarms) {
     EXPECT_EQ(tk::alarms().size(), 1u);
     EXPECT_EQ(trail(), (Texts{"40'pic'", "r49", "40'record'"}));
     EXPECT_TRUE(used_slots().empty());
-}
 
-TEST_F(CloudTrigger, RefusedRecordingReleasesSnapshotEveryTime) {
     // A remote peer can repeat the refused request at will: each one must give back its
     // snapshot buffer, or camera memory grows with every message.
     for (const char *action : {"record", "pic_v"}) {
