@@ -2,6 +2,7 @@
 // and the failures that must end as "no answer" (status 0) rather than a hang or a crash.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <cstring>
 #include <map>
@@ -281,32 +282,31 @@ TEST_F(CurlTransportTest, AnAnswerOverTheLimitIsRefusedWhetherItsLengthIsKnownOr
     constexpr size_t kLimit = 64 * 1024;
     auto t = transport_for(server_->url(), kLimit);
     ASSERT_NE(t, nullptr);
-
+    // "/l/<n>": n bytes with their length announced; "/c/<n>": chunked, no length.
     recorder_.set_answer([](const httplib::Request &req, httplib::Response &res) {
-        const size_t n = req.path == "/exact" ? kLimit : kLimit + 1;
-        res.set_content(std::string(n, 'x'), "text/plain");
-    });
-    const CloudResponse exact = t->exchange(request("GET", "/exact"));
-    EXPECT_EQ(exact.status, 200);
-    EXPECT_EQ(exact.body.size(), kLimit);
-    const CloudResponse over = t->exchange(request("GET", "/over"));
-    EXPECT_EQ(over.status, 0);
-    EXPECT_EQ(over.body, "");
-
-    // Chunked, no length announced: the transfer is cut once the limit is passed.
-    recorder_.set_answer([](const httplib::Request &, httplib::Response &res) {
-        res.set_chunked_content_provider("text/plain", [](size_t offset, httplib::DataSink &sink) {
-            if (offset >= (8u << 20)) {
+        const size_t n = std::stoul(req.path.substr(3));
+        if (req.path[1] == 'l') {
+            res.set_content(std::string(n, 'x'), "text/plain");
+            return;
+        }
+        res.set_chunked_content_provider("text/plain", [n](size_t offset, httplib::DataSink &sink) {
+            if (offset >= n) {
                 sink.done();
                 return true;
             }
-            const std::string chunk(16 * 1024, 'y');
+            const std::string chunk(std::min<size_t>(16 * 1024, n - offset), 'y');
             return sink.write(chunk.data(), chunk.size());
         });
     });
-    const CloudResponse endless = t->exchange(request("GET", "/chunked"));
-    EXPECT_EQ(endless.status, 0);
-    EXPECT_EQ(endless.body, "");
+    for (const char *kind : {"/l/", "/c/"}) {
+        for (const size_t n : {kLimit, kLimit + 1, size_t{8} << 20}) {
+            const std::string path = kind + std::to_string(n);
+            SCOPED_TRACE(path);
+            const CloudResponse answer = t->exchange(request("GET", path.c_str()));
+            EXPECT_EQ(answer.status, n <= kLimit ? 200 : 0);
+            EXPECT_EQ(answer.body.size(), n <= kLimit ? n : 0u);
+        }
+    }
 }
 
 TEST_F(CurlTransportTest, AMalformedRequestIsNotSent) {
