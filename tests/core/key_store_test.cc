@@ -40,10 +40,14 @@ TEST_F(CoreKeyStore, KeyCheckTakesTheStoredKeyOnlyWhenItsMd5Matches) {
     EXPECT_EQ(err("len error md5_len 31, encrypt_key_len 16"), 1u);
     std::string upper = md5;
     std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
-    tk::put_key_record(upper, 32, kKey, 16);
-    EXPECT_EQ(__check_md5_encrypt_key(), -1); // the comparison is case-sensitive
-    EXPECT_EQ(err("MD5 check failed!\r\n"), 1u);
-    EXPECT_EQ(dbg("__check_md5_encrypt_key fail, need update from server"), 3u);
+    std::string last_differs = md5;
+    last_differs.back() = last_differs.back() == '0' ? '1' : '0';
+    for (const std::string &wrong : {upper, last_differs}) { // case and every character count
+        tk::put_key_record(wrong, 32, kKey, 16);
+        EXPECT_EQ(__check_md5_encrypt_key(), -1) << wrong;
+    }
+    EXPECT_EQ(err("MD5 check failed!\r\n"), 2u);
+    EXPECT_EQ(dbg("__check_md5_encrypt_key fail, need update from server"), 4u);
     EXPECT_STREQ(ctl.encrypt_key_md5, "0000");
     EXPECT_EQ(ctl.key_update_needed, 1);
 
