@@ -177,9 +177,7 @@ TEST_F(RingBufferTest, ReaderReportedBehindJumpsOnItsNextGetUnlessAnchored) {
         {"reported, get", true, 0, 0, 9500, 94},
         {"reported, retry", true, 0, 1, 9500, 94},
         {"reported, then anchored", true, 30, 0, 7000, 0},
-        {"reported, then anchored, retry", true, 30, 1, 0, 0},
         {"never asked: reads on", false, 0, 0, 100, 0},
-        {"never asked: retry repeats", false, 0, 1, 0, 0},
     };
     for (const CatchUpCase &c : cases) {
         SCOPED_TRACE(c.name);
@@ -192,7 +190,6 @@ TEST_F(RingBufferTest, ReaderReportedBehindJumpsOnItsNextGetUnlessAnchored) {
                     is_frame(vexo_ipc_ring_buffer_get_frame(r, 0), kVideo, VEXO_FRAME_I, 0));
             }
         }
-        ::testing::internal::CaptureStderr();
         if (c.ask_if_delay) {
             EXPECT_EQ(vexo_ipc_ring_buffer_if_delay(r), 1);
             EXPECT_EQ(vexo_ipc_ring_buffer_if_delay(r), 1) << "asking again changes nothing";
@@ -202,14 +199,10 @@ TEST_F(RingBufferTest, ReaderReportedBehindJumpsOnItsNextGetUnlessAnchored) {
         }
         EXPECT_TRUE(is_frame(vexo_ipc_ring_buffer_get_frame(r, c.retry), kVideo,
                              type_at(c.first_ms), c.first_ms));
-        const std::string log = ::testing::internal::GetCapturedStderr();
         const hostkit::Counters counters = hostkit::counters();
         EXPECT_EQ(counters.frames_skipped, c.skipped);
         EXPECT_EQ(counters.reader_jumps, c.skipped > 0 ? 1u : 0u);
-        EXPECT_EQ(log.find("fell") != std::string::npos, c.skipped > 0) << log;
         if (c.skipped > 0) {
-            EXPECT_NE(log.find("9800 ms behind"), std::string::npos) << log;
-            EXPECT_NE(log.find(" 94 frame(s) skipped"), std::string::npos) << log;
             EXPECT_EQ(vexo_ipc_ring_buffer_if_delay(r), 0) << "caught up";
             // The reader reads on from there, frame by frame, without another jump.
             for (uint64_t ts = c.first_ms + 100; ts < 10000; ts += 100) {
@@ -234,19 +227,16 @@ TEST_F(RingBufferTest, AudioBesideAJumpingVideoReaderFollowsItsKeyFrame) {
         push(kAudio, VEXO_FRAME_AUDIO, ts);
     }
     // Overwritten, so it jumps without being asked; a retry jumps as well.
-    ::testing::internal::CaptureStderr();
     EXPECT_TRUE(is_frame(vexo_ipc_ring_buffer_get_av_frame(v, a, 1), kVideo, VEXO_FRAME_I, 11000));
     EXPECT_TRUE(
         is_frame(vexo_ipc_ring_buffer_get_av_frame(v, a, 0), kAudio, VEXO_FRAME_AUDIO, 11000));
     EXPECT_TRUE(
         is_frame(vexo_ipc_ring_buffer_get_av_frame(v, a, 0), kAudio, VEXO_FRAME_AUDIO, 11020));
     EXPECT_TRUE(is_frame(vexo_ipc_ring_buffer_get_av_frame(v, a, 0), kVideo, VEXO_FRAME_P, 11040));
-    const std::string log = ::testing::internal::GetCapturedStderr();
     hostkit::Counters c = hostkit::counters();
     EXPECT_EQ(c.reader_jumps, 1u) << "one jump for the pair";
     EXPECT_EQ(c.frames_skipped, 275u + 550u); // video 0 .. 10960, audio 0 .. 10980
     EXPECT_EQ(c.frames_overwritten, 49u + 99u);
-    EXPECT_NE(log.find("(550 audio, 148 overwritten)"), std::string::npos) << log;
 
     // Audio left unread while video is read alone: once overwritten it is moved beside the
     // video reader's next frame, and the video reader stays where it is.

@@ -11,24 +11,19 @@
 namespace vexo_test {
 namespace {
 
-struct KeyFree {
-    void operator()(EVP_PKEY *k) const { EVP_PKEY_free(k); }
+template <typename T, void (*Free)(T *)> struct Freer {
+    void operator()(T *p) const { Free(p); }
 };
-struct CertFree {
-    void operator()(X509 *c) const { X509_free(c); }
-};
-struct ExtFree {
-    void operator()(X509_EXTENSION *e) const { X509_EXTENSION_free(e); }
-};
-struct FileClose {
-    void operator()(FILE *f) const { std::fclose(f); }
-};
+using KeyPtr = std::unique_ptr<EVP_PKEY, Freer<EVP_PKEY, EVP_PKEY_free>>;
+using CertPtr = std::unique_ptr<X509, Freer<X509, X509_free>>;
+using ExtPtr = std::unique_ptr<X509_EXTENSION, Freer<X509_EXTENSION, X509_EXTENSION_free>>;
+using FilePtr = std::unique_ptr<FILE, int (*)(FILE *)>;
 
 bool add_extension(X509 *cert, int nid, const char *value) {
     X509V3_CTX ctx;
     X509V3_set_ctx_nodb(&ctx);
     X509V3_set_ctx(&ctx, cert, cert, nullptr, nullptr, 0);
-    std::unique_ptr<X509_EXTENSION, ExtFree> ext(X509V3_EXT_conf_nid(nullptr, &ctx, nid, value));
+    ExtPtr ext(X509V3_EXT_conf_nid(nullptr, &ctx, nid, value));
     return ext && X509_add_ext(cert, ext.get(), -1) == 1;
 }
 
@@ -36,8 +31,8 @@ bool add_extension(X509 *cert, int nid, const char *value) {
 
 bool write_test_certificate(const std::string &dir, std::string *error,
                             const std::string &common_name) {
-    std::unique_ptr<EVP_PKEY, KeyFree> key(EVP_EC_gen("P-256"));
-    std::unique_ptr<X509, CertFree> cert(X509_new());
+    KeyPtr key(EVP_EC_gen("P-256"));
+    CertPtr cert(X509_new());
     if (!key || !cert) {
         *error = "cannot make a key";
         return false;
@@ -58,8 +53,8 @@ bool write_test_certificate(const std::string &dir, std::string *error,
         *error = "cannot make the certificate";
         return false;
     }
-    std::unique_ptr<FILE, FileClose> key_file(std::fopen((dir + "/server.key").c_str(), "w"));
-    std::unique_ptr<FILE, FileClose> cert_file(std::fopen((dir + "/server.crt").c_str(), "w"));
+    FilePtr key_file(std::fopen((dir + "/server.key").c_str(), "w"), &std::fclose);
+    FilePtr cert_file(std::fopen((dir + "/server.crt").c_str(), "w"), &std::fclose);
     if (!key_file || !cert_file ||
         PEM_write_PrivateKey(key_file.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr) !=
             1 ||
