@@ -1,15 +1,10 @@
 // A camera killed while it spools: a child process appends items in a tight loop and is killed
 // at a random moment, again and again; every item the spool then hands out is whole (its body
 // is the one written for its name), none is torn, and no temporary file is left.
-#include <gtest/gtest.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <csignal>
 #include <filesystem>
 #include <random>
 
+#include "kill_while_running.h"
 #include "spool.h"
 #include "tests/support/temp_dir.h"
 
@@ -32,53 +27,29 @@ std::unique_ptr<hostkit::spool::Spool> open_spool(const std::string &dir) {
     return hostkit::spool::Spool::open(config, &error);
 }
 
-[[noreturn]] void append_forever(const std::string &dir, int first, int ready_fd) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    std::unique_ptr<hostkit::spool::Spool> spool = open_spool(dir);
-    for (int n = first; spool && n < first + kChildMaxItems; ++n) {
-        hostkit::CloudRequest req;
-        req.method = "PUT";
-        req.path = "/" + std::to_string(n);
-        req.body = body_for(n);
-        hostkit::spool::ItemInfo info;
-        if (!spool->append(info, req, 1)) {
-            _exit(2);
-        }
-        if (n == first && (::write(ready_fd, "1", 1) != 1 || close(ready_fd) != 0)) {
-            _exit(3);
-        }
-    }
-    _exit(0);
-}
-
 TEST(SpoolCrash, EveryItemIsWholeAfterAKillDuringAppends) {
     vexo_test::TempDir tmp("vexo-spool-crash");
     const std::string dir = tmp.path() + "/spool";
     std::mt19937 rng(kSeed);
-    std::uniform_int_distribution<int> delay_us(0, kMaxKillDelayUs);
     int next = 0; // names go on from the last item read back
     size_t total = 0;
     for (int round = 0; round < kRounds; ++round) {
         SCOPED_TRACE(round);
-        int ready[2];
-        ASSERT_EQ(pipe(ready), 0);
-        const pid_t child = fork();
-        ASSERT_GE(child, 0);
-        if (child == 0) {
-            close(ready[0]);
-            append_forever(dir, next, ready[1]);
-        }
-        close(ready[1]);
-        char byte = 0;
-        const ssize_t n = ::read(ready[0], &byte, 1);
-        close(ready[0]);
-        usleep(static_cast<useconds_t>(delay_us(rng)));
-        kill(child, SIGKILL);
-        int status = 0;
-        ASSERT_EQ(waitpid(child, &status, 0), child);
-        ASSERT_EQ(n, 1) << "the child failed before its first item";
-        ASSERT_TRUE(WIFSIGNALED(status)) << "the child ended on its own, status " << status;
-
+        ASSERT_TRUE(vexo_test::kill_while_running(
+            [&](int ready_fd) {
+                std::unique_ptr<hostkit::spool::Spool> spool = open_spool(dir);
+                for (int n = next; spool && n < next + kChildMaxItems; ++n) {
+                    hostkit::CloudRequest req;
+                    req.method = "PUT";
+                    req.path = "/" + std::to_string(n);
+                    req.body = body_for(n);
+                    if (!spool->append(hostkit::spool::ItemInfo{}, req, 1) ||
+                        (n == next && ::write(ready_fd, "1", 1) != 1)) {
+                        _exit(2);
+                    }
+                }
+            },
+            rng, kMaxKillDelayUs));
         std::unique_ptr<hostkit::spool::Spool> spool = open_spool(dir);
         ASSERT_NE(spool, nullptr);
         int expected = next;
