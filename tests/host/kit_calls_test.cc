@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "host_kit.h"
+#include "recording_cloud.h"
 #include "tests/support/temp_dir.h"
 #include "vexo_cloud.h"
 #include "vexo_device.h"
@@ -18,18 +19,7 @@
 
 namespace {
 
-/// A transport that records requests and answers from a script.
-class ScriptedCloud : public hostkit::CloudTransport {
-  public:
-    hostkit::CloudResponse exchange(const hostkit::CloudRequest &request) override {
-        std::lock_guard<std::mutex> lock(mu);
-        requests.push_back(request);
-        return answer;
-    }
-    std::mutex mu;
-    std::vector<hostkit::CloudRequest> requests;
-    hostkit::CloudResponse answer;
-};
+using ScriptedCloud = vexo_test::RecordingCloud;
 
 class KitCallsTest : public ::testing::Test {
   protected:

@@ -14,6 +14,7 @@
 #include "host_kit.h"
 #include "mosquitto_broker.h"
 #include "mqtt_client.h"
+#include "recording_cloud.h"
 #include "tests/support/temp_dir.h"
 #include "vexo_device.h"
 
@@ -64,17 +65,11 @@ TEST(MqttSecurity, RefusesSettingsThatCannotWork) {
     }
 }
 
-/// A transport the MQTT tests never use.
-class NoCloud : public hostkit::CloudTransport {
-  public:
-    hostkit::CloudResponse exchange(const hostkit::CloudRequest &) override { return {}; }
-};
-
 hostkit::Options kit_options(const std::string &dir, const std::string &mqtt_url) {
     hostkit::Options o;
     o.data_dir = dir + "/camera";
     o.device_id = "cam-mq";
-    o.cloud = std::make_shared<NoCloud>();
+    o.cloud = std::make_shared<vexo_test::RecordingCloud>(); // never called
     o.mqtt_url = mqtt_url;
     o.log_level = hostkit::LogLevel::kError;
     return o;

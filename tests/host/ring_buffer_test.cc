@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "host_kit.h"
+#include "recording_cloud.h"
 #include "ring_stream.h"
 #include "tests/support/temp_dir.h"
 #include "vexo_ring_buffer.h"
@@ -20,16 +21,6 @@ namespace {
 
 constexpr int32_t kVideo = VEXO_STREAM_MAIN;
 constexpr int32_t kAudio = VEXO_STREAM_AUDIO;
-
-/// The cloud is never called here; answer every request as a server error.
-class RefusingCloud : public hostkit::CloudTransport {
-  public:
-    hostkit::CloudResponse exchange(const hostkit::CloudRequest &) override {
-        hostkit::CloudResponse response;
-        response.status = 500;
-        return response;
-    }
-};
 
 /// Frame bytes that tell stream, time stamp and offset apart.
 std::vector<uint8_t> payload(int32_t stream, uint64_t timestamp_ms, size_t size = 32) {
@@ -77,7 +68,7 @@ class RingBufferTest : public ::testing::Test {
         hostkit::stop();
         hostkit::Options options;
         options.data_dir = dir_;
-        options.cloud = std::make_shared<RefusingCloud>();
+        options.cloud = std::make_shared<vexo_test::RecordingCloud>(); // never called
         options.log_level = hostkit::LogLevel::kError;
         options.ring_seconds = ring_seconds;
         options.ring_delay_ms = ring_delay_ms;
