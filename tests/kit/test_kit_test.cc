@@ -1,8 +1,8 @@
 // The test kit's own behaviour that module tests rely on: the virtual clock, a ring reader at
-// the live end, the frame generator, the cipher rules and the record serialiser. Anchoring,
-// ordering and catch-up of the kit's readers are checked through the module by the system
-// tests, which compare every uploaded frame with what the generator produced.
-#include <algorithm>
+// the live end and the frame generator. Anchoring, ordering and catch-up of the kit's readers
+// are checked through the module by the system tests, which compare every uploaded frame with
+// what the generator produced; the cipher and record code the kit shares with the host kit is
+// checked by the host kit's tests.
 #include <cstring>
 #include <gtest/gtest.h>
 
@@ -119,93 +119,6 @@ TEST_F(KitSelfTest, GeneratorFollowsClockAndMatchesHistory) {
     tk::stop_stream();
     vexo_ipc_ring_buffer_close(video);
     vexo_ipc_ring_buffer_close(audio);
-}
-
-// ---- crypto ------------------------------------------------------------------------------------
-
-TEST_F(KitSelfTest, CipherLeavesIvUnchangedAndRoundTrips) {
-    const uint8_t key[16] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
-    uint8_t iv[16];
-    for (int i = 0; i < 16; ++i) {
-        iv[i] = static_cast<uint8_t>(0xA0 + i);
-    }
-    uint8_t iv_before[16];
-    std::memcpy(iv_before, iv, 16);
-    for (uint32_t len : {0u, 15u, 16u, 100u}) {
-        std::vector<uint8_t> plain = bytes_of(static_cast<uint8_t>(len), len);
-        std::vector<uint8_t> out(len + 32);
-        uint32_t out_len = 0;
-        ASSERT_EQ(OpensslAES_CBC128_encrypt(plain.data(), len, out.data(), &out_len, key, iv), 0);
-        EXPECT_EQ(out_len, (len / 16 + 1) * 16);
-        EXPECT_EQ(std::memcmp(iv, iv_before, 16), 0);
-        out.resize(out_len);
-        EXPECT_EQ(tk::aes_cbc_decrypt(key, iv, out), plain);
-    }
-    std::vector<uint8_t> garbage(32, 0x55);
-    EXPECT_FALSE(tk::aes_cbc_decrypt(key, iv, garbage).has_value());
-
-    // The hardware path keeps the same rule and produces the same bytes.
-    vexo_hw_aes_t ctx;
-    std::memset(&ctx, 0, sizeof(ctx));
-    tk::set_hw_engine(true);
-    ASSERT_EQ(vexo_hw_aes_crypt_init(&ctx, key), 0);
-    std::vector<uint8_t> plain = bytes_of(7, 40);
-    std::vector<uint8_t> out(48);
-    uint32_t room = 48;
-    ASSERT_EQ(vexo_hw_aes_encrypt_cbc(&ctx, iv, 128, plain.data(), 40, out.data(), &room), 0);
-    EXPECT_EQ(room, 48u);
-    EXPECT_EQ(out, tk::aes_cbc_encrypt(key, iv, plain));
-    EXPECT_EQ(std::memcmp(iv, iv_before, 16), 0);
-    EXPECT_EQ(vexo_hw_aes_crypt_uninit(&ctx), 0);
-}
-
-// ---- key-value store ---------------------------------------------------------------------------
-
-TEST_F(KitSelfTest, KvRecordsRoundTripAndDamagedRecordsAreRejected) {
-    uint8_t md5[32];
-    std::memset(md5, 'a', sizeof(md5));
-    int32_t md5_len = 32;
-    uint8_t key[16] = {1, 2, 3};
-    vexo_kv_entry_t entries[] = {{"md5_value", VEXO_KV_BYTES, md5, 32},
-                                 {"md5_len", VEXO_KV_INT, &md5_len, 4},
-                                 {"encrypt_key_value", VEXO_KV_BYTES, key, 16}};
-    uint8_t *out = nullptr;
-    uint32_t out_len = 0;
-    ASSERT_EQ(iot_wd_utils_serialize(entries, 3, &out, &out_len), 0);
-    ASSERT_EQ(iot_wd_common_write("md5_encrypt_key", out, out_len), 0);
-    Free(out);
-    EXPECT_EQ(tk::record_int("md5_encrypt_key", "md5_len"), 32);
-
-    uint8_t *data = nullptr;
-    uint32_t len = 0;
-    ASSERT_EQ(iot_wd_common_read("md5_encrypt_key", &data, &len), 0);
-    EXPECT_EQ(len, out_len);
-    int32_t got_len = 0;
-    uint8_t got_key[4] = {0};
-    vexo_kv_entry_t wanted[] = {{"md5_len", VEXO_KV_INT, &got_len, 4},
-                                {"encrypt_key_value", VEXO_KV_BYTES, got_key, 4}};
-    ASSERT_EQ(iot_wd_utils_deserialize(data, wanted, 2), 0);
-    EXPECT_EQ(got_len, 32);
-    EXPECT_EQ(got_key[2], 3); // only the first 4 bytes asked for
-    vexo_kv_entry_t missing[] = {{"encrypt_key_len", VEXO_KV_INT, &got_len, 4}};
-    EXPECT_NE(iot_wd_utils_deserialize(data, missing, 1), 0);
-    uint8_t *md5_bytes = std::search_n(data, data + len, 32, 'a');
-    ASSERT_NE(md5_bytes, data + len);
-    md5_bytes[5] ^= 0x40; // a damaged value, every key still readable
-    EXPECT_NE(iot_wd_utils_deserialize(data, wanted, 2), 0);
-    data[0] = 'X';
-    EXPECT_NE(iot_wd_utils_deserialize(data, wanted, 2), 0);
-    EXPECT_EQ(iot_wd_common_free_data(data), 0);
-    EXPECT_EQ(tk::kv_outstanding_reads(), 0u);
-
-    EXPECT_EQ(iot_wd_common_read("storage_restriction", &data, &len), -6);
-    tk::put_slice_record(12);
-    ASSERT_EQ(iot_wd_common_read("storage_restriction", &data, &len), 0);
-    int32_t slice = 0;
-    vexo_kv_entry_t slice_entry[] = {{"slice_duration", VEXO_KV_INT, &slice, 4}};
-    EXPECT_EQ(iot_wd_utils_deserialize(data, slice_entry, 1), 0);
-    EXPECT_EQ(slice, 12);
-    iot_wd_common_free_data(data);
 }
 
 } // namespace
