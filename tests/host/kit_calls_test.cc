@@ -118,19 +118,15 @@ TEST_F(KitCallsTest, StorageConfigRefusesOrClampsNumbersBeyondTheirField) {
     // Durations beyond 0..INT32_MAX, and any fraction, make the answer refused; the count of
     // events left is clamped into that range.
     const Case cases[] = {
-        {"eventDuration", "1e300", -1, 0, "\"eventDuration\" 1.0000000000000001e+300 is not"},
         {"eventDuration", "2147483648", -1, 0, "\"eventDuration\" 2147483648 is not"},
         {"eventDuration", "2147483647", 0, kMax, nullptr},
         {"eventDuration", "-1", -1, 0, "\"eventDuration\" -1 is not a whole number"},
         {"sliceDuration", "4294967306", -1, 0, "answer refused"}, // 10 after a 32-bit wrap
         {"sliceDuration", "1.5", -1, 0, "\"sliceDuration\" 1.5 is not"},
         {"sliceDuration", "10.0", 0, 10, nullptr},
-        {"sliceDuration", "1E1", 0, 10, nullptr},
         {"silenceInterval", "-2147483649", -1, 0, "\"silenceInterval\" -2147483649 is not"},
         {"silenceInterval", "1e400", -1, 0, "\"silenceInterval\" inf is not"},
         {"silenceInterval", "0", 0, 0, nullptr},
-        {"countLeft", "1e300", 0, kMax,
-         "\"countLeft\" 1.0000000000000001e+300 taken as 2147483647"},
         {"countLeft", "4294967296", 0, kMax, "\"countLeft\" 4294967296 taken as 2147483647"},
         {"countLeft", "-5", 0, 0, "\"countLeft\" -5 taken as 0"},
         {"countLeft", "2.5", -1, 0, "\"countLeft\" 2.5 is not a whole number"},
@@ -296,14 +292,12 @@ TEST_F(KitCallsTest, MqttDispatchCallsTheAttachedHandlerCountsItAndDropsTheRest)
         {R"({"protocol":0})", nullptr},
         {R"({"protocol":4294967295})", nullptr},
         {R"({"protocol":301,"data":{}})", kUnknown},
-        {R"({"protocol":2147483648})", kUnknown},
         {R"({"data":{}})", ""},
         {R"({"protocol":"307"})", ""},
         {"{\"protocol\":307", ""},
         {"[307]", ""},
         {"", ""},
         {R"({"protocol":307.5})", "protocol 307.5 is not a whole"},
-        {R"({"protocol":1e300})", "protocol 1.0000000000000001e+300 is not"},
         {R"({"protocol":1e400})", "protocol inf is not"},
         {R"({"protocol":4294967296})", "protocol 4294967296 is not"},
         {R"({"protocol":4294967603})", "is not a whole number 0..4294967295"}, // 307 wrapped
