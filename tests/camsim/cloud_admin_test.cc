@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <mutex>
+#include <tuple>
 #include <vector>
 
 #include "cloud_admin.h"
@@ -55,6 +56,13 @@ class CloudAdminTest : public ::testing::Test {
         std::lock_guard<std::mutex> lock(mu_);
         return seen_.empty() ? Seen{} : seen_.back();
     }
+    /// Method, path and body of the last request; fails the test unless it had the token.
+    std::tuple<std::string, std::string, std::string> last_request() {
+        const Seen s = last();
+        EXPECT_EQ(s.authorization, "Bearer adm1n");
+        EXPECT_EQ(s.content_type, "application/json");
+        return {s.method, s.path, s.body};
+    }
 
     std::mutex mu_;
     std::vector<Seen> seen_;
@@ -75,32 +83,21 @@ TEST_F(CloudAdminTest, OrderTriggerAndAbortSendTheirJsonWithTheAdminToken) {
     start.daily_events = 20;
     start.expired = false;
     ASSERT_TRUE(admin_->set_order(start, &error)) << error;
-    Seen s = last();
-    EXPECT_EQ(s.method, "PUT");
-    EXPECT_EQ(s.path, "/v1/admin/devices/cam-9/order");
-    EXPECT_EQ(s.authorization, "Bearer adm1n");
-    EXPECT_EQ(s.content_type, "application/json");
-    EXPECT_EQ(s.body, R"({"storeMode":"event","eventDuration":12,"sliceDuration":10,)"
-                      R"("silenceInterval":5,"dailyEvents":20})")
-        << "expiry is not part of the admin order";
-
+    // Expiry is not part of the admin order.
+    EXPECT_EQ(last_request(), std::make_tuple("PUT", "/v1/admin/devices/cam-9/order",
+                                              R"({"storeMode":"event","eventDuration":12,)"
+                                              R"("sliceDuration":10,"silenceInterval":5,)"
+                                              R"("dailyEvents":20})"));
     vexo_cloud::OrderChange mode_only;
     mode_only.store_mode = "alltime";
     ASSERT_TRUE(admin_->set_order(mode_only, &error)) << error;
-    EXPECT_EQ(last().body, R"({"storeMode":"alltime"})");
-
+    EXPECT_EQ(std::get<2>(last_request()), R"({"storeMode":"alltime"})");
     ASSERT_TRUE(admin_->trigger("record", 30, &error)) << error;
-    s = last();
-    EXPECT_EQ(s.method, "POST");
-    EXPECT_EQ(s.path, "/v1/admin/devices/cam-9/trigger");
-    EXPECT_EQ(s.body, R"({"action":"record","duration":30,"ext":{"user":"camsim"}})");
-
+    EXPECT_EQ(last_request(),
+              std::make_tuple("POST", "/v1/admin/devices/cam-9/trigger",
+                              R"({"action":"record","duration":30,"ext":{"user":"camsim"}})"));
     ASSERT_TRUE(admin_->abort_order(&error)) << error;
-    s = last();
-    EXPECT_EQ(s.method, "POST");
-    EXPECT_EQ(s.path, "/v1/admin/devices/cam-9/abort");
-    EXPECT_EQ(s.body, "{}");
-    EXPECT_EQ(s.authorization, "Bearer adm1n");
+    EXPECT_EQ(last_request(), std::make_tuple("POST", "/v1/admin/devices/cam-9/abort", "{}"));
 }
 
 TEST_F(CloudAdminTest, RecordingsAreReadFromTheAnswer) {
@@ -117,11 +114,9 @@ TEST_F(CloudAdminTest, RecordingsAreReadFromTheAnswer) {
     EXPECT_EQ(last().method, "GET");
     EXPECT_EQ(last().path, "/v1/admin/devices/cam-9/recordings");
     ASSERT_EQ(list.size(), 2u);
-    EXPECT_EQ(list[0].start_time, 1800000000u);
-    EXPECT_EQ(list[0].end_time, 1800000012u);
-    EXPECT_EQ(list[0].files, 2u);
-    EXPECT_EQ(list[0].bytes, 123456u);
-    EXPECT_EQ(list[0].key_md5, "ab");
+    EXPECT_EQ(std::tie(list[0].start_time, list[0].end_time, list[0].files, list[0].bytes,
+                       list[0].key_md5),
+              std::make_tuple(1800000000u, 1800000012u, 2u, 123456u, "ab"));
     EXPECT_EQ(list[1].end_time, 0u) << "still open";
 }
 

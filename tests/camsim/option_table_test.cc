@@ -2,6 +2,7 @@
 // each with what the handlers saw, the operands, or the refusal.
 #include <gtest/gtest.h>
 
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -32,13 +33,23 @@ std::vector<vexo_cli::Option> table(Seen *seen) {
     };
 }
 
+/// The words of a command line, a list of calls or of operands, written with spaces.
+std::vector<std::string> words(const std::string &text) {
+    std::istringstream in(text);
+    std::vector<std::string> out;
+    for (std::string word; in >> word;) {
+        out.push_back(word);
+    }
+    return out;
+}
+
 struct Case {
     const char *name;
-    std::vector<std::string> args;
+    const char *args;
     vexo_cli::Syntax syntax;
-    std::vector<std::string> calls;
-    std::vector<std::string> operands;
-    std::string error; // empty: accepted
+    const char *calls;
+    const char *operands;
+    const char *error; // empty: accepted
 };
 
 vexo_cli::Syntax with(std::initializer_list<void (*)(vexo_cli::Syntax *)> changes) {
@@ -70,92 +81,43 @@ void long_operands(vexo_cli::Syntax *s) {
 
 TEST(OptionTable, ReadsEachCommandLineAsItsSyntaxSays) {
     const Case cases[] = {
-        {"values and flags in order",
-         {"--all", "--data", "d", "-v"},
-         {},
-         {"--all=", "--data=d", "-v="},
-         {},
-         ""},
-        {"a value may look like an option", {"--data", "--all"}, {}, {"--data=--all"}, {}, ""},
-        {"the last of a repeated option comes last",
-         {"--data", "a", "--data", "b"},
-         {},
-         {"--data=a", "--data=b"},
-         {},
-         ""},
-        {"unknown option", {"--bogus", "x"}, {}, {}, {}, "unknown option --bogus"},
-        {"missing value", {"--all", "--data"}, {}, {"--all="}, {}, "missing value for --data"},
-        {"a handler refuses", {"--data", "bad", "--all"}, {}, {}, {}, "bad --data"},
-        {"help ends the line", {"--help", "--bogus"}, {}, {"--help="}, {}, ""},
-        {"a word without operands", {"word", "x"}, {}, {}, {}, "unknown option word"},
-        {"operands between options",
-         {"a", "--data", "d", "-", "b"},
-         with({operands}),
-         {"--data=d"},
-         {"a", "-", "b"},
-         ""},
-        {"inline value",
-         {"--data=d=e", "--all"},
-         with({inline_values}),
-         {"--data=d=e", "--all="},
-         {},
-         ""},
-        {"an inline value on a flag",
-         {"--all=1"},
-         with({inline_values}),
-         {},
-         {},
+        {"values and flags in order", "--all --data d -v", {}, "--all= --data=d -v=", "", ""},
+        {"a value may look like an option", "--data --all", {}, "--data=--all", "", ""},
+        {"repeated option in order", "--data a --data b", {}, "--data=a --data=b", "", ""},
+        {"unknown option", "--bogus x", {}, "", "", "unknown option --bogus"},
+        {"missing value", "--all --data", {}, "--all=", "", "missing value for --data"},
+        {"a handler refuses", "--data bad --all", {}, "", "", "bad --data"},
+        {"help ends the line", "--help --bogus", {}, "--help=", "", ""},
+        {"a word without operands", "word x", {}, "", "", "unknown option word"},
+        {"operands between options", "a --data d - b", with({operands}), "--data=d", "a - b", ""},
+        {"inline value", "--data=d=e --all", with({inline_values}), "--data=d=e --all=", "", ""},
+        {"an inline value on a flag", "--all=1", with({inline_values}), "", "",
          "unknown option --all=1"},
-        {"an inline value is not split without the syntax",
-         {"--data=d"},
-         {},
-         {},
-         {},
-         "unknown option --data=d"},
-        {"double dash ends the options",
-         {"--all", "--", "--data", "-v"},
-         with({operands, double_dash}),
-         {"--all="},
-         {"--data", "-v"},
-         ""},
-        {"double dash is a word without the syntax", {"--"}, {}, {}, {}, "unknown option --"},
-        {"last word: a known option",
-         {"--all", "--data"},
-         with({last_word}),
-         {"--all="},
-         {},
+        {"no inline value without the syntax", "--data=d", {}, "", "", "unknown option --data=d"},
+        {"double dash ends the options", "--all -- --data -v", with({operands, double_dash}),
+         "--all=", "--data -v", ""},
+        {"double dash is a word without the syntax", "--", {}, "", "", "unknown option --"},
+        {"last word: a known option", "--all --data", with({last_word}), "--all=", "",
          "missing value for --data"},
-        {"last word: an unknown option",
-         {"--bogus"},
-         with({last_word}),
-         {},
-         {},
+        {"last word: an unknown option", "--bogus", with({last_word}), "", "",
          "missing value for --bogus"},
-        {"last word: no option", {"-x"}, with({last_word}), {}, {}, "stray -x"},
-        {"last word: a flag is fine",
-         {"--data", "d", "-v"},
-         with({last_word}),
-         {"--data=d", "-v="},
-         {},
-         ""},
-        {"operands by a long prefix",
-         {"cam", "-x", "--data", "d"},
-         with({long_operands}),
-         {"--data=d"},
-         {"cam", "-x"},
-         ""},
-        {"message template", {"--bogus", "1"}, with({long_operands}), {}, {}, "no --bogus here"},
+        {"last word: no option", "-x", with({last_word}), "", "", "stray -x"},
+        {"last word: a flag is fine", "--data d -v", with({last_word}), "--data=d -v=", "", ""},
+        {"operands by a long prefix", "cam -x --data d", with({long_operands}), "--data=d",
+         "cam -x", ""},
+        {"message template", "--bogus 1", with({long_operands}), "", "", "no --bogus here"},
     };
     for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
         Seen seen;
         std::vector<std::string> got_operands;
         std::string error;
         const bool ok =
-            vexo_cli::parse_options(c.args, table(&seen), c.syntax, &got_operands, &error);
-        EXPECT_EQ(ok, c.error.empty()) << c.name;
-        EXPECT_EQ(error, c.error) << c.name;
-        EXPECT_EQ(seen.calls, c.calls) << c.name;
-        EXPECT_EQ(got_operands, c.operands) << c.name;
+            vexo_cli::parse_options(words(c.args), table(&seen), c.syntax, &got_operands, &error);
+        EXPECT_EQ(ok, std::string(c.error).empty());
+        EXPECT_EQ(error, c.error);
+        EXPECT_EQ(seen.calls, words(c.calls));
+        EXPECT_EQ(got_operands, words(c.operands));
     }
 }
 

@@ -38,39 +38,25 @@ Result run(const std::vector<std::string> &argv, const std::vector<std::string> 
 std::string make_clip(const std::string &dir, const std::string &name, int width, int height,
                       int fps, int gop, int seconds, const std::string &audio, int kbps) {
     const std::string out = dir + "/" + name;
-    const std::string size = std::to_string(width) + "x" + std::to_string(height);
-    std::vector<std::string> argv = {
-        "ffmpeg", "-v",    "error", "-y",
-        "-f",     "lavfi", "-i",    "testsrc2=size=" + size + ":rate=" + std::to_string(fps)};
+    std::string args = "-v error -y -f lavfi -i testsrc2=size=" + std::to_string(width) + "x" +
+                       std::to_string(height) + ":rate=" + std::to_string(fps);
     if (!audio.empty()) {
-        argv.insert(argv.end(), {"-f", "lavfi", "-i", "sine=frequency=440:sample_rate=8000"});
+        args += " -f lavfi -i sine=frequency=440:sample_rate=8000";
     }
-    argv.insert(argv.end(), {"-t",
-                             std::to_string(seconds),
-                             "-c:v",
-                             "libx264",
-                             "-preset",
-                             "veryfast",
-                             "-bf",
-                             "0",
-                             "-g",
-                             std::to_string(gop),
-                             "-keyint_min",
-                             std::to_string(gop),
-                             "-sc_threshold",
-                             "0",
-                             "-b:v",
-                             std::to_string(kbps) + "k",
-                             "-maxrate",
-                             std::to_string(kbps * 3 / 2) + "k",
-                             "-bufsize",
-                             std::to_string(kbps) + "k",
-                             "-pix_fmt",
-                             "yuv420p"});
+    const std::string g = std::to_string(gop);
+    const std::string k = std::to_string(kbps);
+    args += " -t " + std::to_string(seconds) + " -c:v libx264 -preset veryfast -bf 0 -g " + g +
+            " -keyint_min " + g + " -sc_threshold 0 -b:v " + k + "k -maxrate " +
+            std::to_string(kbps * 3 / 2) + "k -bufsize " + k + "k -pix_fmt yuv420p";
     if (audio == "aac") {
-        argv.insert(argv.end(), {"-c:a", "aac", "-b:a", "32k", "-ac", "1"});
+        args += " -c:a aac -b:a 32k -ac 1";
     } else if (!audio.empty()) {
-        argv.insert(argv.end(), {"-c:a", audio, "-ac", "1"});
+        args += " -c:a " + audio + " -ac 1";
+    }
+    std::vector<std::string> argv = {"ffmpeg"};
+    std::istringstream words(args);
+    for (std::string word; words >> word;) {
+        argv.push_back(word);
     }
     argv.push_back(out);
     const Result r = run(argv);

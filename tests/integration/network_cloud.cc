@@ -150,6 +150,14 @@ int Cloud::stop() {
     return process_->wait(kStartTimeoutS);
 }
 
+Clip make_clip(const std::string &dir) {
+    Clip clip;
+    clip.path = e2e::make_clip(dir, "clip.mkv", 320, 240, 20, 40, 6, "pcm_mulaw", 300);
+    const auto keys = e2e::source_key_frames(dir, clip.path);
+    clip.keys.insert(keys.begin(), keys.end());
+    return clip;
+}
+
 std::vector<std::string> camsim_args(const Cloud &cloud, const std::string &broker_url,
                                      const std::string &data, const std::string &clip,
                                      const std::string &device,

@@ -5,6 +5,7 @@
 
 #include <csignal>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -110,6 +111,15 @@ class Cloud {
     int starts_ = 0;
     std::unique_ptr<Process> process_;
 };
+
+/// The clip the camera runs play: 6 s of 320x240 at 20 fps with a key frame every 2 s and
+/// G.711 audio (no encoder delay, so the loop has no gap in the video time line), with the
+/// key frames a recording of it must hold.
+struct Clip {
+    std::string path;
+    std::set<e2e::NalList> keys;
+};
+Clip make_clip(const std::string &dir);
 
 /// vexo-camsim against the network cloud: quiet, the given clip and device, plus extra.
 std::vector<std::string> camsim_args(const Cloud &cloud, const std::string &broker_url,

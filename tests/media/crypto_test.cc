@@ -51,6 +51,10 @@ TEST(MediaDecrypt, RoundTripsEveryLengthAroundTheBlockSize) {
         Bytes out{0xee};
         ASSERT_TRUE(vexo_media::decrypt(kTestKey, cipher, &out));
         EXPECT_EQ(out, plain);
+        // Another key fails or gives other bytes.
+        vexo_media::Key other = kTestKey;
+        other[length % 16] ^= 1;
+        EXPECT_FALSE(vexo_media::decrypt(other, cipher, &out) && out == plain);
     }
 }
 
@@ -79,31 +83,16 @@ TEST(MediaDecrypt, RefusesBadLengthsAndBadPadding) {
     EXPECT_EQ(out, Bytes(13, 0x41));
 }
 
-TEST(MediaDecrypt, WrongKeyFailsOrGivesOtherBytes) {
-    const Bytes plain(100, 0x5a);
-    vexo_media::Key other = kTestKey;
-    other[0] ^= 1;
-    Bytes out;
-    const bool ok = vexo_media::decrypt(other, media_test::encrypt(kTestKey, plain), &out);
-    EXPECT_FALSE(ok && out == plain);
-}
-
 TEST(MediaDecrypt, PlainPayloadDecryptsOnlyKeyFramesAndAudio) {
     const Bytes plain = {0, 0, 0, 1, 0x65, 1, 2};
-    for (uint32_t type : {vexo_media::kTypeKey, vexo_media::kTypeAudio}) {
+    for (uint32_t type : {vexo_media::kTypeKey, vexo_media::kTypeAudio, vexo_media::kTypeP}) {
         vexo_media::Entry e;
         e.type = type;
-        e.payload = media_test::encrypt(kTestKey, plain);
+        e.payload = type == vexo_media::kTypeP ? plain : media_test::encrypt(kTestKey, plain);
         Bytes out;
-        ASSERT_TRUE(vexo_media::plain_payload(kTestKey, e, &out));
-        EXPECT_EQ(out, plain);
+        ASSERT_TRUE(vexo_media::plain_payload(kTestKey, e, &out)) << type;
+        EXPECT_EQ(out, plain) << type;
     }
-    vexo_media::Entry p;
-    p.type = vexo_media::kTypeP;
-    p.payload = plain;
-    Bytes out;
-    ASSERT_TRUE(vexo_media::plain_payload(kTestKey, p, &out));
-    EXPECT_EQ(out, plain);
 }
 
 TEST(MediaKey, TextAndDigest) {

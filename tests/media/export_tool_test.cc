@@ -312,7 +312,7 @@ std::string lines_with(const std::string &output, const std::string &text) {
     return found;
 }
 
-TEST_F(MediaTool, ListAndVerifyGoOnPastADamagedRecordingJson) {
+TEST_F(MediaTool, ListVerifyAndExportGoOnPastADamagedRecordingJson) {
     const std::string damaged = write_damaged_copy(write_recording(false));
     const std::string good = std::to_string(kStart);
     const std::string bad = std::to_string(kStart + 60);
@@ -340,6 +340,20 @@ TEST_F(MediaTool, ListAndVerifyGoOnPastADamagedRecordingJson) {
     EXPECT_EQ(keyed.status, 1) << keyed.output;
     EXPECT_EQ(lines_with(keyed.output, "no key"), "") << keyed.output;
     EXPECT_NE(keyed.output.find(": 1 faults"), std::string::npos) << keyed.output;
+
+    // Exporting them all skips only the damaged one; asked for by name, it is an error.
+    const std::string bad_file = out("all/cam-1_" + bad + ".mp4");
+    const RunResult all = tool("export --all --out-dir " + out("all"));
+    EXPECT_EQ(all.status, 1) << all.output;
+    EXPECT_NE(all.output.find(damaged + ": not a JSON object"), std::string::npos) << all.output;
+    EXPECT_EQ(probe(out("all/cam-1_" + good + ".mp4"), "v"), "h264,20");
+    EXPECT_FALSE(std::ifstream(bad_file).good());
+    EXPECT_FALSE(std::ifstream(bad_file + ".part").good());
+    const RunResult one =
+        tool("export --key " + std::string(kKeyText) + " " + bad + " -o " + out("one.mp4"));
+    EXPECT_EQ(one.status, 1) << one.output;
+    EXPECT_NE(one.output.find(damaged), std::string::npos) << one.output;
+    EXPECT_FALSE(std::ifstream(out("one.mp4")).good());
 }
 
 TEST_F(MediaTool, ListShowsGapsAmongRecordingsAndRecordingsLeftOpen) {
@@ -385,24 +399,6 @@ TEST_F(MediaTool, ListShowsGapsAmongRecordingsAndRecordingsLeftOpen) {
     EXPECT_NE(damaged.output.find("cam-1/gaps.json: gap 1: to is before from"), std::string::npos)
         << damaged.output;
     EXPECT_NE(lines_with(damaged.output, "left open by the camera"), "") << damaged.output;
-}
-
-TEST_F(MediaTool, ExportAllSkipsOnlyTheRecordingWithDamagedMetadata) {
-    const std::string damaged = write_damaged_copy(write_recording(false));
-    const std::string bad_file = out("all/cam-1_" + std::to_string(kStart + 60) + ".mp4");
-
-    const RunResult all = tool("export --all --out-dir " + out("all"));
-    EXPECT_EQ(all.status, 1) << all.output;
-    EXPECT_NE(all.output.find(damaged + ": not a JSON object"), std::string::npos) << all.output;
-    EXPECT_EQ(probe(out("all/cam-1_" + std::to_string(kStart) + ".mp4"), "v"), "h264,20");
-    EXPECT_FALSE(std::ifstream(bad_file).good());
-    EXPECT_FALSE(std::ifstream(bad_file + ".part").good());
-
-    const RunResult one = tool("export --key " + std::string(kKeyText) + " " +
-                               std::to_string(kStart + 60) + " -o " + out("one.mp4"));
-    EXPECT_EQ(one.status, 1) << one.output;
-    EXPECT_NE(one.output.find(damaged), std::string::npos) << one.output;
-    EXPECT_FALSE(std::ifstream(out("one.mp4")).good());
 }
 
 TEST_F(MediaTool, CommandErrorsExitWithTwo) {

@@ -1,6 +1,8 @@
 // Splitting media files into entries: a table of well-formed and damaged files.
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "media_builder.h"
 
 namespace {
@@ -85,27 +87,13 @@ TEST(MediaParse, EntryFieldsAreLittleEndianAndOffsetsCount) {
     Fault fault;
     ASSERT_TRUE(vexo_media::parse("f", media_test::concat({first, second}), &entries, &fault));
     ASSERT_EQ(entries.size(), 2u);
-    EXPECT_EQ(entries[0].type, 1u);
-    EXPECT_EQ(entries[0].length, 4u);
-    EXPECT_EQ(entries[0].timestamp, 0x0102030405060708ull);
-    EXPECT_EQ(entries[0].pts, 0x1112131415161718ull);
-    EXPECT_EQ(entries[0].offset, 0u);
+    EXPECT_EQ(std::tie(entries[0].type, entries[0].length, entries[0].timestamp, entries[0].pts,
+                       entries[0].offset),
+              std::make_tuple(1u, 4u, 0x0102030405060708ull, 0x1112131415161718ull, 0ull));
     EXPECT_EQ(entries[0].payload, (Bytes{1, 2, 3, 4}));
-    EXPECT_EQ(entries[1].type, 3u);
-    EXPECT_EQ(entries[1].timestamp, 0xfffffffffffffffeull);
-    EXPECT_EQ(entries[1].offset, first.size());
+    EXPECT_EQ(std::tie(entries[1].type, entries[1].timestamp, entries[1].offset),
+              std::make_tuple(3u, 0xfffffffffffffffeull, uint64_t{first.size()}));
     EXPECT_EQ(entries[1].payload, (Bytes{9}));
-}
-
-TEST(MediaReadFile, MissingFileIsAFaultAtOffsetZero) {
-    media_test::TempDir dir;
-    std::vector<Entry> entries;
-    Fault fault;
-    EXPECT_FALSE(vexo_media::read_file(dir.path() + "/nope.media", &entries, &fault));
-    EXPECT_EQ(fault.offset, 0u);
-    EXPECT_NE(fault.message.find("cannot open"), std::string::npos);
-    EXPECT_FALSE(vexo_media::read_file(dir.path(), &entries, &fault));
-    EXPECT_NE(fault.message.find("not a regular file"), std::string::npos);
 }
 
 TEST(MediaReadFile, ReadsWhatIsOnDiskAndNamesThePathInFaults) {
@@ -119,6 +107,12 @@ TEST(MediaReadFile, ReadsWhatIsOnDiskAndNamesThePathInFaults) {
     EXPECT_EQ(entries.size(), 1u);
     EXPECT_EQ(fault.file, path);
     EXPECT_EQ(fault.offset, good.size());
+    // A missing file and a directory are faults at offset 0.
+    EXPECT_FALSE(vexo_media::read_file(dir.path() + "/nope.media", &entries, &fault));
+    EXPECT_EQ(fault.offset, 0u);
+    EXPECT_NE(fault.message.find("cannot open"), std::string::npos);
+    EXPECT_FALSE(vexo_media::read_file(dir.path(), &entries, &fault));
+    EXPECT_NE(fault.message.find("not a regular file"), std::string::npos);
 }
 
 } // namespace

@@ -60,21 +60,49 @@ TEST_F(MediaVerify, WellFormedRecordingCountsEverything) {
     EXPECT_EQ(report.last_timestamp, 2080u);
 }
 
-TEST_F(MediaVerify, FileBeginningWithAPFrame) {
-    const std::string path = dir.write("a.media", concat({p_frame(1000), key_frame(1040)}));
-    const VerifyReport report = vexo_media::verify_files({path}, nullptr);
-    EXPECT_TRUE(has_fault(report, path, 0, "begins with a P frame")) << faults_text(report);
-    EXPECT_EQ(report.faults.size(), 1u) << faults_text(report);
-}
-
-TEST_F(MediaVerify, PFrameAfterAudioButBeforeTheFirstKeyFrame) {
-    const Bytes lead = audio(1000);
-    const std::string path =
-        dir.write("a.media", concat({lead, p_frame(1010), p_frame(1020), key_frame(1040)}));
-    const VerifyReport report = vexo_media::verify_files({path}, nullptr);
-    EXPECT_TRUE(has_fault(report, path, lead.size(), "before the first key frame"))
-        << faults_text(report);
-    EXPECT_EQ(report.faults.size(), 1u) << faults_text(report);
+TEST_F(MediaVerify, FaultsInOneFileAtTheirEntries) {
+    vexo_media::Key other = kTestKey;
+    other[0] = 'X';
+    // A key frame sealed with another key: under the test key its last byte decrypts to 0x46,
+    // invalid padding (fixed keys, so this holds on every run).
+    const Bytes foreign = entry(1, media_test::encrypt(other, kKeyFrame), 1000);
+    struct Case {
+        const char *name;
+        std::vector<Bytes> entries;
+        bool keyed;
+        std::vector<std::pair<size_t, std::string>> faults; // at which entry, what
+    };
+    const Case cases[] = {
+        {"P frame first", {p_frame(1000), key_frame(1040)}, false, {{0, "begins with a P frame"}}},
+        {"P frame after audio before the key frame",
+         {audio(1000), p_frame(1010), p_frame(1020), key_frame(1040)},
+         false,
+         {{1, "before the first key frame"}}},
+        {"equal time stamps", {key_frame(1000), audio(1000), p_frame(1000), audio(1000)}, true, {}},
+        {"cipher lengths",
+         {key_frame(1000), entry(3, Bytes(17, 1), 1010), entry(3, Bytes(24, 1), 1015),
+          entry(1, {}, 1020)},
+         true,
+         {{1, "cipher length 17"}, {2, "cipher length 24"}, {3, "cipher length 0"}}},
+        {"another key, no key given", {foreign, p_frame(1040), audio(1050)}, false, {}},
+        {"another key",
+         {foreign, p_frame(1040), audio(1050)},
+         true,
+         {{0, "key frame does not decrypt"}}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string path = dir.write("a.media", concat(c.entries));
+        const VerifyReport report = vexo_media::verify_files({path}, c.keyed ? &kTestKey : nullptr);
+        EXPECT_EQ(report.faults.size(), c.faults.size()) << faults_text(report);
+        for (const auto &[index, text] : c.faults) {
+            uint64_t offset = 0;
+            for (size_t i = 0; i < index; ++i) {
+                offset += c.entries[i].size();
+            }
+            EXPECT_TRUE(has_fault(report, path, offset, text)) << faults_text(report);
+        }
+    }
 }
 
 TEST_F(MediaVerify, TimeStampsGoingBackAcrossFilesPerStream) {
@@ -89,36 +117,6 @@ TEST_F(MediaVerify, TimeStampsGoingBackAcrossFilesPerStream) {
     EXPECT_TRUE(has_fault(report, second, video_back.size(), "audio time stamp 5005 ms"))
         << faults_text(report);
     EXPECT_EQ(report.faults.size(), 2u) << faults_text(report);
-}
-
-TEST_F(MediaVerify, EqualTimeStampsAreNotAFault) {
-    const std::string path =
-        dir.write("a.media", concat({key_frame(1000), audio(1000), p_frame(1000), audio(1000)}));
-    EXPECT_TRUE(vexo_media::verify_files({path}, &kTestKey).faults.empty());
-}
-
-TEST_F(MediaVerify, CipherLengthNotAMultipleOf16) {
-    const Bytes good = key_frame(1000);
-    const Bytes odd_audio = entry(3, Bytes(17, 1), 1010);
-    const Bytes empty_key = entry(1, {}, 1020);
-    const std::string path = dir.write("a.media", concat({good, odd_audio, empty_key}));
-    const VerifyReport report = vexo_media::verify_files({path}, &kTestKey);
-    EXPECT_TRUE(has_fault(report, path, good.size(), "cipher length 17"));
-    EXPECT_TRUE(has_fault(report, path, good.size() + odd_audio.size(), "cipher length 0"));
-    EXPECT_EQ(report.faults.size(), 2u) << faults_text(report);
-}
-
-TEST_F(MediaVerify, WrongKeyOnlyCheckedWithAKey) {
-    vexo_media::Key other = kTestKey;
-    other[0] = 'X';
-    // A key frame sealed with another key: under the test key its last byte decrypts to 0x46,
-    // invalid padding (fixed keys, so this holds on every run).
-    const Bytes foreign = entry(1, media_test::encrypt(other, kKeyFrame), 1000);
-    const std::string path = dir.write("a.media", concat({foreign, p_frame(1040), audio(1050)}));
-    EXPECT_TRUE(vexo_media::verify_files({path}, nullptr).faults.empty());
-    const VerifyReport report = vexo_media::verify_files({path}, &kTestKey);
-    EXPECT_TRUE(has_fault(report, path, 0, "key frame does not decrypt")) << faults_text(report);
-    EXPECT_EQ(report.faults.size(), 1u) << faults_text(report);
 }
 
 TEST_F(MediaVerify, DamagedFileKeepsItsEntriesAndTheNextFileIsChecked) {
