@@ -5,7 +5,6 @@
 #include <chrono>
 #include <future>
 #include <string>
-#include <thread>
 
 #include "service/http/body_feed.h"
 #include "service/http/http_metrics.h"
@@ -104,35 +103,6 @@ TEST(HttpRules, HeadsAreRefusedWithTheirStatus) {
             EXPECT_FALSE(refusal->message.empty()) << c.what;
         }
     }
-}
-
-TEST(HttpBodyFeed, PiecesReachTheReaderOnlyAsItAsks) {
-    BodyFeed *feed_ptr = nullptr;
-    std::atomic<int> asked{0};
-    std::thread deliverer;
-    const std::vector<std::string> pieces = {"ab", "", "cde", "f"};
-    BodyFeed feed(
-        [&] {
-            const int n = asked++;
-            // Delivered from another thread, as a connection does.
-            if (deliverer.joinable()) {
-                deliverer.join();
-            }
-            deliverer = std::thread([&feed_ptr, &pieces, n] {
-                feed_ptr->deliver(pieces[static_cast<size_t>(n)],
-                                  static_cast<size_t>(n) + 1 == pieces.size());
-            });
-        },
-        false);
-    feed_ptr = &feed;
-    std::string got;
-    EXPECT_TRUE(feed.read([&](const char *data, size_t size) {
-        got.append(data, size);
-        return true;
-    }));
-    deliverer.join();
-    EXPECT_EQ(got, "abcdef");
-    EXPECT_EQ(asked.load(), 4);
 }
 
 TEST(HttpBodyFeed, AFailureOrARefusingSinkEndsTheRead) {
