@@ -67,8 +67,7 @@ TEST_F(AdminApiTest, CountLeftSetsWhatIsLeftTodayAroundTheStartsAlreadyMade) {
 }
 
 TEST_F(AdminApiTest, RefusalsAre4xxWithAnErrorAndChangeNothing) {
-    auto service = start_service();
-    add_device(*service, "cam1");
+    auto service = start_cam1();
     const auto before = snapshot();
     const size_t published_before = published().size();
     const std::pair<Request, int32_t> cases[] = {
@@ -123,8 +122,7 @@ TEST_F(AdminApiTest, AdminTokenIsRequiredWhenSet) {
 }
 
 TEST_F(AdminApiTest, ListingsShowDevicesRecordingsTheirStateAndTheGaps) {
-    auto service = start_service();
-    add_device(*service, "cam1");
+    auto service = start_cam1();
     // Left open by the camera (a later one exists), closed, and one still recording.
     for (uint32_t t : {kNoon, kNoon + 600, kNoon + 1200}) {
         start(*service, "cam1", t, kNoKeyMd5);

@@ -143,9 +143,7 @@ TEST_F(DataDirectoryTest, AtStartDamagedRowsAreQuarantinedAndMediaReconciled) {
     const std::string data = dir_ + "/data";
     const std::string rec = data + "/cam1/1710072000";
     {
-        auto service = start_service();
-        add_device(*service, "cam1");
-        start(*service, "cam1", kNoon, kNoKeyMd5);
+        auto service = start_cam1(options(), true);
         start(*service, "cam1", kNoon + 60, kNoKeyMd5);
         ASSERT_EQ(put_media(*service, "cam1", "1710072000_0000.media", "a").status, 200);
         ASSERT_EQ(put_media(*service, "cam1", "1710072000_0010.media", "bb").status, 200);

@@ -26,8 +26,7 @@ class GapReportTest : public ServiceTest {
 
 TEST_F(GapReportTest, GapsAreStoredOnceByTimeAndKeptAcrossARestart) {
     {
-        auto service = start_service();
-        add_device(*service, "cam1");
+        auto service = start_cam1();
         // Each twice, as after a lost answer; another reason or size is another drop, and a
         // reason of a later kit's own is kept.
         for (const std::string &body :
@@ -51,8 +50,7 @@ TEST_F(GapReportTest, GapsAreStoredOnceByTimeAndKeptAcrossARestart) {
 }
 
 TEST_F(GapReportTest, BadReportsAreRefusedAndChangeNothing) {
-    auto service = start_service();
-    add_device(*service, "cam1");
+    auto service = start_cam1();
     ASSERT_EQ(post_gap(*service, gap(kNoon, kNoon + 1, "spool full", 5)), 200);
     const auto before = snapshot();
     const char *const bad_bodies[] = {

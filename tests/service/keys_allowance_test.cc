@@ -36,8 +36,7 @@ TEST(ServiceKeyCryptoTest, Md5MatchesKnownDigests) {
 }
 
 TEST_F(ServiceKeysTest, FirstStartIssuesKeyAndMatchingMd5KeepsIt) {
-    auto service = start_service();
-    add_device(*service, "cam1");
+    auto service = start_cam1();
     const Json first = start(*service, "cam1", kNoon, kNoKeyMd5);
     ASSERT_EQ(first["needUpdate"], true);
     const std::string key = first["encryptKey"];
@@ -55,8 +54,7 @@ TEST_F(ServiceKeysTest, FirstStartIssuesKeyAndMatchingMd5KeepsIt) {
 }
 
 TEST_F(ServiceKeysTest, StartWithAnotherKeyGetsTheCurrentKeyAndDevicesTheirOwn) {
-    auto service = start_service();
-    add_device(*service, "cam1");
+    auto service = start_cam1();
     add_device(*service, "cam2");
     const std::string key = start(*service, "cam1", kNoon, kNoKeyMd5)["encryptKey"];
     const std::string key2 = start(*service, "cam2", kNoon, kNoKeyMd5)["encryptKey"];

@@ -25,9 +25,7 @@ class LimitsAdminTest : public ServiceTest {
 TEST_F(LimitsAdminTest, LimitsRoundTripWithUsageAndDefaults) {
     vexo_cloud::Options o = options();
     o.default_limits.max_files = 100;
-    auto service = start_service(o);
-    add_device(*service, "cam1");
-    start(*service, "cam1", kNoon, kNoKeyMd5);
+    auto service = start_cam1(o, true);
     ASSERT_EQ(put_media(*service, "cam1", "1710072000_0000.media", "12345").status, 200);
     EXPECT_EQ(body_of(call(*service, "GET", "cam1/limits")),
               Json::parse(R"({"maxBytes":null,"maxFiles":100,"alarmsPerDay":null,
@@ -55,8 +53,7 @@ TEST_F(LimitsAdminTest, LimitsRoundTripWithUsageAndDefaults) {
 TEST_F(LimitsAdminTest, BadLimitsAndNewDevicesPastTheCapAreRefusedAndChangeNothing) {
     vexo_cloud::Options o = options();
     o.max_devices = 1;
-    auto service = start_service(o);
-    add_device(*service, "cam1");
+    auto service = start_cam1(o);
     ASSERT_EQ(call(*service, "PUT", "cam1/limits", R"({"maxFiles":7})").status, 200);
     const auto before = snapshot();
     for (const char *body : {R"({"maxFiles":-1})", R"({"maxBytes":"1"})", R"({"maxBytes":1.5})",

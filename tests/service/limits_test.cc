@@ -49,9 +49,7 @@ TEST_F(LimitsTest, QuotasRefuseUploadsBeforeTheBodyAndLetTheSameFileAgain) {
     DeviceLimits limits;
     limits.max_files = 2;
     limits.max_bytes = 10;
-    auto service = start_service(limited(limits));
-    add_device(*service, "cam1");
-    start(*service, "cam1", kNoon, kNoKeyMd5);
+    auto service = start_cam1(limited(limits), true);
     ASSERT_EQ(put_media(*service, "cam1", media_name(kNoon, 0), "0123").status, 200);
     ASSERT_EQ(put_media(*service, "cam1", media_name(kNoon, 1), "456789").status, 200); // full
     // The identical re-upload of a stored file takes no room: 200 at a full quota.
@@ -86,8 +84,7 @@ TEST_F(LimitsTest, QuotasRefuseUploadsBeforeTheBodyAndLetTheSameFileAgain) {
 TEST_F(LimitsTest, AlarmsPastTheDailyQuotaAreRefusedUntilTheNextDay) {
     DeviceLimits limits;
     limits.max_alarms_per_day = 2;
-    auto service = start_service(limited(limits));
-    add_device(*service, "cam1");
+    auto service = start_cam1(limited(limits));
     EXPECT_EQ(post_alarm(*service, kNoon).status, 200);
     EXPECT_EQ(post_alarm(*service, kNoon + 1, "aGVsbG8=").status, 200);
     const auto before = snapshot();
@@ -106,8 +103,7 @@ TEST_F(LimitsTest, TheDeviceCapRefusesNewDevicesAndStartsThatWouldPassIt) {
     Options o = options();
     o.max_devices = 2;
     {
-        auto service = start_service(o);
-        add_device(*service, "cam1");
+        auto service = start_cam1(o);
         add_device(*service, "cam2");
         std::string error;
         vexo_cloud::AdminRefusal why = vexo_cloud::AdminRefusal::kBadValue;
@@ -147,8 +143,7 @@ TEST_F(LimitsTest, RetentionDeletesTheOldestClosedRecordingsAndKeepsOpenOnes) {
         o.log = [&lines](const std::string &line) { lines.push_back(line); };
         std::map<uint32_t, std::string> files; // start offset -> media file path
         {
-            auto service = start_service(o);
-            add_device(*service, "cam1");
+            auto service = start_cam1(o);
             for (const uint32_t offset : {0u, 100u, 200u, 129600u}) {
                 clock_ = kNoon + offset;
                 start(*service, "cam1", kNoon + offset, kNoKeyMd5);
@@ -198,9 +193,7 @@ TEST_F(LimitsTest, RetentionRunsInTheBackgroundAndStopsWithTheService) {
         lines.push_back(line);
         logged.notify_all();
     };
-    auto service = start_service(o);
-    add_device(*service, "cam1");
-    start(*service, "cam1", kNoon, kNoKeyMd5);
+    auto service = start_cam1(o, true);
     stop(*service, kNoon, kNoon + 30);
     clock_ = kNoon + 2 * kDay;
     std::unique_lock<std::mutex> lock(mutex);

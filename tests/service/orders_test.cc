@@ -10,8 +10,7 @@ using vexo_cloud::OrderChange;
 class ServiceOrdersTest : public ServiceTest {};
 
 TEST_F(ServiceOrdersTest, ConfigFollowsStoreModeAbortAndExpiry) {
-    auto service = start_service();
-    add_device(*service, "cam1");
+    auto service = start_cam1();
     EXPECT_EQ(body_of(get_config(*service, "cam1")),
               Json::parse(R"({"cloudType":"local","addressPrefix":"media",
         "addressSuffix":"embedded","storeMode":"event","eventDuration":30,"sliceDuration":10,
@@ -41,8 +40,7 @@ TEST_F(ServiceOrdersTest, ConfigFollowsStoreModeAbortAndExpiry) {
 }
 
 TEST_F(ServiceOrdersTest, OutOfRangeOrderIsRefusedAndChangesNothing) {
-    auto service = start_service();
-    add_device(*service, "cam1");
+    auto service = start_cam1();
     const auto before = snapshot();
     const size_t published_before = published().size();
     auto change = [](std::optional<int32_t> OrderChange::*member, int32_t value) {
@@ -80,8 +78,7 @@ TEST_F(ServiceOrdersTest, OutOfRangeOrderIsRefusedAndChangesNothing) {
 }
 
 TEST_F(ServiceOrdersTest, TriggersArePublishedInTheirProtocolFormOrRefused) {
-    auto service = start_service();
-    add_device(*service, "cam1");
+    auto service = start_cam1();
     std::string error;
     ASSERT_TRUE(service->trigger("cam1", "record", 30, R"({"user":"u1"})", &error)) << error;
     ASSERT_TRUE(service->trigger("cam1", "pic", 99999, "[1,2]", &error)) << error;

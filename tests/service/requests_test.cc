@@ -28,9 +28,7 @@ std::string read_all(const std::string &path) {
 TEST_F(ServiceRequestsTest, RefusedRequestsAnswer4xxAndChangeNothing) {
     vexo_cloud::Options opts = options();
     opts.max_body = 1024;
-    auto service = start_service(std::move(opts));
-    add_device(*service, "cam1");
-    start(*service, "cam1", kNoon, kNoKeyMd5);
+    auto service = start_cam1(std::move(opts), true);
     ASSERT_EQ(put_media(*service, "cam1", "1710072000_0000.media", "x").status, 200);
 
     auto no_device_header = request("GET", "/v1/devices/cam1/storage/config", "");
@@ -125,8 +123,7 @@ TEST_F(ServiceRequestsTest, TokensAreCheckedPerDevice) {
 }
 
 TEST_F(ServiceRequestsTest, ApiRefusalsAnswerSuccessFalse) {
-    auto service = start_service();
-    add_device(*service, "cam1");
+    auto service = start_cam1();
     const auto before = snapshot();
     auto expect_refused = [&](const Response &response, const std::string &code) {
         EXPECT_EQ(response.status, 200);
@@ -151,9 +148,7 @@ TEST_F(ServiceRequestsTest, ApiRefusalsAnswerSuccessFalse) {
 }
 
 TEST_F(ServiceRequestsTest, StopClosesTheRecordingAndReportsAreLogged) {
-    auto service = start_service();
-    add_device(*service, "cam1");
-    start(*service, "cam1", kNoon, kNoKeyMd5);
+    auto service = start_cam1(options(), true);
     const Response stop = call_api(*service, "cam1", kStopApi,
                                    Json{{"startTime", kNoon}, {"endTime", kNoon + 30}}.dump());
     EXPECT_EQ(body_of(stop), Json::parse(R"({"success":true,"result":{}})"));
@@ -216,8 +211,7 @@ TEST_F(ServiceRequestsTest, UploadsNeedAnAnnouncedRecordingAndAStoredNameTakesOn
 }
 
 TEST_F(ServiceRequestsTest, AlarmsAreStoredWithTheirPictures) {
-    auto service = start_service();
-    add_device(*service, "cam1");
+    auto service = start_cam1();
     const std::string jpeg("\xff\xd8\xff\xe0 picture \x00\x01\xff\xd9", 17);
     const std::string with_picture = Json{
         {"time", kNoon + 5},
@@ -259,8 +253,7 @@ TEST(ServiceBase64Test, DecodesWhatAnEncoderProducesAndNothingElse) {
 }
 
 TEST_F(ServiceRequestsTest, ConcurrentDevicesKeepConsistentState) {
-    auto service = start_service();
-    add_device(*service, "cam1");
+    auto service = start_cam1();
     add_device(*service, "cam2");
     constexpr int kRecordings = 6;
     auto device_run = [&](const std::string &device) {

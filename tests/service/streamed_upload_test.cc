@@ -44,9 +44,7 @@ class StreamedUploadTest : public ServiceTest {
 };
 
 TEST_F(StreamedUploadTest, WholeBodyShowsUnderItsNameOnlyAtTheEndAndCutOnesLeaveNothing) {
-    auto service = start_service();
-    add_device(*service, "cam1");
-    start(*service, "cam1", kNoon, kNoKeyMd5);
+    auto service = start_cam1(options(), true);
     const auto before = snapshot();
     const struct {
         const char *what;
