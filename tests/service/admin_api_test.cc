@@ -119,32 +119,24 @@ TEST_F(AdminApiTest, AdminTokenIsRequiredWhenSet) {
     EXPECT_EQ(call(*service, change, "s3cret").status, 200);
 }
 
-TEST_F(AdminApiTest, ListingsShowDevicesRecordingsTheirStateAndTheGaps) {
+TEST_F(AdminApiTest, ListingsShowDevicesRecordingsAndTheGaps) {
     auto service = start_cam1();
-    // Left open by the camera (a later one exists), closed, and one still recording.
-    for (uint32_t t : {kNoon, kNoon + 600, kNoon + 1200}) {
-        start(*service, "cam1", t, kNoKeyMd5);
-    }
-    call_api(*service, "cam1", kStopApi,
-             Json{{"startTime", kNoon + 600}, {"endTime", kNoon + 690}}.dump());
-    ASSERT_EQ(put_media(*service, "cam1", "1710073200_0010.media", "1234").status, 200);
+    // One recording the camera left open (a later one exists), and one still recording.
+    start(*service, "cam1", kNoon, kNoKeyMd5);
+    start(*service, "cam1", kNoon + 600, kNoKeyMd5);
+    ASSERT_EQ(put_media(*service, "cam1", "1710072600_0010.media", "1234").status, 200);
     const std::string gap =
         R"({"from":1710072100,"to":1710072500,"reason":"spool full","bytes":7})";
     ASSERT_EQ(service->handle(request("POST", "/v1/devices/cam1/gaps", "cam1", gap)).status, 200);
-    clock_ = kNoon + 1250;
+    clock_ = kNoon + 650;
 
     const Json answer = body_of(call(*service, "GET", "cam1/recordings"));
-    ASSERT_EQ(answer["recordings"].size(), 3u) << answer;
-    std::vector<std::string> states;
-    for (const Json &r : answer["recordings"]) {
-        states.push_back(r["state"]);
-    }
-    EXPECT_EQ(states, (std::vector<std::string>{"left open by the camera", "closed", "open"}));
-    const Json &last = answer["recordings"][2];
-    EXPECT_EQ(last["startTime"], kNoon + 1200);
-    EXPECT_EQ(last["files"], 1);
-    EXPECT_EQ(last["bytes"], 4);
-    EXPECT_EQ(last["mtu"], 10);
+    ASSERT_EQ(answer["recordings"].size(), 2u) << answer;
+    EXPECT_EQ(answer["recordings"][0]["state"], "left open by the camera");
+    Json open = answer["recordings"][1];
+    open.erase("keyMd5");
+    EXPECT_EQ(open, Json::parse(R"({"startTime":1710072600,"endTime":0,"files":1,"bytes":4,
+                                    "mtu":10,"state":"open"})"));
     EXPECT_EQ(answer["gaps"], Json::array({Json::parse(gap)}));
     EXPECT_EQ(body_of(call(*service, admin("GET", "devices")))["devices"], Json::array({"cam1"}));
     EXPECT_TRUE(body_of(call(*service, "GET", "cam1/alarms"))["alarms"].empty());
