@@ -53,6 +53,16 @@ std::unique_ptr<vexo_cloud::Service> ServiceTest::start_service(vexo_cloud::Opti
     return std::make_unique<vexo_cloud::Service>(std::move(options));
 }
 
+std::unique_ptr<vexo_cloud::Service> ServiceTest::start_cam1(vexo_cloud::Options options,
+                                                             bool announced) {
+    auto service = start_service(std::move(options));
+    add_device(*service, "cam1");
+    if (announced) {
+        start(*service, "cam1", kNoon, kNoKeyMd5);
+    }
+    return service;
+}
+
 void ServiceTest::add_device(vexo_cloud::Service &service, const std::string &device) {
     std::string error;
     ASSERT_TRUE(service.set_order(device, vexo_cloud::OrderChange{}, &error)) << error;

@@ -40,6 +40,11 @@ class ServiceTest : public ::testing::Test {
     /// A service with options(), or the given ones.
     std::unique_ptr<vexo_cloud::Service> start_service();
     std::unique_ptr<vexo_cloud::Service> start_service(vexo_cloud::Options options);
+    /// A service with the given options that knows cam1 with the default order, and when
+    /// `announced` a recording of it started at kNoon.
+    std::unique_ptr<vexo_cloud::Service> start_cam1(vexo_cloud::Options options,
+                                                    bool announced = false);
+    std::unique_ptr<vexo_cloud::Service> start_cam1() { return start_cam1(options()); }
     /// A device with the default order (created through an admin call).
     void add_device(vexo_cloud::Service &service, const std::string &device);
 
