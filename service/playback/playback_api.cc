@@ -72,7 +72,7 @@ Response bytes_answer(const char *content_type, const std::vector<uint8_t> &byte
     Response answer;
     answer.status = kOk;
     answer.content_type = content_type;
-    answer.body.assign(bytes.begin(), bytes.end());
+    answer.body.assign(reinterpret_cast<const char *>(bytes.data()), bytes.size());
     return answer;
 }
 
