@@ -52,10 +52,7 @@ std::optional<PlaybackSource> Service::playback_source(const std::string &device
     source.key = recording_key(*state, *row);
     source.key_md5 = row->key_md5;
     std::vector<std::tuple<uint64_t, std::string, std::string, uint64_t>> files;
-    for (const MediaRow &media : core.metadata->media_files(device)) {
-        if (media.start_time != start_time) {
-            continue;
-        }
+    for (const MediaRow &media : core.metadata->recording_media(device, start_time)) {
         if (const std::optional<uint64_t> elapsed = parse_media_elapsed(media.name)) {
             files.emplace_back(*elapsed, media.name, media.object, media.bytes);
         }
