@@ -5,6 +5,7 @@
 #include <tuple>
 
 #include "media_names.h"
+#include "recording_listing.h"
 #include "service_core.h"
 
 namespace vexo_cloud {
@@ -58,11 +59,23 @@ std::optional<PlaybackSource> Service::playback_source(const std::string &device
         }
     }
     std::sort(files.begin(), files.end());
+    Recording listed; // what recording_status looks at
+    listed.start_time = row->start_time;
+    listed.end_time = row->end_time;
+    listed.mtu = row->mtu;
     for (const auto &[elapsed, name, object, bytes] : files) {
         source.names.push_back(name);
         source.objects.push_back(object);
         source.bytes.push_back(bytes);
+        listed.files.push_back(MediaFileInfo{name, bytes});
     }
+    bool later = false;
+    if (row->end_time == 0) {
+        for (const RecordingRow &other : core.metadata->recordings(device)) {
+            later = later || other.start_time > start_time;
+        }
+    }
+    source.over = recording_status(listed, later, core.now()) != RecordingStatus::kOpen;
     return source;
 }
 

@@ -113,8 +113,7 @@ Response playlist(const Service &service, const PlaybackSource &source) {
     Response answer;
     answer.status = kOk;
     answer.content_type = "application/vnd.apple.mpegurl";
-    answer.body =
-        playlist_text(segment_durations(times, elapsed, frame_ms(source)), source.end_time != 0);
+    answer.body = playlist_text(segment_durations(times, elapsed, frame_ms(source)), source.over);
     return answer;
 }
 
