@@ -430,6 +430,11 @@ TEST_F(Playback, OverHttpTheExportStreamsFromAFileThatIsGoneOnceOpen) {
 
     const e2e::Result head = e2e::run({"curl", "-sS", "-I", recording + "/segments/0.ts"});
     EXPECT_NE(head.out.find("Content-Type: video/mp2t"), std::string::npos) << head.out;
+    const e2e::Result head_export = e2e::run({"curl", "-sS", "-I", recording + "/export.mp4"});
+    EXPECT_NE(head_export.out.find("Content-Length: " + std::to_string(fs::file_size(file))),
+              std::string::npos)
+        << head_export.out;
+    EXPECT_TRUE(fs::is_empty(temp)) << "a HEAD left the export's file behind";
     cloud.signal(SIGTERM);
     EXPECT_EQ(cloud.wait(30), 0) << cloud.output();
 }
