@@ -17,6 +17,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace vexo_cloud {
@@ -38,6 +39,8 @@ struct Response {
     int32_t status = 500;
     std::string content_type = "application/json";
     std::string body;
+    /// Further header fields of the answer (name, value), e.g. Location or Set-Cookie.
+    std::vector<std::pair<std::string, std::string>> headers;
 };
 
 /// A device's order, as the admin sets it and storage/config reports it.
@@ -225,6 +228,9 @@ class Service {
     std::optional<Order> order(const std::string &device) const;
     /// Events left today, as storage/config would answer now.
     int32_t count_left(const std::string &device) const;
+    /// The md5 text of the device's current key; empty for an unknown device or one that
+    /// has not been given a key yet.
+    std::string key_md5(const std::string &device) const;
     std::vector<std::string> devices() const;
     std::vector<Recording> recordings(const std::string &device) const;
     std::vector<Alarm> alarms(const std::string &device) const;
