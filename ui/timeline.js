@@ -139,7 +139,9 @@ export class Timeline {
     for (let t = first; t <= to; t += step) {
       const x = this.x(t);
       el('line', { class: 'tick', x1: x, x2: x, y1: 80, y2: 86 }, this.svg);
-      el('text', { class: 'tick-label', x, y: 100 }, this.svg).textContent =
+      // Labels at the edges are anchored inside the line so that they stay whole.
+      const anchor = x < 20 ? 'start' : x > WIDTH - 20 ? 'end' : 'middle';
+      el('text', { class: 'tick-label', x, y: 100, 'text-anchor': anchor }, this.svg).textContent =
         this.zone.time(t).slice(0, 5);
     }
   }
