@@ -103,14 +103,16 @@ TEST(UiAuth, AdminAccessByTokenOrSessionWithTheHeaderForChanges) {
         {"session post without header", "t0k", "POST", {{"cookie", cookie}}, 403},
         {"session change with header", "t0k", "POST", {{"cookie", cookie}, {"x-vexo-ui", "1"}}, 0},
         {"header other than 1", "t0k", "PUT", {{"cookie", cookie}, {"x-vexo-ui", "yes"}}, 403},
-        {"unknown session", "t0k", "GET", {{"cookie", "vexo_session=" + std::string(64, 'a')}},
+        {"unknown session",
+         "t0k",
+         "GET",
+         {{"cookie", "vexo_session=" + std::string(64, 'a')}},
          401},
         {"the header alone", "t0k", "PUT", {{"x-vexo-ui", "1"}}, 401},
     };
     for (const auto &c : cases) {
-        const auto refusal =
-            vexo_cloud::admin_refusal(make(c.method, "/v1/admin/devices", c.headers), c.token,
-                                      sessions, 20);
+        const auto refusal = vexo_cloud::admin_refusal(
+            make(c.method, "/v1/admin/devices", c.headers), c.token, sessions, 20);
         EXPECT_EQ(refusal ? refusal->status : 0, c.refused) << c.what;
     }
     EXPECT_TRUE(vexo_cloud::admin_refusal(make("GET", "/v1/admin/devices", {{"cookie", cookie}}),
@@ -197,7 +199,10 @@ TEST_F(OverviewTest, ShowsEachDeviceWithItsKeyUsageOpenRecordingAndLastRequest) 
     add_device(*service, "cam2");
     const Json result = start(*service, "cam1", kNoon - 60, kNoKeyMd5);
     ASSERT_FALSE(result.is_null());
-    ASSERT_EQ(put_media(*service, "cam1", std::to_string(kNoon - 60) + "_0000.media", std::string(100, 'x')).status, 200);
+    ASSERT_EQ(put_media(*service, "cam1", std::to_string(kNoon - 60) + "_0000.media",
+                        std::string(100, 'x'))
+                  .status,
+              200);
     vexo_cloud::DeviceActivity activity;
     activity.note(request("GET", "/v1/devices/cam1/storage/config", "cam1"), 200, kNoon - 5);
     activity.note(request("GET", "/v1/devices/cam2/storage/config", "cam2"), 401, kNoon - 4);
