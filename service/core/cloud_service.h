@@ -39,8 +39,12 @@ struct Response {
     int32_t status = 500;
     std::string content_type = "application/json";
     std::string body;
-    /// Further header fields of the answer (name, value), e.g. Location or Set-Cookie.
+    /// Further header fields of the answer (e.g. Location, Set-Cookie, Content-Disposition), in order.
     std::vector<std::pair<std::string, std::string>> headers;
+    /// When not empty, the answer's body is this file, streamed by the transport instead of
+    /// body; removed once opened when body_file_temporary.
+    std::string body_file;
+    bool body_file_temporary = false;
 };
 
 /// A device's order, as the admin sets it and storage/config reports it.
@@ -86,6 +90,7 @@ struct Recording {
 };
 
 struct Alarm {
+    int64_t id = 0; // the service's number of the alarm
     std::string device;
     uint32_t time = 0;
     bool with_picture = false;
@@ -102,6 +107,23 @@ struct Gap {
     uint32_t to = 0;    // its end, from <= to
     std::string reason; // "spool full", "too old", or another short text of the device's
     uint64_t bytes = 0; // media bytes dropped
+};
+
+/// One recording as playback reads it: what its files hold, and how to decrypt them.
+struct PlaybackSource {
+    /// Tells one Service object from another in this process (for caches that outlive it).
+    uint64_t service_id = 0;
+    std::string device;
+    uint32_t start_time = 0;
+    uint32_t end_time = 0; // 0 while open
+    std::string payload_info;
+    /// The key from the device's key history whose md5 is the recording's key md5 (the
+    /// recording's own key when the history has none); empty when neither is known.
+    std::string key;
+    std::string key_md5;
+    std::vector<std::string> names;   // media file names, in elapsed order
+    std::vector<std::string> objects; // their media store objects, in the same order
+    std::vector<uint64_t> bytes;      // their sizes
 };
 
 /// Counts for monitoring, taken at one moment.
@@ -240,6 +262,19 @@ class Service {
     uint32_t now() const;
     /// How many devices and open recordings the service knows now.
     ServiceStats stats() const;
+
+    // ---- playback ----
+    /// A recording of a device for playback; nullopt for an unknown device or recording.
+    std::optional<PlaybackSource> playback_source(const std::string &device,
+                                                  uint32_t start_time) const;
+    /// Hands a media object's bytes to sink in order (see MediaStore::read); false when there
+    /// is no such object.
+    bool read_media(const std::string &object, const BodySink &sink) const;
+    /// The media object of a device's alarm picture; nullopt when the device has no alarm of
+    /// that id or it has no picture.
+    std::optional<std::string> alarm_picture(const std::string &device, int64_t id) const;
+    /// Writes one line to the service's log (Options::log, else stderr).
+    void log(const std::string &line) const;
 
   private:
     struct Impl;

@@ -153,6 +153,7 @@ std::vector<Alarm> Service::alarms(const std::string &device) const {
     std::vector<Alarm> alarms;
     for (const AlarmRow &row : core.metadata->alarms(device)) {
         Alarm alarm;
+        alarm.id = row.id;
         alarm.device = row.device;
         alarm.time = row.time;
         alarm.with_picture = row.with_picture;

@@ -35,8 +35,12 @@ struct ServiceCore {
     void log(const std::string &line) const;
 };
 
+/// A number no other Service object of this process had (PlaybackSource::service_id).
+uint64_t next_service_id();
+
 /// The service's state behind the public class.
 struct Service::Impl {
+    const uint64_t id = next_service_id();
     ServiceCore core;
     /// Runs retention now and then; declared last, so it stops before the core goes.
     std::unique_ptr<RepeatingTask> retention;

@@ -13,6 +13,7 @@
 
 #include "answers.h"
 #include "json_fields.h"
+#include "playback_api.h"
 #include "recording_listing.h"
 
 namespace vexo_cloud {
@@ -286,7 +287,8 @@ Response list_alarms(const Service &service, const std::string &device) {
         std::error_code ec;
         const uint64_t picture_bytes =
             alarm.picture_path.empty() ? 0 : std::filesystem::file_size(alarm.picture_path, ec);
-        list.push_back(Json{{"time", alarm.time},
+        list.push_back(Json{{"id", alarm.id},
+                            {"time", alarm.time},
                             {"withPicture", alarm.with_picture},
                             {"extra", alarm.extra},
                             {"pictureBytes", ec ? 0 : picture_bytes}});
@@ -310,6 +312,10 @@ Response route(Service &service, const Request &request) {
     const std::string what = rest.substr(slash + 1);
     if (!valid_device_id(device)) {
         return error_answer(kBadRequest, "invalid device id");
+    }
+    if (std::optional<Response> media =
+            vexo_playback::handle_playback(service, request, device, what)) {
+        return *media;
     }
     if (what == "order" && get) {
         return order_answer(service, device);

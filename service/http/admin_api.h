@@ -17,14 +17,17 @@
 ///                                              state: "closed", "open" or "left open by
 ///                                              the camera" (see recording_status); both
 ///                                              lists by time
-///   GET  /v1/admin/devices/D/alarms            {"alarms":[{"time","withPicture","extra",
-///                                               "pictureBytes"}]}
+///   GET  /v1/admin/devices/D/alarms            {"alarms":[{"id","time","withPicture",
+///                                               "extra","pictureBytes"}]}
 ///   GET  /v1/admin/devices/D/limits            the limits in force (below) and
 ///                                              "usage":{"bytes","files","alarmsToday"}
 ///   PUT  /v1/admin/devices/D/limits            change the device's own limits: any of
 ///                                              the members below; 0 or null lifts one
 ///                                              (the service's default applies again),
 ///                                              an absent one stays; answers as GET
+///
+/// Playback of recordings and alarm pictures (playlists, segments, thumbnails, exports):
+/// see playback_api.h.
 ///
 /// The recordings answer also has "limits" and "usage" as the limits call answers them.
 /// Limits: {"maxBytes","maxFiles","alarmsPerDay","retentionDays","retentionBytes"}, each a

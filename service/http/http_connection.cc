@@ -15,8 +15,10 @@
 #include <boost/beast/core/stream_traits.hpp>
 #include <boost/beast/http/buffer_body.hpp>
 #include <boost/beast/http/error.hpp>
+#include <boost/beast/http/file_body.hpp>
 #include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/read.hpp>
+#include <boost/beast/http/serializer.hpp>
 #include <boost/beast/http/string_body.hpp>
 #include <boost/beast/http/write.hpp>
 #include <cctype>
@@ -410,33 +412,88 @@ class HttpConnection final : public Connection,
 
     void send(const Response &answer, bool refused) {
         if (closed_) {
-            return;
+            return discard_body_file(answer);
         }
         const bool whole = parser_ && parser_->is_done();
         keep_alive_ = !refused && !draining_ && whole && parser_->get().keep_alive();
         const bool head_request = parser_ && parser_->get().method() == http::verb::head;
+        if (!answer.body_file.empty()) {
+            return send_file(answer, head_request);
+        }
         auto response = std::make_shared<http::response<http::string_body>>(
             static_cast<http::status>(answer.status), 11);
-        response->set(http::field::content_type, answer.content_type);
-        for (const auto &field : answer.headers) {
-            response->set(field.first, field.second);
-        }
-        response->keep_alive(keep_alive_);
+        set_fields(*response, answer);
         if (head_request) {
             response->content_length(answer.body.size());
         } else {
             response->body() = answer.body;
             response->prepare_payload();
         }
+        write_pieces(response, answer.status);
+    }
+
+    template <typename Body>
+    void set_fields(http::response<Body> &response, const Response &answer) const {
+        response.set(http::field::content_type, answer.content_type);
+        for (const auto &[name, value] : answer.headers) {
+            response.set(name, value);
+        }
+        response.keep_alive(keep_alive_);
+    }
+
+    /// A body kept in a file is streamed from it; a temporary one is removed once open, so
+    /// that nothing is left behind however the answer ends.
+    void send_file(const Response &answer, bool head_request) {
+        auto response = std::make_shared<http::response<http::file_body>>(
+            static_cast<http::status>(answer.status), 11);
+        set_fields(*response, answer);
+        error_code ec;
+        response->body().open(answer.body_file.c_str(), beast::file_mode::scan, ec);
+        discard_body_file(answer);
+        if (ec) {
+            std::fprintf(stderr, "vexo-cloud: cannot open %s to answer %s: %s\n",
+                         answer.body_file.c_str(), head_.path.c_str(), ec.message().c_str());
+            return send(error_answer(kInternalError, "internal error"), true);
+        }
+        if (head_request) {
+            response->content_length(response->body().size());
+            response->body().close();
+        } else {
+            response->prepare_payload();
+        }
+        write_pieces(response, answer.status);
+    }
+
+    static void discard_body_file(const Response &answer) {
+        if (!answer.body_file.empty() && answer.body_file_temporary) {
+            std::remove(answer.body_file.c_str());
+        }
+    }
+
+    /// Writes an answer a piece at a time; each piece must go out within the body timeout,
+    /// however long the whole takes.
+    template <typename Body>
+    void write_pieces(const std::shared_ptr<http::response<Body>> &response, int32_t status) {
+        auto serializer = std::make_shared<http::response_serializer<Body>>(*response);
         const std::string method = head_.method.empty() ? "-" : head_.method;
         const std::string path = head_.path.empty() ? "-" : head_.path;
+        write_next(response, serializer, method, path, status);
+    }
+
+    template <typename Body>
+    void write_next(const std::shared_ptr<http::response<Body>> &response,
+                    const std::shared_ptr<http::response_serializer<Body>> &serializer,
+                    const std::string &method, const std::string &path, int32_t status) {
         arm(Wait::kWrite, context_.limits.body_idle_timeout);
-        http::async_write(stream_, *response,
-                          [self = this->shared_from_this(), response, method, path,
-                           status = answer.status](error_code ec, size_t) {
-                              self->disarm();
-                              self->after_answer(ec, method, path, status);
-                          });
+        http::async_write_some(stream_, *serializer,
+                               [self = this->shared_from_this(), response, serializer, method, path,
+                                status](error_code ec, size_t) {
+                                   self->disarm();
+                                   if (ec || serializer->is_done()) {
+                                       return self->after_answer(ec, method, path, status);
+                                   }
+                                   self->write_next(response, serializer, method, path, status);
+                               });
     }
 
     void after_answer(error_code ec, const std::string &method, const std::string &path,

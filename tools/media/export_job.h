@@ -7,22 +7,11 @@
 #include <vector>
 
 #include "catalog.h"
+#include "export_writer.h"
 #include "media_format.h"
 #include "mux_output.h"
 
 namespace vexo_tool {
-
-struct ExportSummary {
-    uint64_t files = 0;
-    uint64_t video_frames = 0; // packets written
-    uint64_t audio_frames = 0; // entries written or encoded
-    uint64_t skipped = 0;      // entries left out (P frames without their key frame, audio
-                               // the recording did not announce)
-    uint64_t adjusted = 0;     // time stamps moved forward to keep each stream increasing
-    int64_t first_ms = -1;     // span of the time stamps written, relative to the start
-    int64_t last_ms = -1;
-    std::vector<vexo_media::Fault> faults;
-};
 
 /// Writes out_path (first as out_path + ".part", renamed when complete). A damaged file is a
 /// fault: what was read before the damage is kept and the export goes on with the next file.

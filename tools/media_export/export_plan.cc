@@ -18,13 +18,13 @@ struct FirstFrames {
     std::vector<vexo_media::Fault> faults;
 };
 
-FirstFrames look_ahead(const std::vector<std::string> &paths, const vexo_media::Key &key, bool hevc,
+FirstFrames look_ahead(const MediaFiles &files, const vexo_media::Key &key, bool hevc,
                        bool want_audio) {
     FirstFrames found;
-    for (const std::string &path : paths) {
+    for (size_t i = 0; i < files.names.size(); ++i) {
         std::vector<vexo_media::Entry> entries;
         vexo_media::Fault fault;
-        if (!vexo_media::read_file(path, &entries, &fault)) {
+        if (!read_entries(files, i, &entries, &fault)) {
             found.faults.push_back(fault);
         }
         for (const vexo_media::Entry &entry : entries) {
@@ -106,7 +106,7 @@ CopiedTrack audio_track(const PayloadInfo &info, const std::vector<uint8_t> &fir
 
 } // namespace
 
-ExportPlan plan_export(const std::string &payload_info, const std::vector<std::string> &paths,
+ExportPlan plan_export(const std::string &payload_info, const MediaFiles &files,
                        const vexo_media::Key &key, Container container) {
     ExportPlan plan;
     std::string error;
@@ -125,7 +125,7 @@ ExportPlan plan_export(const std::string &payload_info, const std::vector<std::s
         throw ToolError("payloadInfo gives no picture size (vWide, vHigh)", kExitFault);
     }
     FirstFrames first =
-        look_ahead(paths, key, plan.info.video_codec == kVideoH265, plan.info.has_audio);
+        look_ahead(files, key, plan.info.video_codec == kVideoH265, plan.info.has_audio);
     plan.base_timestamp = first.base_timestamp;
     if (!first.parameter_sets.empty()) {
         plan.video = video_track(plan.info, std::move(first.parameter_sets));
@@ -133,7 +133,8 @@ ExportPlan plan_export(const std::string &payload_info, const std::vector<std::s
     if (plan.info.has_audio && first.audio_found) {
         plan.audio_track = audio_track(plan.info, first.first_audio);
         const bool pcm = plan.audio_track.codec != AV_CODEC_ID_AAC;
-        plan.audio = pcm && container == Container::kMp4 ? AudioMode::kTranscode : AudioMode::kCopy;
+        // Matroska holds G.711 and PCM as they are; MP4 and MPEG-TS get them as AAC.
+        plan.audio = pcm && container != Container::kMkv ? AudioMode::kTranscode : AudioMode::kCopy;
     }
     if (!plan.video && plan.audio == AudioMode::kNone) {
         plan.faults = std::move(first.faults);

@@ -1,14 +1,15 @@
 // What an export writes, decided before the output is opened: the video stream with the
 // parameter sets of the first readable key frame, the audio stream (copied or transcoded),
 // and the time stamp that becomes zero.
-#ifndef VEXO_MEDIA_EXPORT_PLAN_H
-#define VEXO_MEDIA_EXPORT_PLAN_H
+#ifndef VEXO_MEDIA_EXPORT_EXPORT_PLAN_H
+#define VEXO_MEDIA_EXPORT_EXPORT_PLAN_H
 
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "media_files.h"
 #include "media_format.h"
 #include "mux_output.h"
 #include "payload_info.h"
@@ -29,7 +30,7 @@ struct ExportPlan {
 /// Reads the files until the first key frame with parameter sets and the first audio entry
 /// are found. Throws ToolError(kExitFault) when payloadInfo is unusable or names a codec the
 /// export does not know.
-ExportPlan plan_export(const std::string &payload_info, const std::vector<std::string> &paths,
+ExportPlan plan_export(const std::string &payload_info, const MediaFiles &files,
                        const vexo_media::Key &key, Container container);
 
 } // namespace vexo_tool

@@ -19,25 +19,70 @@ namespace {
 
 constexpr AVRational kMillisecond = {1, 1000};
 
+const char *format_name(Container container) {
+    switch (container) {
+    case Container::kMp4:
+        return "mp4";
+    case Container::kMkv:
+        return "matroska";
+    case Container::kMpegTs:
+        break;
+    }
+    return "mpegts";
+}
+
 } // namespace
 
 const char *container_extension(Container container) {
-    return container == Container::kMp4 ? "mp4" : "mkv";
+    switch (container) {
+    case Container::kMp4:
+        return "mp4";
+    case Container::kMkv:
+        return "mkv";
+    case Container::kMpegTs:
+        break;
+    }
+    return "ts";
 }
 
 MuxOutput::MuxOutput(const std::string &path, Container container) : path_(path) {
-    const char *format = container == Container::kMp4 ? "mp4" : "matroska";
-    const int result = avformat_alloc_output_context2(&context_, nullptr, format, path.c_str());
+    const int result = avformat_alloc_output_context2(&context_, nullptr, format_name(container),
+                                                      path.empty() ? nullptr : path.c_str());
     if (result < 0 || context_ == nullptr) {
-        throw ToolError("cannot set up " + path + ": " + libav::error_text(result));
+        throw ToolError("cannot set up " + label() + ": " + libav::error_text(result));
     }
 }
 
 MuxOutput::~MuxOutput() {
-    if (opened_ && context_->pb != nullptr) {
-        avio_closep(&context_->pb);
+    if (opened_) {
+        close_io();
     }
     avformat_free_context(context_);
+}
+
+std::string MuxOutput::label() const {
+    return path_.empty() ? std::string("the output in memory") : path_;
+}
+
+void MuxOutput::close_io() {
+    if (context_->pb == nullptr) {
+        return;
+    }
+    if (!path_.empty()) {
+        avio_closep(&context_->pb);
+        return;
+    }
+    uint8_t *data = nullptr;
+    const int size = avio_close_dyn_buf(context_->pb, &data);
+    context_->pb = nullptr;
+    if (data != nullptr && size > 0) {
+        bytes_.assign(data, data + size);
+    }
+    av_free(data);
+}
+
+std::vector<uint8_t> MuxOutput::take_bytes() {
+    return std::move(bytes_);
 }
 
 bool MuxOutput::wants_global_header() const {
@@ -54,7 +99,8 @@ void MuxOutput::check(int result, const char *what) const {
                            result == AVERROR(ENOMEM) || result == AVERROR(EIO) ||
                            result == AVERROR(ENOSPC);
     if (io_failed) {
-        throw ToolError("cannot write " + path_ + " (" + what + "): " + libav::error_text(result));
+        throw ToolError("cannot write " + label() + " (" + what +
+                        "): " + libav::error_text(result));
     }
     throw ToolError("the " + std::string(context_->oformat->name) + " muxer refused the " + what +
                         " of this recording: " + libav::error_text(result),
@@ -64,7 +110,7 @@ void MuxOutput::check(int result, const char *what) const {
 int MuxOutput::add_copied(const CopiedTrack &track) {
     AVStream *stream = avformat_new_stream(context_, nullptr);
     if (stream == nullptr) {
-        throw ToolError("cannot add a stream to " + path_);
+        throw ToolError("cannot add a stream to " + label());
     }
     AVCodecParameters *par = stream->codecpar;
     par->codec_type = track.type;
@@ -99,7 +145,7 @@ int MuxOutput::add_copied(const CopiedTrack &track) {
 int MuxOutput::add_encoded(const AVCodecContext *encoder) {
     AVStream *stream = avformat_new_stream(context_, nullptr);
     if (stream == nullptr) {
-        throw ToolError("cannot add a stream to " + path_);
+        throw ToolError("cannot add a stream to " + label());
     }
     check(avcodec_parameters_from_context(stream->codecpar, encoder), "stream parameters");
     stream->time_base = encoder->time_base;
@@ -107,9 +153,10 @@ int MuxOutput::add_encoded(const AVCodecContext *encoder) {
 }
 
 void MuxOutput::open() {
-    const int opened = avio_open(&context_->pb, path_.c_str(), AVIO_FLAG_WRITE);
+    const int opened = path_.empty() ? avio_open_dyn_buf(&context_->pb)
+                                     : avio_open(&context_->pb, path_.c_str(), AVIO_FLAG_WRITE);
     if (opened < 0) {
-        throw ToolError("cannot open " + path_ + " for writing: " + libav::error_text(opened));
+        throw ToolError("cannot open " + label() + " for writing: " + libav::error_text(opened));
     }
     opened_ = true;
     check(avformat_write_header(context_, nullptr), "stream header");
@@ -153,9 +200,10 @@ bool MuxOutput::write_packet(int stream, AVPacket *packet, AVRational time_base)
 void MuxOutput::finish() {
     check(av_interleaved_write_frame(context_, nullptr), "flush");
     check(av_write_trailer(context_), "stream index");
-    if (context_->pb != nullptr) {
+    if (context_->pb != nullptr && !path_.empty()) {
         check(avio_closep(&context_->pb), "close");
     }
+    close_io();
     opened_ = false;
 }
 

@@ -1,7 +1,7 @@
 // One output file written through libavformat: its streams, packets with millisecond time
 // stamps, and the end of the file. Every libav failure becomes a ToolError naming the file.
-#ifndef VEXO_MEDIA_MUX_OUTPUT_H
-#define VEXO_MEDIA_MUX_OUTPUT_H
+#ifndef VEXO_MEDIA_EXPORT_MUX_OUTPUT_H
+#define VEXO_MEDIA_EXPORT_MUX_OUTPUT_H
 
 #include <cstdint>
 #include <string>
@@ -14,9 +14,9 @@ extern "C" {
 
 namespace vexo_tool {
 
-enum class Container { kMp4, kMkv };
+enum class Container { kMp4, kMkv, kMpegTs };
 
-/// "mp4" or "mkv".
+/// "mp4", "mkv" or "ts".
 const char *container_extension(Container container);
 
 /// Parameters of a stream that is copied packet by packet.
@@ -34,7 +34,8 @@ struct CopiedTrack {
 
 class MuxOutput {
   public:
-    /// Prepares an output of the given container at path; nothing is opened yet.
+    /// Prepares an output of the given container at path; nothing is opened yet. An empty
+    /// path writes into memory instead: finish() leaves the bytes for take_bytes().
     MuxOutput(const std::string &path, Container container);
     ~MuxOutput();
     MuxOutput(const MuxOutput &) = delete;
@@ -62,12 +63,19 @@ class MuxOutput {
     /// Flushes the interleaving queue, writes the trailer and closes the file.
     void finish();
 
+    /// The bytes of an output written into memory, once finished; empty otherwise.
+    std::vector<uint8_t> take_bytes();
+
   private:
     void check(int result, const char *what) const;
 
-    std::string path_;
+    void close_io();
+    std::string label() const;
+
+    std::string path_; // empty: in memory
     AVFormatContext *context_ = nullptr;
     bool opened_ = false;
+    std::vector<uint8_t> bytes_;
 };
 
 } // namespace vexo_tool
