@@ -14,6 +14,7 @@
 
 #include "admin_api.h"
 #include "e2e_support.h"
+#include "processes.h"
 
 namespace {
 
@@ -23,6 +24,7 @@ using vexo_cloud::Request;
 using vexo_cloud::Response;
 
 const std::string kCamsim = VEXO_E2E_CAMSIM;
+const std::string kCloudTool = VEXO_PLAYBACK_CLOUD;
 const std::string kClosedDevice = "pb-closed";
 const std::string kOpenDevice = "pb-open";
 constexpr int kFps = 10;
@@ -353,6 +355,55 @@ TEST_F(Playback, ADamagedFileEndsItsSegmentEarlyWithALogLine) {
                             line.find(files[1].name) != std::string::npos);
     }
     EXPECT_TRUE(logged) << "no log line names the damaged file";
+}
+
+/// A URL's host:port and path.
+std::pair<std::string, std::string> split_url(const std::string &url) {
+    const size_t host = url.find("//") + 2;
+    const size_t path = url.find('/', host);
+    return {url.substr(host, path - host), url.substr(path)};
+}
+
+TEST_F(Playback, OverHttpTheExportStreamsFromAFileThatIsGoneOnceOpen) {
+    served_.reset();
+    e2e::TempDir dir;
+    const std::string temp = dir.path() + "/tmp";
+    fs::create_directories(temp);
+    fs::copy(Recorded::get().cloud(), dir.path() + "/cloud", fs::copy_options::recursive);
+    fs::remove(dir.path() + "/cloud/vexo-cloud.lock");
+    e2e::Process cloud(
+        {kCloudTool, "serve", "--listen", "127.0.0.1:0", "--data", dir.path() + "/cloud"},
+        dir.path() + "/vexo-cloud.log", {"TMPDIR=" + temp});
+    const std::string listening = "vexo-cloud: listening on ";
+    ASSERT_TRUE(cloud.wait_for(listening, 30)) << cloud.output();
+    const std::string out = cloud.output();
+    const size_t from = out.find(listening) + listening.size();
+    const std::string base = out.substr(from, out.find_first_of(" \n", from) - from);
+    const std::string host = split_url(base + "/").first;
+    const std::string recording = "http://" + host + "/v1/admin/devices/" + kClosedDevice +
+                                  "/recordings/" + start_[kClosedDevice];
+    const std::string file = dir.path() + "/export.mp4";
+    const e2e::Result curl =
+        e2e::run({"curl", "-sS", "-D", "-", "-o", file, recording + "/export.mp4"});
+    ASSERT_EQ(curl.status, 0) << curl.out;
+    EXPECT_NE(curl.out.find("HTTP/1.1 200"), std::string::npos) << curl.out;
+    EXPECT_NE(curl.out.find("Content-Disposition: attachment; filename=\"" + kClosedDevice + "_" +
+                            start_[kClosedDevice] + ".mp4\""),
+              std::string::npos)
+        << curl.out;
+    EXPECT_NE(curl.out.find("Content-Type: video/mp4"), std::string::npos) << curl.out;
+    std::string errors;
+    const std::vector<e2e::RecordingContent> content =
+        e2e::read_cloud(Recorded::get().cloud(), kClosedDevice);
+    EXPECT_EQ(e2e::decoded_video_frames(file, &errors),
+              static_cast<int>(e2e::count(content[0]).video))
+        << errors;
+    EXPECT_TRUE(fs::is_empty(temp)) << "the export's temporary file was left behind";
+
+    const e2e::Result head = e2e::run({"curl", "-sS", "-I", recording + "/segments/0.ts"});
+    EXPECT_NE(head.out.find("Content-Type: video/mp2t"), std::string::npos) << head.out;
+    cloud.signal(SIGTERM);
+    EXPECT_EQ(cloud.wait(30), 0) << cloud.output();
 }
 
 } // namespace
