@@ -34,7 +34,7 @@ function say(text) {
 const player = new Player($('player'), $('player-label'), $('download'), $('player-status'));
 
 const timeline = new Timeline($('timeline'), {
-  onPick: (t) => pick(t),
+  onPick: (t, slack) => pick(t, slack),
   onAlarm: (alarm, marker) => showAlarm(alarm, marker),
   onWindow: (from, to) => {
     $('window-label').textContent = `${zone().time(from).slice(0, 5)}–${zone().time(to).slice(0, 5)}`;
@@ -120,14 +120,24 @@ function drawThumbnails(recordings, z) {
   }
 }
 
-function pick(t) {
+// Plays the recording under time t from t; else the nearest one within slack seconds, from
+// its start or its end.
+function pick(t, slack) {
   const now = state.overview ? state.overview.now : Math.floor(Date.now() / 1000);
-  const rec = state.recordings.find((r) => t >= r.startTime && t < (r.endTime || now));
-  if (!rec) {
+  const end = (r) => r.endTime || now;
+  const distance = (r) => (t < r.startTime ? r.startTime - t : t >= end(r) ? t - end(r) + 1 : 0);
+  let best = null;
+  for (const r of state.recordings) {
+    if (distance(r) <= slack && (best === null || distance(r) < distance(best))) {
+      best = r;
+    }
+  }
+  if (!best) {
     say(`no recording at ${zone().time(t)}`);
     return;
   }
-  play(rec, t - rec.startTime);
+  const offset = Math.min(Math.max(t - best.startTime, 0), Math.max(end(best) - best.startTime - 1, 0));
+  play(best, offset);
 }
 
 function play(rec, offset) {

@@ -1,7 +1,7 @@
 // The day as an SVG time line: recordings as bars, gaps the camera reported as hatched
 // bars, alarms as markers. Shows a window of the day, from the whole day down to one hour,
 // moved by the wheel (zooming around the pointer) and the buttons; a click on the line
-// hands the time under the pointer to onPick.
+// hands the time under the pointer (and how many seconds a few pixels are) to onPick.
 
 const SVG = 'http://www.w3.org/2000/svg';
 const WIDTH = 1000;
@@ -34,7 +34,9 @@ export class Timeline {
     this.data = { recordings: [], gaps: [], alarms: [] };
     this.svg.addEventListener('click', (e) => {
       if (!e.target.classList.contains('alarm')) {
-        this.onPick(this.timeAt(e));
+        // A bar may be a pixel or two wide on the whole day: four pixels either side count.
+        const slack = (this.span / this.svg.getBoundingClientRect().width) * 4;
+        this.onPick(this.timeAt(e), slack);
       }
     });
     this.svg.addEventListener('wheel', (e) => {

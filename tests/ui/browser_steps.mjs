@@ -145,10 +145,29 @@ async function playback(page, cookie) {
       window.vexoErrors.push(String(e.target.error && e.target.error.message));
     });
   });
-  const bar = await page.$(`#timeline rect.recording[data-start="${rec.startTime}"]`);
-  const box = await bar.boundingBox();
-  await page.mouse.click(box.x + Math.min(2, box.width / 4), box.y + box.height / 2);
-  await waitFor(page, 'playback past 3 s', () => document.querySelector('#player').currentTime > 3);
+  // The wheel over the bar zooms in around it down to one hour; then a click 1 s into it.
+  const selector = `#timeline rect.recording[data-start="${rec.startTime}"]`;
+  let box = await (await page.$(selector)).boundingBox();
+  await page.mouse.move(box.x + box.width / 2, box.y + box.height / 2);
+  for (let i = 0; i < 6; i += 1) {
+    await page.mouse.wheel({ deltaY: -100 });
+  }
+  await waitFor(page, 'the one-hour window', () => {
+    const m = /^(\d\d):(\d\d)–(\d\d):(\d\d)$/.exec(document.querySelector('#window-label').textContent);
+    return m && (((m[3] * 60 + Number(m[4])) - (m[1] * 60 + Number(m[2])) + 1440) % 1440) === 60;
+  });
+  box = await (await page.$(selector)).boundingBox();
+  const seconds = (rec.endTime - rec.startTime);
+  check(box.width > 3, `the bar is wider once zoomed in (${box.width} px)`);
+  await page.mouse.click(box.x + box.width / seconds, box.y + box.height / 2);
+  await waitFor(page, 'the player to start', () => document.querySelector('#player-status').textContent !== '')
+    .catch(async (e) => {
+      throw new CheckFailed(`${e.message}; the page says: ${await page.$eval('#status', (s) => s.textContent)}`);
+    });
+  await waitFor(page, 'playback past 3 s', () => document.querySelector('#player').currentTime > 3)
+    .catch(async (e) => {
+      throw new CheckFailed(`${e.message}; the player says: ${await page.$eval('#player-status', (s) => s.textContent)}`);
+    });
   check(await page.evaluate(() => window.vexoErrors.length === 0), 'no error event while playing');
   await screenshot(page, 'player');
 
