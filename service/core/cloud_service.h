@@ -39,7 +39,8 @@ struct Response {
     int32_t status = 500;
     std::string content_type = "application/json";
     std::string body;
-    /// Further header fields of the answer (e.g. Location, Set-Cookie, Content-Disposition), in order.
+    /// Further header fields of the answer (e.g. Location, Set-Cookie, Content-Disposition), in
+    /// order.
     std::vector<std::pair<std::string, std::string>> headers;
     /// When not empty, the answer's body is this file, streamed by the transport instead of
     /// body; removed once opened when body_file_temporary.
