@@ -115,6 +115,29 @@ async function dayView(page) {
   await screenshot(page, 'day-view');
 }
 
+// The next day has nothing of the camera; the day before it is the recording's again.
+async function otherDays(page) {
+  const label = await page.$eval('#day-label', (e) => e.textContent);
+  await page.click('#next-day');
+  await waitFor(page, 'an empty next day', (before) =>
+    document.querySelector('#day-label').textContent !== before &&
+    document.querySelectorAll('#timeline rect.recording, #timeline circle.alarm').length === 0, label);
+  await page.click('#prev-day');
+  await waitFor(page, 'the recording\'s day again', (before, r) =>
+    document.querySelector('#day-label').textContent === before &&
+    document.querySelectorAll('#timeline rect.recording').length === r, label,
+    Number(env.VEXO_UI_RECORDINGS));
+  check(true, 'the next day is empty and the previous one shows the recording again');
+}
+
+async function controlAnswer(page, button) {
+  await page.$eval('#control-answer', (e) => { e.className = ''; e.textContent = ''; });
+  await page.click(button);
+  await waitFor(page, `the answer to ${button}`,
+    () => ['ok', 'refused'].includes(document.querySelector('#control-answer').className));
+  return page.$eval('#control-answer', (e) => [e.className, e.textContent]);
+}
+
 // A change with only the cookie needs X-Vexo-UI; the page's own controls send it.
 async function changesNeedTheHeader(page) {
   const status = await page.evaluate(async (id) => {
@@ -124,12 +147,19 @@ async function changesNeedTheHeader(page) {
   }, device);
   check(status === 403, `an order change without X-Vexo-UI is answered 403 (got ${status})`);
   await page.$eval('#order-form [name=eventDuration]', (e) => { e.value = '25'; });
-  await page.click('#order-form button[type=submit]');
-  await waitFor(page, 'the order change answer',
-    () => document.querySelector('#control-answer').className !== '');
-  const answer = await page.$eval('#control-answer', (e) => [e.className, e.textContent]);
+  let answer = await controlAnswer(page, '#order-form button[type=submit]');
   check(answer[0] === 'ok' && answer[1].includes('"eventDuration":25'),
     `the page's order change is taken and its answer shown (${answer[1]})`);
+  await page.$eval('#order-form [name=eventDuration]', (e) => { e.value = '1801'; });
+  answer = await controlAnswer(page, '#order-form button[type=submit]');
+  check(answer[0] === 'refused' && answer[1].includes('400'),
+    `an order out of range is refused and the refusal shown (${answer[1]})`);
+  answer = await controlAnswer(page, '#trigger-pic');
+  check(answer[0] === 'ok' && answer[1].includes('"action":"pic"'),
+    `a picture request is sent and its answer shown (${answer[1]})`);
+  answer = await controlAnswer(page, '#abort');
+  check(answer[0] === 'ok' && answer[1].includes('"aborted":true'),
+    `an abort is sent and the aborted order shown (${answer[1]})`);
 }
 
 async function playback(page, cookie) {
@@ -221,6 +251,7 @@ try {
     await logIn(page);
     await deviceList(page);
     await dayView(page);
+    await otherDays(page);
     await changesNeedTheHeader(page);
   }
 } catch (e) {
