@@ -117,6 +117,9 @@ struct PlaybackSource {
     std::string device;
     uint32_t start_time = 0;
     uint32_t end_time = 0; // 0 while open
+    /// Closed, or left open by the device for good (see recording_status): nothing more will
+    /// be added to it.
+    bool over = false;
     std::string payload_info;
     /// The key from the device's key history whose md5 is the recording's key md5 (the
     /// recording's own key when the history has none); empty when neither is known.

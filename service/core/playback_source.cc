@@ -5,6 +5,7 @@
 #include <tuple>
 
 #include "media_names.h"
+#include "recording_listing.h"
 #include "service_core.h"
 
 namespace vexo_cloud {
@@ -52,20 +53,29 @@ std::optional<PlaybackSource> Service::playback_source(const std::string &device
     source.key = recording_key(*state, *row);
     source.key_md5 = row->key_md5;
     std::vector<std::tuple<uint64_t, std::string, std::string, uint64_t>> files;
-    for (const MediaRow &media : core.metadata->media_files(device)) {
-        if (media.start_time != start_time) {
-            continue;
-        }
+    for (const MediaRow &media : core.metadata->recording_media(device, start_time)) {
         if (const std::optional<uint64_t> elapsed = parse_media_elapsed(media.name)) {
             files.emplace_back(*elapsed, media.name, media.object, media.bytes);
         }
     }
     std::sort(files.begin(), files.end());
+    Recording listed; // what recording_status looks at
+    listed.start_time = row->start_time;
+    listed.end_time = row->end_time;
+    listed.mtu = row->mtu;
     for (const auto &[elapsed, name, object, bytes] : files) {
         source.names.push_back(name);
         source.objects.push_back(object);
         source.bytes.push_back(bytes);
+        listed.files.push_back(MediaFileInfo{name, bytes});
     }
+    bool later = false;
+    if (row->end_time == 0) {
+        for (const RecordingRow &other : core.metadata->recordings(device)) {
+            later = later || other.start_time > start_time;
+        }
+    }
+    source.over = recording_status(listed, later, core.now()) != RecordingStatus::kOpen;
     return source;
 }
 

@@ -456,11 +456,14 @@ class HttpConnection final : public Connection,
             return send(error_answer(kInternalError, "internal error"), true);
         }
         if (head_request) {
-            response->content_length(response->body().size());
-            response->body().close();
-        } else {
-            response->prepare_payload();
+            // The head alone: its length is the file's, and no body follows.
+            auto head = std::make_shared<http::response<http::string_body>>(
+                static_cast<http::status>(answer.status), 11);
+            set_fields(*head, answer);
+            head->content_length(response->body().size());
+            return write_pieces(head, answer.status);
         }
+        response->prepare_payload();
         write_pieces(response, answer.status);
     }
 

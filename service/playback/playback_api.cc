@@ -72,7 +72,7 @@ Response bytes_answer(const char *content_type, const std::vector<uint8_t> &byte
     Response answer;
     answer.status = kOk;
     answer.content_type = content_type;
-    answer.body.assign(bytes.begin(), bytes.end());
+    answer.body.assign(reinterpret_cast<const char *>(bytes.data()), bytes.size());
     return answer;
 }
 
@@ -113,8 +113,7 @@ Response playlist(const Service &service, const PlaybackSource &source) {
     Response answer;
     answer.status = kOk;
     answer.content_type = "application/vnd.apple.mpegurl";
-    answer.body =
-        playlist_text(segment_durations(times, elapsed, frame_ms(source)), source.end_time != 0);
+    answer.body = playlist_text(segment_durations(times, elapsed, frame_ms(source)), source.over);
     return answer;
 }
 

@@ -1,6 +1,7 @@
 /// The admin interface's playback requests, under /v1/admin/devices/D/:
 ///
-///   GET recordings/T/playlist.m3u8   HLS playlist, one segment per media file
+///   GET recordings/T/playlist.m3u8   HLS playlist, one segment per media file (VOD once the
+///                                    recording is closed or left open for good)
 ///   GET recordings/T/segments/N.ts   media file N (0-based, elapsed order) as MPEG-TS
 ///   GET recordings/T/thumbnail.jpg   the first key frame as JPEG, at most 320 px wide
 ///   GET recordings/T/export.mp4      the recording as an MP4 attachment "D_T.mp4"

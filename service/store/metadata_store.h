@@ -54,6 +54,9 @@ class MetadataStore {
     virtual void remove_media(const std::string &device, const std::string &name) = 0;
     /// By device, then name; device empty: every device.
     virtual std::vector<MediaRow> media_files(const std::string &device) = 0;
+    /// The media files of one recording, by name.
+    virtual std::vector<MediaRow> recording_media(const std::string &device,
+                                                  uint32_t start_time) = 0;
 
     // ---- alarms, gaps and reported events ----
     /// The highest alarm id used so far, 0 when none.

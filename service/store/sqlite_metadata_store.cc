@@ -315,6 +315,18 @@ std::vector<MediaRow> SqliteMetadataStore::media_files(const std::string &device
     return rows;
 }
 
+std::vector<MediaRow> SqliteMetadataStore::recording_media(const std::string &device,
+                                                           uint32_t start_time) {
+    Query q = db_->query(std::string(kMediaColumns) +
+                         "WHERE device = ? AND start_time = ? ORDER BY name");
+    q.bind(1, device).bind(2, int64_t{start_time});
+    std::vector<MediaRow> rows;
+    while (q.step()) {
+        rows.push_back(media_of(q));
+    }
+    return rows;
+}
+
 // ---- alarms, gaps, events ------------------------------------------------------------------
 
 int64_t SqliteMetadataStore::last_alarm_id() {

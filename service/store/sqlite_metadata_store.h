@@ -36,6 +36,7 @@ class SqliteMetadataStore : public MetadataStore {
     void put_media(const MediaRow &media) override;
     void remove_media(const std::string &device, const std::string &name) override;
     std::vector<MediaRow> media_files(const std::string &device) override;
+    std::vector<MediaRow> recording_media(const std::string &device, uint32_t start_time) override;
 
     int64_t last_alarm_id() override;
     void add_alarm(const AlarmRow &alarm) override;

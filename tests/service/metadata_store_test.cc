@@ -117,6 +117,12 @@ TEST_F(MetadataStoreTest, PolicyQueriesCountBytesFilesAlarmsAndFindTheOldest) {
     EXPECT_EQ(store.usage("cam1").bytes, 31u);
     EXPECT_EQ(store.usage("cam1").files, 3u);
     EXPECT_EQ(store.usage("nobody").files, 0u);
+    const auto of_300 = store.recording_media("cam1", 300);
+    ASSERT_EQ(of_300.size(), 2u);
+    EXPECT_EQ(of_300[0].name, "300_0.media");
+    EXPECT_EQ(of_300[1].bytes, 20u);
+    EXPECT_TRUE(store.recording_media("cam1", 200).empty());
+    EXPECT_TRUE(store.recording_media("cam2", 300).empty()) << "another device's recording";
     EXPECT_EQ(store.alarm_count("cam1", 0, 86400), 2u);
     EXPECT_EQ(store.alarm_count("cam1", 86400, 2 * 86400), 2u);
     EXPECT_EQ(store.alarm_count("cam2", 0, 86400), 0u);
