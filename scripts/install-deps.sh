@@ -5,7 +5,10 @@
 #     kit and tools: FFmpeg's libraries and command-line tools, nlohmann-json, pkg-config; for the network cloud: libcurl,
 #     libmosquitto and the mosquitto broker, cpp-httplib for the tests' and admin commands'
 #     HTTP client, Boost (header-only Asio and Beast) for the service's HTTP server and the
-#     load generator, nginx and jq for its comparison benchmark);
+#     load generator, nginx and jq for its comparison benchmark; for the service's browser
+#     view: node and npm, and chromium for its browser tests);
+#   - ui/node_modules from the committed package-lock.json (`npm ci`): hls.js, which the
+#     build compiles into vexo-cloud, and puppeteer-core, which drives the browser tests;
 #   - an armhf sysroot with cJSON and OpenSSL's libcrypto, built from the armhf .debs with
 #     `dpkg-deb -x` (no multiarch install: amd64 and armhf versions of Multi-Arch: same
 #     packages can be out of step on the mirrors, which makes apt refuse the install).
@@ -33,6 +36,7 @@ HOST_PACKAGES=(
     ffmpeg libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev
     libcurl4-openssl-dev libmosquitto-dev mosquitto libcpp-httplib-dev
     libboost-dev nginx jq
+    nodejs chromium
 )
 # armhf packages unpacked into the sysroot; each -dev package is paired with its runtime
 # package at the same version.
@@ -159,6 +163,21 @@ else
     run_root cp -a "${stage}/root" "${SYSROOT}"
     sysroot_ok || die "the armhf sysroot in ${SYSROOT} is incomplete after unpacking"
     log "armhf sysroot: unpacked ${manifest[*]} into ${SYSROOT}"
+fi
+
+# The browser view's packages, exactly as the lock file pins them. Only the native build
+# uses them: a cross build has no service and needs no node.
+UI_DIR="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)/ui"
+if [[ -f "${UI_DIR}/node_modules/.package-lock.json" ]] &&
+    cmp -s <(jq -S .packages "${UI_DIR}/package-lock.json" | jq -S 'del(.[""])') \
+        <(jq -S .packages "${UI_DIR}/node_modules/.package-lock.json"); then
+    log "ui: node_modules already matches package-lock.json"
+else
+    # Debian's nodejs comes without npm; other builds of nodejs (NodeSource's) bring their own.
+    command -v npm >/dev/null 2>&1 || apt_get install --no-install-recommends npm ||
+        die "npm could not be installed"
+    log "ui: npm ci"
+    (cd "${UI_DIR}" && npm ci --no-audit --no-fund) || die "npm ci in ${UI_DIR} failed"
 fi
 
 log "done: gcc $(g++ -dumpfullversion), $(cmake --version | head -n1), $(${ARMHF_TRIPLET}-g++ --version | head -n1), $(qemu-arm --version | head -n1), $(clang-format --version), gcovr $(gcovr --version | head -n1 | awk '{print $2}')"

@@ -39,7 +39,8 @@ struct Response {
     int32_t status = 500;
     std::string content_type = "application/json";
     std::string body;
-    /// Further header fields of the answer (e.g. content-disposition), in order.
+    /// Further header fields of the answer (e.g. Location, Set-Cookie, Content-Disposition), in
+    /// order.
     std::vector<std::pair<std::string, std::string>> headers;
     /// When not empty, the answer's body is this file, streamed by the transport instead of
     /// body; removed once opened when body_file_temporary.
@@ -253,6 +254,9 @@ class Service {
     std::optional<Order> order(const std::string &device) const;
     /// Events left today, as storage/config would answer now.
     int32_t count_left(const std::string &device) const;
+    /// The md5 text of the device's current key; empty for an unknown device or one that
+    /// has not been given a key yet.
+    std::string key_md5(const std::string &device) const;
     std::vector<std::string> devices() const;
     std::vector<Recording> recordings(const std::string &device) const;
     std::vector<Alarm> alarms(const std::string &device) const;

@@ -113,6 +113,13 @@ int32_t Service::count_left(const std::string &device) const {
     return events_left(state->order, state->allowance, local_day(core.now()));
 }
 
+std::string Service::key_md5(const std::string &device) const {
+    const ServiceCore &core = impl_->core;
+    std::lock_guard<std::mutex> lock(core.mutex);
+    const std::optional<DeviceState> state = find_device(core, device);
+    return state ? state->key_md5 : std::string();
+}
+
 std::vector<std::string> Service::devices() const {
     const ServiceCore &core = impl_->core;
     std::lock_guard<std::mutex> lock(core.mutex);

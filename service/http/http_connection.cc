@@ -30,7 +30,10 @@
 #include "admin_api.h"
 #include "answers.h"
 #include "body_feed.h"
+#include "overview_api.h"
 #include "request_rules.h"
+#include "ui_auth.h"
+#include "ui_routes.h"
 
 namespace vexo_cloud {
 
@@ -335,18 +338,34 @@ class HttpConnection final : public Connection,
         if (head_.path == kMetricsPath) {
             return metrics_answer(context_, head_);
         }
+        if (is_ui_path(head_.path)) {
+            Request whole = head_;
+            whole.body = std::move(body_);
+            return handle_ui(UiContext{context_.admin_token, context_.sessions, kTls}, whole);
+        }
         if (endpoint_ == Endpoint::kAdmin) {
             Request whole = head_;
             whole.body = std::move(body_);
-            return handle_admin(*context_.service, whole, context_.admin_token);
+            // The token or a browser session; the admin interface then needs no token of its
+            // own.
+            if (std::optional<Response> refusal = admin_refusal(
+                    whole, context_.admin_token, *context_.sessions, steady_seconds())) {
+                return *refusal;
+            }
+            if (whole.path == kOverviewPath) {
+                return overview_answer(*context_.service, *context_.activity, whole);
+            }
+            return handle_admin(*context_.service, whole, std::string());
         }
-        if (feed_) {
-            return context_.service->handle_streamed(
-                head_, content_length_, [this](const BodySink &sink) { return feed_->read(sink); });
-        }
-        return context_.service->handle_streamed(head_, body_.size(), [this](const BodySink &sink) {
-            return body_.empty() || sink(body_.data(), body_.size());
-        });
+        Response answer = feed_ ? context_.service->handle_streamed(
+                                      head_, content_length_,
+                                      [this](const BodySink &sink) { return feed_->read(sink); })
+                                : context_.service->handle_streamed(
+                                      head_, body_.size(), [this](const BodySink &sink) {
+                                          return body_.empty() || sink(body_.data(), body_.size());
+                                      });
+        context_.activity->note(head_, answer.status, context_.service->now());
+        return answer;
     }
 
     /// Media uploads: the service checks the request first and reads the body only if it

@@ -14,8 +14,10 @@
 #include <string>
 
 #include "cloud_service.h"
+#include "device_activity.h"
 #include "http_limits.h"
 #include "http_metrics.h"
+#include "ui_sessions.h"
 #include "work_pool.h"
 
 namespace vexo_cloud {
@@ -28,8 +30,10 @@ struct ConnectionContext {
     std::string admin_token;
     bool access_log = true;
     HttpMetrics *metrics = nullptr;
-    WorkPool *handlers = nullptr; ///< requests whose body is read whole
-    WorkPool *uploads = nullptr;  ///< media uploads, streamed
+    WorkPool *handlers = nullptr;       ///< requests whose body is read whole
+    WorkPool *uploads = nullptr;        ///< media uploads, streamed
+    UiSessions *sessions = nullptr;     ///< the browser view's logins
+    DeviceActivity *activity = nullptr; ///< the devices' last requests
     /// Called once when a connection is gone, from any thread, with its id.
     std::function<void(uint64_t id)> closed;
 };

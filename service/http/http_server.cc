@@ -248,6 +248,8 @@ bool HttpServer::run(Service &service) {
     const HttpLimits &limits = impl.options.limits;
     WorkPool handlers(limits.handler_threads);
     WorkPool uploads(limits.upload_threads);
+    UiSessions sessions;
+    DeviceActivity activity;
     ConnectionContext &context = impl.context;
     context.service = &service;
     context.limits = limits;
@@ -257,6 +259,8 @@ bool HttpServer::run(Service &service) {
     context.metrics = &impl.metrics;
     context.handlers = &handlers;
     context.uploads = &uploads;
+    context.sessions = &sessions;
+    context.activity = &activity;
     context.closed = [&impl](uint64_t id) { impl.connection_closed(id); };
     impl.accept();
 
