@@ -300,7 +300,7 @@ TEST_F(HttpServerTest, HeadsBreakingTheLimitsAreRefusedAndCounted) {
     }
 }
 
-TEST_F(HttpServerTest, UploadsStreamAfter100ContinueAndStalledOnesLeaveNothing) {
+TEST_F(HttpServerTest, UploadsStreamAfter100ContinueAndStalledOnesAreGivenUp) {
     vexo_cloud::HttpOptions options;
     options.limits.body_idle_timeout = std::chrono::milliseconds(800);
     start(options);
