@@ -300,7 +300,7 @@ TEST_F(HttpServerTest, HeadsBreakingTheLimitsAreRefusedAndCounted) {
     }
 }
 
-TEST_F(HttpServerTest, UploadsStreamAfter100ContinueAndStalledOnesLeaveNothing) {
+TEST_F(HttpServerTest, UploadsStreamAfter100ContinueAndStalledOnesAreGivenUp) {
     vexo_cloud::HttpOptions options;
     options.limits.body_idle_timeout = std::chrono::milliseconds(800);
     start(options);
@@ -331,7 +331,8 @@ TEST_F(HttpServerTest, UploadsStreamAfter100ContinueAndStalledOnesLeaveNothing) 
                               "Expect: 100-continue\r\nContent-Length: 10\r\n\r\n"));
     EXPECT_EQ(stranger.read_answer().status, 401);
 
-    // A body that stops halfway: the connection is given up and nothing is stored.
+    // A body that stops halfway: the connection is given up at the body's idle limit and the
+    // server goes on serving. (That a cut upload leaves no file is the service's own rule.)
     const std::string other = "/v1/devices/cam1/media/1767261900_0010.media";
     RawClient stalled(port());
     ASSERT_TRUE(stalled.send("PUT " + other + " HTTP/1.1\r\nHost: t\r\n" + kDeviceHeaders +
@@ -340,11 +341,6 @@ TEST_F(HttpServerTest, UploadsStreamAfter100ContinueAndStalledOnesLeaveNothing) 
     RawClient after(port());
     ASSERT_TRUE(after.send(get(kConfig)));
     EXPECT_EQ(after.read_answer().status, 200);
-    size_t files = 0;
-    for (const auto &entry : fs::recursive_directory_iterator(tmp_.path() + "/cloud/cam1")) {
-        files += entry.is_regular_file() ? 1 : 0;
-    }
-    EXPECT_EQ(files, 1u); // the first upload alone
 }
 
 // ---- the real program ----
