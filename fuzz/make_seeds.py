@@ -122,8 +122,9 @@ def service_seeds():
           + '{"time":%d,"withPicture":1,"extra":"x","picture":"/9j/2Q=="}' % NOON)
     write("service_request_fuzz", "gap", "POST /v1/devices/cam1/gaps\n" + dev + "x-vexo-replay: 1\n\n"
           + '{"from":%d,"to":%d,"reason":"spool full","bytes":1234}' % (NOON - 300, NOON))
-    write("service_request_fuzz", "admin-order", "PUT /v1/admin/devices/cam2/order\n\n"
-          + '{"storeMode":"alltime","sliceDuration":10}')
+    write("service_request_fuzz", "start-replayed",
+          "POST /v1/api/vexo.device.ipc.media.storage.notify.upload.start?v=1.0\n" + dev
+          + "x-vexo-replay: 1\n\n" + start.replace('"0000"', '"0123456789abcdef0123456789abcdef"'))
 
 
 def json_seeds():
