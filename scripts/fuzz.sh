@@ -55,7 +55,7 @@ for t in "${TARGETS[@]}"; do
         -print_final_stats=1 -artifact_prefix="${run}/artifacts/" "${run}/corpus" \
         >"${run}/log" 2>&1 || status=$?
     execs="$(sed -n 's/^stat::average_exec_per_sec: *//p' "${run}/log" | tail -n 1)"
-    cov="$(grep -o 'cov: [0-9]*' "${run}/log" | tail -n 1 | cut -d' ' -f2)"
+    cov="$(grep -o 'cov: [0-9]*' "${run}/log" | tail -n 1 | cut -d' ' -f2 || true)"
     reproducer="$(sed -n 's/.*Test unit written to //p' "${run}/log" | tail -n 1)"
     if [[ ${status} -ne 0 || -n "${reproducer}" ]]; then
         crashed=1
