@@ -3,9 +3,11 @@
 
 #include <openssl/crypto.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "answers.h"
+#include "request_rules.h"
 #include "ui_assets.h"
 #include "ui_auth.h"
 
@@ -25,33 +27,10 @@ constexpr char kIndexPage[] = "index.html";
 constexpr char kHiddenError[] = "<p id=\"login-error\" hidden>";
 constexpr char kShownError[] = "<p id=\"login-error\">";
 
-int hex_value(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
-}
-
-std::string form_decoded(const std::string &text) {
-    std::string out;
-    for (size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '+') {
-            out += ' ';
-        } else if (text[i] == '%' && i + 2 < text.size() && hex_value(text[i + 1]) >= 0 &&
-                   hex_value(text[i + 2]) >= 0) {
-            out += static_cast<char>(hex_value(text[i + 1]) * 16 + hex_value(text[i + 2]));
-            i += 2;
-        } else {
-            out += text[i];
-        }
-    }
-    return out;
+/// A form field's value: '+' is a space, then %XX sequences decoded as in a path.
+std::string form_decoded(std::string text) {
+    std::replace(text.begin(), text.end(), '+', ' ');
+    return decoded_path(text);
 }
 
 Response asset_answer(const UiAsset &asset, int32_t status = kOk) {
