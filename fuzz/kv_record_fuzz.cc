@@ -23,15 +23,6 @@ void fail(const char *what) {
     std::abort();
 }
 
-uint32_t fnv1a(const uint8_t *data, size_t len) {
-    uint32_t h = 2166136261u;
-    for (size_t i = 0; i < len; ++i) {
-        h ^= data[i];
-        h *= 16777619u;
-    }
-    return h;
-}
-
 void put_u32(uint8_t *p, uint32_t v) {
     for (int i = 0; i < 4; ++i) {
         p[i] = static_cast<uint8_t>(v >> (8 * i));
@@ -73,7 +64,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     decode(bytes.data(), bytes.size());
     if (size >= kHeaderSize + kChecksumSize) {
         put_u32(bytes.data() + 4, static_cast<uint32_t>(size));
-        put_u32(bytes.data() + size - kChecksumSize, fnv1a(bytes.data(), size - kChecksumSize));
+        put_u32(bytes.data() + size - kChecksumSize,
+                kitcommon::kv_record_checksum(bytes.data(), size - kChecksumSize));
         decode(bytes.data(), bytes.size());
     }
     return 0;

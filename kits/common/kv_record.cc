@@ -13,15 +13,6 @@ constexpr uint32_t kHeaderSize = 12; // magic, total length, field count
 constexpr uint32_t kChecksumSize = 4;
 constexpr uint32_t kMaxFieldPart = 0xFFFF; // key and value lengths are u16
 
-uint32_t fnv1a(const uint8_t *data, size_t len) {
-    uint32_t h = 2166136261u;
-    for (size_t i = 0; i < len; ++i) {
-        h ^= data[i];
-        h *= 16777619u;
-    }
-    return h;
-}
-
 void put_u16(std::vector<uint8_t> &out, uint32_t v) {
     out.push_back(static_cast<uint8_t>(v));
     out.push_back(static_cast<uint8_t>(v >> 8));
@@ -79,6 +70,15 @@ bool entry_usable(const vexo_kv_entry_t &e) {
 
 } // namespace
 
+uint32_t kv_record_checksum(const uint8_t *data, size_t len) {
+    uint32_t h = 2166136261u;
+    for (size_t i = 0; i < len; ++i) {
+        h ^= data[i];
+        h *= 16777619u;
+    }
+    return h;
+}
+
 bool kv_record_encode(const std::vector<KvRecordField> &fields, std::vector<uint8_t> *out) {
     size_t total = kHeaderSize + kChecksumSize;
     for (const KvRecordField &f : fields) {
@@ -101,7 +101,7 @@ bool kv_record_encode(const std::vector<KvRecordField> &fields, std::vector<uint
         put_u16(bytes, static_cast<uint32_t>(f.value.size()));
         bytes.insert(bytes.end(), f.value.begin(), f.value.end());
     }
-    put_u32(bytes, fnv1a(bytes.data(), bytes.size()));
+    put_u32(bytes, kv_record_checksum(bytes.data(), bytes.size()));
     *out = std::move(bytes);
     return true;
 }
@@ -115,7 +115,7 @@ uint32_t kv_record_length(const uint8_t *in, size_t available) {
     if (total < kHeaderSize + kChecksumSize || total > kKvRecordMaxSize || total > available) {
         return 0;
     }
-    if (fnv1a(in, total - kChecksumSize) != get_u32(in + total - kChecksumSize)) {
+    if (kv_record_checksum(in, total - kChecksumSize) != get_u32(in + total - kChecksumSize)) {
         return 0;
     }
     return total;

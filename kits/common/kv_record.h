@@ -32,6 +32,9 @@ struct KvRecordField {
     std::vector<uint8_t> value;
 };
 
+/// The record's checksum (FNV-1a) over data[0, len).
+uint32_t kv_record_checksum(const uint8_t *data, size_t len);
+
 /// Encodes fields into *out. False (and *out untouched) when a key or a value is longer than
 /// 65535 bytes or the record would be larger than kKvRecordMaxSize.
 bool kv_record_encode(const std::vector<KvRecordField> &fields, std::vector<uint8_t> *out);
