@@ -21,7 +21,8 @@ bool started();
 std::shared_ptr<CloudTransport> cloud();
 
 /// Kit log line to stderr: "<kit time> <E|D|T> file:line message". Thread-safe.
-void log_line(LogLevel level, const char *file, int32_t line, const char *fmt, va_list args);
+void log_line(LogLevel level, const char *file, int32_t line, const char *fmt, va_list args)
+    __attribute__((format(printf, 4, 0)));
 void log_error(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 void log_debug(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 

@@ -30,7 +30,10 @@ const char *level_name(tk::Level level) {
     return "?";
 }
 
-void add_line(tk::Level level, const char *file, int32_t line, const char *fmt, va_list ap) {
+// The format is checked where the module calls the log functions (their declarations carry the
+// printf attribute); this one passes it on.
+__attribute__((format(printf, 4, 0))) void add_line(tk::Level level, const char *file, int32_t line,
+                                                    const char *fmt, va_list ap) {
     bool echo = g_echo.load();
     if (level == tk::Level::trace && !g_record_trace.load() && !echo) {
         return;
