@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs what the build and the tests need on Debian 12 (bookworm), idempotently:
 #   - host packages from apt (compilers, CMake, cJSON, OpenSSL, GoogleTest, Google Benchmark,
-#     the arm-linux-gnueabihf cross compiler, qemu-user, clang-format, gcovr; for the host
+#     the arm-linux-gnueabihf cross compiler, qemu-user, clang-format, clang-tidy, clang and
+#     its sanitizer runtimes (the fuzz targets), gcovr; for the host
 #     kit and tools: FFmpeg's libraries and command-line tools, nlohmann-json, pkg-config; for the network cloud: libcurl,
 #     libmosquitto and the mosquitto broker, cpp-httplib for the tests' and admin commands'
 #     HTTP client, Boost (header-only Asio and Beast) for the service's HTTP server and the
@@ -29,7 +30,7 @@ HOST_PACKAGES=(
     build-essential cmake git ca-certificates
     libcjson-dev libssl-dev libsqlite3-dev
     googletest libgtest-dev libbenchmark-dev
-    clang-format
+    clang-format clang-tidy clang libclang-rt-14-dev
     g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user
     gcovr
     pkg-config nlohmann-json3-dev openssl

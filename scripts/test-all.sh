@@ -20,6 +20,9 @@
 #             (amd64: module and host tools; armhf: module) and their contents listed
 #   tidy      clang-tidy-14 with the checked-in .clang-tidy over the module's and the kits'
 #             sources (compile_commands.json of a configure-only build), warnings as errors
+#   fuzz      the libFuzzer targets (fuzz/) built with clang under ASan+UBSan, each run for
+#             VEXO_FUZZ_SECONDS (default 60) from its seeds by scripts/fuzz.sh, two at a time;
+#             prints executions per second and coverage per target
 #   format    clang-format --dry-run -Werror over the tracked C/C++ sources
 #   coverage  --coverage build + ctest; prints "module line coverage: NN%"
 # Every configure step gets -DVEXO_WERROR=ON (warnings are errors); cmake options given here
@@ -37,7 +40,7 @@ set -euo pipefail
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 BUILD_ROOT="${VEXO_BUILD_ROOT:-${ROOT}/build}"
 JOBS="${VEXO_JOBS:-2}"
-ALL_STAGES=(native readme asan tsan armhf install tidy format coverage)
+ALL_STAGES=(native readme asan tsan armhf install tidy fuzz format coverage)
 ARMHF_TRIPLET=arm-linux-gnueabihf
 MODULE_LIB=libvexo_ipc_cloud_storage.a
 # Directories whose sources make up the module (the coverage figure is over these).
@@ -297,6 +300,13 @@ stage_tidy() {
     local count
     count="$(grep -cE "\"file\": \"${ROOT}/(${dirs_re})/.*\.(c|cc)\"" "${dir}/compile_commands.json" || true)"
     note "tidy: ${count} sources of ${TIDY_DIRS[*]} clean"
+}
+
+stage_fuzz() {
+    say "fuzz: ${VEXO_FUZZ_SECONDS:-60} s per target"
+    VEXO_WERROR=ON VEXO_JOBS="${JOBS}" bash "${ROOT}/scripts/fuzz.sh" "${VEXO_FUZZ_SECONDS:-60}" |
+        tee "${BUILD_ROOT}/fuzz-summary.txt"
+    note "fuzz: $(grep -c ' ok$' "${BUILD_ROOT}/fuzz-summary.txt") targets ran without a crash"
 }
 
 stage_format() {
