@@ -65,7 +65,8 @@ std::unique_ptr<Spool> Spool::open(Config config, std::string *error) {
     return spool;
 }
 
-Spool::Spool(Config config) : config_(std::move(config)) {}
+Spool::Spool(Config config)
+    : config_(std::move(config)), fs_(config_.fs != nullptr ? *config_.fs : real_file_system()) {}
 
 void Spool::load() {
     std::vector<std::string> names;
@@ -80,7 +81,7 @@ void Spool::load() {
     for (const std::string &name : names) {
         const std::string path = config_.dir + "/" + name;
         if (name.find(kTempInfix) != std::string::npos) {
-            if (unlink(path.c_str()) == 0) {
+            if (fs_.unlink(path) == 0) {
                 internal::log_debug("spool: removed unfinished write %s", path.c_str());
             }
             continue;
@@ -101,7 +102,7 @@ void Spool::load() {
         }
         if (!item) {
             internal::log_error("spool: discarded damaged item %s: %s", path.c_str(), why.c_str());
-            unlink(path.c_str());
+            fs_.unlink(path);
             ++dropped_;
             continue;
         }
@@ -118,7 +119,7 @@ void Spool::load() {
 bool Spool::write_item(const ItemInfo &info, const CloudRequest &request) {
     const std::string path = config_.dir + "/" + file_name(info.seq);
     const std::string bytes = encode(info, request);
-    const DurableWrite written = durable_write(path, bytes.data(), bytes.size());
+    const DurableWrite written = durable_write(fs_, path, bytes.data(), bytes.size());
     if (written.failed_step != nullptr) {
         internal::log_error("spool: %s of %s failed: %s", written.failed_step, written.temp.c_str(),
                             std::strerror(written.error));
@@ -215,13 +216,13 @@ void Spool::erase_locked(uint64_t seq) {
         return;
     }
     const std::string path = config_.dir + "/" + file_name(seq);
-    if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+    if (fs_.unlink(path) != 0 && errno != ENOENT) {
         internal::log_error("spool: cannot remove %s: %s", path.c_str(), std::strerror(errno));
     }
     bytes_ -= std::min(bytes_, it->second.file_bytes);
     index_.erase(it);
     // A removal lost in a power cut would only send the item again.
-    sync_directory(config_.dir);
+    sync_directory(fs_, config_.dir);
 }
 
 std::map<uint64_t, ItemInfo>::iterator Spool::oldest_free() {

@@ -23,6 +23,7 @@
 #include <optional>
 #include <string>
 
+#include "file_system.h"
 #include "spool_item.h"
 
 namespace hostkit::spool {
@@ -42,6 +43,8 @@ struct Config {
     uint64_t max_age_ms = uint64_t{24} * 3600 * 1000;
     /// The request that reports a gap to the cloud; null: gaps are only logged.
     std::function<CloudRequest(const Gap &)> gap_request;
+    /// The calls items are written and removed through; null for the real disk.
+    FileSystem *fs = nullptr;
 };
 
 struct Stats {
@@ -101,6 +104,7 @@ class Spool {
               PendingGaps *gaps);
 
     Config config_;
+    FileSystem &fs_;
     mutable std::mutex mu_;
     std::map<uint64_t, ItemInfo> index_;
     uint64_t bytes_ = 0;
