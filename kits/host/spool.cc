@@ -126,9 +126,15 @@ bool Spool::write_item(const ItemInfo &info, const CloudRequest &request) {
         return false;
     }
     if (written.directory_unsynced) {
-        // The item is in place; only its survival of a power cut is in doubt.
-        internal::log_error("spool: cannot flush directory %s: %s", config_.dir.c_str(),
-                            std::strerror(written.error));
+        // The item is in place but a power cut could still take it: queued is a promise that
+        // it survives, so it is taken back and the append fails like any other failed step.
+        internal::log_error("spool: cannot flush directory %s: %s; %s not queued",
+                            config_.dir.c_str(), std::strerror(written.error), path.c_str());
+        if (fs_.unlink(path) != 0) {
+            internal::log_error("spool: cannot take back %s: %s", path.c_str(),
+                                std::strerror(errno));
+        }
+        return false;
     }
     return true;
 }

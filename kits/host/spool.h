@@ -63,7 +63,7 @@ class Spool {
 
     /// Queues a request durably at the tail; info gives kind, recording and span (the rest is
     /// set here). Applies the bounds afterwards. False (logged) when the item could not be
-    /// written: then nothing was queued.
+    /// written or its directory not flushed: then nothing was queued.
     bool append(ItemInfo info, const CloudRequest &request, uint64_t now_ms);
 
     /// Reads the oldest item whole and holds it (the bounds leave it alone) until remove() or
