@@ -1,6 +1,7 @@
 // A file system for the kit's stores that passes every call to the disk, counts them, and
-// makes one chosen call fail with a chosen errno without doing anything (a close still
-// releases the descriptor, as close(2) does on Linux).
+// makes one chosen call fail with a chosen errno without doing anything, except that a
+// failing write writes half its bytes first and a failing close still releases the
+// descriptor (as close(2) does on Linux).
 #ifndef VEXO_TESTS_IOFAULT_KIT_FAULTY_FS_H
 #define VEXO_TESTS_IOFAULT_KIT_FAULTY_FS_H
 
@@ -28,7 +29,13 @@ class KitFaultyFs : public hostkit::FileSystem {
         return fails("open") ? -1 : real().open(path, flags, mode);
     }
     ssize_t write(int fd, const void *data, size_t len) override {
-        return fails("write") ? -1 : real().write(fd, data, len);
+        if (fails("write")) {
+            // What a device filling up mid-write leaves: the first half, then the error.
+            real().write(fd, data, len / 2);
+            errno = error_;
+            return -1;
+        }
+        return real().write(fd, data, len);
     }
     int fsync(int fd) override { return fails("fsync") ? -1 : real().fsync(fd); }
     int close(int fd) override {

@@ -22,7 +22,8 @@ using vexo_cloud::FileError;
 using vexo_cloud::FsMediaStore;
 
 /// Passes every call to the disk, counting them; one chosen call fails without doing
-/// anything (a close still releases the descriptor, as close(2) does on Linux).
+/// anything, except that a failing write writes half its bytes first and a failing close
+/// still releases the descriptor (as close(2) does on Linux).
 class ServiceFaultyFs : public vexo_cloud::FileSystem {
   public:
     const std::vector<std::string> &calls() const { return calls_; }
@@ -38,7 +39,13 @@ class ServiceFaultyFs : public vexo_cloud::FileSystem {
         return fails("open") ? -1 : real().open(path, flags, mode);
     }
     ssize_t write(int fd, const void *data, size_t len) override {
-        return fails("write") ? -1 : real().write(fd, data, len);
+        if (fails("write")) {
+            // What a device filling up mid-write leaves: the first half, then the error.
+            real().write(fd, data, len / 2);
+            errno = error_;
+            return -1;
+        }
+        return real().write(fd, data, len);
     }
     int fsync(int fd) override { return fails("fsync") ? -1 : real().fsync(fd); }
     int close(int fd) override {
@@ -193,6 +200,30 @@ TEST(ServiceFaults, EveryFailedStepOfAFileReplacementLeavesTheOldOrTheNewFile) {
             EXPECT_EQ(files_under(dir.path()), std::vector<std::string>{"state.json"});
             const std::string got = vexo_cloud::read_file(dir.path() + "/state.json");
             EXPECT_TRUE(got == "old" || got == kNewBytes) << got.size() << " bytes";
+        }
+    }
+}
+
+TEST(ServiceFaults, EveryFailedStepOfAnAppendedLineLeavesNoPartOfIt) {
+    vexo_test::TempDir dir("vexo-append-faults");
+    const std::string log = dir.file("log.jsonl");
+    const std::string line(5000, 'l');
+    ServiceFaultyFs fs;
+    vexo_cloud::append_line(log, "first", fs);
+    const size_t first = fs.calls().size();
+    vexo_cloud::append_line(log, line, fs);
+    const size_t steps = fs.calls().size() - first;
+    ASSERT_EQ(steps, 4u); // open, write, sync, close
+    std::string expected = "first\n" + line + "\n";
+    // The close's result is not checked (the data was synced before it): three steps to fail.
+    for (size_t step = 0; step + 1 < steps; ++step) {
+        for (const int error : {ENOSPC, EIO}) {
+            fs.fail_call(fs.calls().size() + step, error);
+            EXPECT_THROW(vexo_cloud::append_line(log, line, fs), FileError) << step;
+            EXPECT_EQ(vexo_cloud::read_file(log), expected) << "step " << step;
+            vexo_cloud::append_line(log, "next", fs); // the next line starts whole
+            expected += "next\n";
+            EXPECT_EQ(vexo_cloud::read_file(log), expected);
         }
     }
 }
