@@ -1,4 +1,4 @@
-// The journal of a PowerCutFs and the rebuild of a directory after a cut.
+// The journal of a PowerCutFs, the rebuild of a directory after a cut, and the cut sweep.
 #include "power_cut_fs.h"
 
 #include <fcntl.h>
@@ -7,23 +7,19 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <sstream>
+
+#include "durable_file.h"
+#include "tests/support/temp_dir.h"
 
 namespace iofault {
+namespace {
 
-const CutModel kCutModels[4] = {
+const CutModel kCutModels[] = {
     {"names and data synced only", false, false},
     {"names and data synced only, half of unsynced data", false, true},
     {"every name, synced data only", true, false},
     {"every name, half of unsynced data", true, true},
 };
-
-namespace {
-
-std::string read_whole(const std::filesystem::path &path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 
 hostkit::FileSystem &real() {
     return hostkit::real_file_system();
@@ -33,27 +29,22 @@ hostkit::FileSystem &real() {
 
 PowerCutFs::PowerCutFs(std::string dir) : dir_(std::move(dir)) {
     for (const auto &entry : std::filesystem::directory_iterator(dir_)) {
-        if (entry.is_regular_file()) {
-            initial_[entry.path().filename().string()] = read_whole(entry.path());
-        }
+        std::ifstream in(entry.path(), std::ios::binary);
+        initial_[entry.path().filename().string()].assign(std::istreambuf_iterator<char>(in), {});
     }
 }
 
 std::string PowerCutFs::name_of(const std::string &path) const {
-    const size_t slash = path.rfind('/');
-    if (slash == std::string::npos || path.substr(0, slash) != dir_) {
-        ADD_FAILURE() << path << " is outside " << dir_;
-        return path;
-    }
-    return path.substr(slash + 1);
+    EXPECT_EQ(path.substr(0, path.rfind('/')), dir_) << path;
+    return path.substr(path.rfind('/') + 1);
 }
 
 int PowerCutFs::open(const std::string &path, int flags, mode_t mode) {
     const int fd = real().open(path, flags, mode);
+    // The stores only ever create new files (O_EXCL), so an open is a new, empty file.
+    EXPECT_NE(flags & O_EXCL, 0) << path;
     if (fd >= 0) {
-        // The stores only ever create new files (O_EXCL), so an open is a new, empty file.
-        EXPECT_NE(flags & O_EXCL, 0) << path;
-        journal_.push_back({Kind::kOpen, fd, name_of(path), "", ""});
+        journal_.push_back({Op::kOpen, fd, name_of(path), "", ""});
     }
     return fd;
 }
@@ -62,7 +53,7 @@ ssize_t PowerCutFs::write(int fd, const void *data, size_t len) {
     const ssize_t n = real().write(fd, data, len);
     if (n > 0) {
         journal_.push_back(
-            {Kind::kWrite, fd, "", "", std::string(static_cast<const char *>(data), n)});
+            {Op::kWrite, fd, "", "", std::string(static_cast<const char *>(data), n)});
     }
     return n;
 }
@@ -70,20 +61,20 @@ ssize_t PowerCutFs::write(int fd, const void *data, size_t len) {
 int PowerCutFs::fsync(int fd) {
     const int ret = real().fsync(fd);
     if (ret == 0) {
-        journal_.push_back({Kind::kFsync, fd, "", "", ""});
+        journal_.push_back({Op::kFsync, fd, "", "", ""});
     }
     return ret;
 }
 
 int PowerCutFs::close(int fd) {
-    journal_.push_back({Kind::kClose, fd, "", "", ""});
+    journal_.push_back({Op::kClose, fd, "", "", ""});
     return real().close(fd);
 }
 
 int PowerCutFs::rename(const std::string &from, const std::string &to) {
     const int ret = real().rename(from, to);
     if (ret == 0) {
-        journal_.push_back({Kind::kRename, -1, name_of(from), name_of(to), ""});
+        journal_.push_back({Op::kRename, -1, name_of(from), name_of(to), ""});
     }
     return ret;
 }
@@ -91,16 +82,16 @@ int PowerCutFs::rename(const std::string &from, const std::string &to) {
 int PowerCutFs::unlink(const std::string &path) {
     const int ret = real().unlink(path);
     if (ret == 0) {
-        journal_.push_back({Kind::kUnlink, -1, name_of(path), "", ""});
+        journal_.push_back({Op::kUnlink, -1, name_of(path), "", ""});
     }
     return ret;
 }
 
 int PowerCutFs::sync_dir(const std::string &dir) {
-    const int ret = real().sync_dir(dir);
     EXPECT_EQ(dir, dir_);
+    const int ret = real().sync_dir(dir);
     if (ret == 0) {
-        journal_.push_back({Kind::kSyncDir, -1, "", "", ""});
+        journal_.push_back({Op::kSyncDir, -1, "", "", ""});
     }
     return ret;
 }
@@ -108,7 +99,7 @@ int PowerCutFs::sync_dir(const std::string &dir) {
 void PowerCutFs::rebuild(size_t cut, const CutModel &model, const std::string &out) const {
     struct Inode {
         std::string synced;
-        std::string written;
+        std::string written; ///< writes only ever append, so this extends `synced`
     };
     std::vector<Inode> inodes;
     std::map<std::string, size_t> names;   // as the process saw them
@@ -118,47 +109,105 @@ void PowerCutFs::rebuild(size_t cut, const CutModel &model, const std::string &o
         names[name] = durable[name] = inodes.size();
         inodes.push_back({content, content});
     }
-    for (size_t i = 0; i < cut && i < journal_.size(); ++i) {
+    for (size_t i = 0; i < cut; ++i) {
         const Call &call = journal_[i];
-        switch (call.kind) {
-        case Kind::kOpen:
+        switch (call.op) {
+        case Op::kOpen:
             names[call.name] = open_files[call.fd] = inodes.size();
             inodes.emplace_back();
             break;
-        case Kind::kWrite:
+        case Op::kWrite:
             inodes[open_files.at(call.fd)].written += call.bytes;
             break;
-        case Kind::kFsync: {
-            Inode &inode = inodes[open_files.at(call.fd)];
-            inode.synced = inode.written;
+        case Op::kFsync:
+            inodes[open_files.at(call.fd)].synced = inodes[open_files.at(call.fd)].written;
             break;
-        }
-        case Kind::kClose:
+        case Op::kClose:
             open_files.erase(call.fd);
             break;
-        case Kind::kRename:
+        case Op::kRename:
             names[call.to] = names.at(call.name);
             names.erase(call.name);
             break;
-        case Kind::kUnlink:
+        case Op::kUnlink:
             names.erase(call.name);
             break;
-        case Kind::kSyncDir:
+        case Op::kSyncDir:
             durable = names;
             break;
         }
     }
     for (const auto &[name, index] : model.unsynced_names_kept ? names : durable) {
         const Inode &inode = inodes[index];
-        std::string content = inode.synced;
-        if (model.half_of_unsynced_data_kept) {
-            // Writes only ever append, so what was written extends what was synced.
-            const size_t unsynced = inode.written.size() - inode.synced.size();
-            content += inode.written.substr(inode.synced.size(), unsynced / 2);
+        const size_t unsynced = inode.written.size() - inode.synced.size();
+        const std::string content =
+            inode.synced + (model.half_of_unsynced_data_kept
+                                ? inode.written.substr(inode.synced.size(), unsynced / 2)
+                                : "");
+        std::ofstream(out + "/" + name, std::ios::binary) << content;
+    }
+}
+
+void cut_sweep(const CutCase &c) {
+    vexo_test::TempDir root("vexo-cut");
+    std::filesystem::create_directory(root.file(c.subdir));
+    PowerCutFs fs(root.file(c.subdir));
+    CutScript script(fs);
+    ASSERT_NO_FATAL_FAILURE(c.run(root.path(), fs, script));
+    for (size_t cut = 0; cut <= fs.calls(); ++cut) {
+        for (const CutModel &model : kCutModels) {
+            SCOPED_TRACE("cut after " + std::to_string(cut) + " calls, " + model.label);
+            vexo_test::TempDir image("vexo-cut-image");
+            std::filesystem::create_directory(image.file(c.subdir));
+            fs.rebuild(cut, model, image.file(c.subdir));
+            const std::map<std::string, std::string> held = c.reopen(image.path());
+            const auto got = [&held](const std::string &key) -> std::optional<std::string> {
+                const auto it = held.find(key);
+                return it == held.end() ? std::nullopt : std::optional<std::string>(it->second);
+            };
+            // What each key holds once the operations that returned took effect, and before.
+            std::map<std::string, std::optional<std::string>> acked;
+            std::map<std::string, std::optional<std::string>> undo;
+            std::vector<const CutScript::Op *> under_way;
+            for (const CutScript::Op &op : script.ops()) {
+                for (const Effect &e : op.end <= cut ? op.effects : std::vector<Effect>{}) {
+                    if (op.undoable) {
+                        undo[e.key] = acked[e.key];
+                    } else {
+                        undo.erase(e.key);
+                    }
+                    acked[e.key] = e.value;
+                }
+                if (op.begin < cut && cut < op.end) {
+                    under_way.push_back(&op);
+                }
+            }
+            for (const CutScript::Op *op : under_way) {
+                size_t taken = 0; // effects that show
+                for (const Effect &e : op->effects) {
+                    taken += got(e.key) == e.value && got(e.key) != acked[e.key];
+                }
+                EXPECT_TRUE(!op->atomic || taken == 0 || taken == op->effects.size())
+                    << taken << " of an atomic operation's " << op->effects.size() << " effects";
+            }
+            for (const auto &[key, value] : held) {
+                acked.emplace(key, std::nullopt); // anything else must not be there
+            }
+            for (const auto &[key, value] : acked) {
+                bool ok = got(key) == value || (undo.count(key) != 0 && got(key) == undo[key]);
+                for (const CutScript::Op *op : under_way) {
+                    for (const Effect &e : op->effects) {
+                        ok = ok || (e.key == key && got(key) == e.value);
+                    }
+                }
+                EXPECT_TRUE(ok) << key << " holds " << got(key).value_or("nothing").size()
+                                << " bytes";
+            }
+            for (const auto &entry : std::filesystem::directory_iterator(image.file(c.subdir))) {
+                EXPECT_EQ(entry.path().string().find(hostkit::kTempInfix), std::string::npos)
+                    << entry.path() << " left";
+            }
         }
-        std::ofstream file(out + "/" + name, std::ios::binary | std::ios::trunc);
-        file.write(content.data(), static_cast<std::streamsize>(content.size()));
-        EXPECT_TRUE(file.good()) << out << "/" << name;
     }
 }
 
