@@ -5,6 +5,7 @@
 #define VEXO_TESTS_IOFAULT_FAULT_SWEEP_H
 
 #include <gtest/gtest.h>
+#include <sys/types.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -17,9 +18,7 @@
 
 namespace iofault {
 
-/// The calls a faulty file system has seen and the one it fails: that call does nothing and
-/// returns -1 with the chosen errno, except that a failing write writes half its bytes first
-/// (as a filling device does) and a failing close still releases the descriptor (as on Linux).
+/// The calls a faulty file system has seen and the one it fails, with the chosen errno.
 class FaultPlan {
   public:
     /// The operation under test starts: its calls are counted from here.
@@ -32,7 +31,6 @@ class FaultPlan {
         error_ = error;
     }
     bool hit() const { return hit_; }
-    int error() const { return error_; }
     /// Notes a call; true (errno set) when it is the one to fail.
     bool fails(const char *name) {
         const bool fail = first_ != SIZE_MAX && calls_.size() - first_ == step_;
@@ -50,7 +48,42 @@ class FaultPlan {
     bool hit_ = false;
 };
 
-/// One operation to sweep. Fs is a faulty file system with a FaultPlan `plan`.
+/// The calls the kit's and the service's file systems share, on the real disk unless the plan
+/// fails them: a failed call does nothing, except that a write writes half its bytes first (as
+/// a filling device does) and a close still releases the descriptor (as on Linux).
+template <class Fs, Fs &(*real)()> struct Faulty : Fs {
+    int open(const std::string &path, int flags, mode_t mode) override {
+        return plan.fails("open") ? -1 : real().open(path, flags, mode);
+    }
+    ssize_t write(int fd, const void *data, size_t len) override {
+        const bool fail = plan.fails("write");
+        const int error = errno;
+        const ssize_t n = real().write(fd, data, fail ? len / 2 : len);
+        errno = fail ? error : errno;
+        return fail ? -1 : n;
+    }
+    int fsync(int fd) override { return plan.fails("fsync") ? -1 : real().fsync(fd); }
+    int close(int fd) override {
+        const bool fail = plan.fails("close");
+        const int error = errno;
+        const int ret = real().close(fd);
+        errno = fail ? error : errno;
+        return fail ? -1 : ret;
+    }
+    int rename(const std::string &from, const std::string &to) override {
+        return plan.fails("rename") ? -1 : real().rename(from, to);
+    }
+    int unlink(const std::string &path) override {
+        return plan.fails("unlink") ? -1 : real().unlink(path);
+    }
+    int sync_dir(const std::string &dir) override {
+        return plan.fails("sync_dir") ? -1 : real().sync_dir(dir);
+    }
+
+    FaultPlan plan;
+};
+
+/// One operation to sweep on a Faulty file system Fs.
 template <class Fs> struct SweepCase {
     const char *name;
     std::vector<std::string> steps; ///< the operation's calls, in order

@@ -17,46 +17,18 @@ namespace {
 using vexo_cloud::FileError;
 using vexo_cloud::FsMediaStore;
 
-struct ServiceFaultyFs : vexo_cloud::FileSystem {
+/// The kit's calls, and the service's own three.
+struct ServiceFaultyFs : iofault::Faulty<vexo_cloud::FileSystem, vexo_cloud::real_file_system> {
+    static vexo_cloud::FileSystem &real() { return vexo_cloud::real_file_system(); }
     int create_temporary(std::string *pattern) override {
         return plan.fails("create_temporary") ? -1 : real().create_temporary(pattern);
-    }
-    int open(const std::string &path, int flags, mode_t mode) override {
-        return plan.fails("open") ? -1 : real().open(path, flags, mode);
-    }
-    ssize_t write(int fd, const void *data, size_t len) override {
-        if (!plan.fails("write")) {
-            return real().write(fd, data, len);
-        }
-        real().write(fd, data, len / 2);
-        errno = plan.error();
-        return -1;
-    }
-    int fsync(int fd) override { return plan.fails("fsync") ? -1 : real().fsync(fd); }
-    int close(int fd) override {
-        const bool fail = plan.fails("close");
-        const int ret = real().close(fd);
-        errno = fail ? plan.error() : errno;
-        return fail ? -1 : ret;
     }
     int mkdir(const std::string &path, mode_t mode) override {
         return plan.fails("mkdir") ? -1 : real().mkdir(path, mode);
     }
-    int rename(const std::string &from, const std::string &to) override {
-        return plan.fails("rename") ? -1 : real().rename(from, to);
-    }
     int rename_no_replace(const std::string &from, const std::string &to) override {
         return plan.fails("rename_no_replace") ? -1 : real().rename_no_replace(from, to);
     }
-    int unlink(const std::string &path) override {
-        return plan.fails("unlink") ? -1 : real().unlink(path);
-    }
-    int sync_dir(const std::string &dir) override {
-        return plan.fails("sync_dir") ? -1 : real().sync_dir(dir);
-    }
-    static vexo_cloud::FileSystem &real() { return vexo_cloud::real_file_system(); }
-
-    iofault::FaultPlan plan;
 };
 using Case = iofault::SweepCase<ServiceFaultyFs>;
 
