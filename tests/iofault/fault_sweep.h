@@ -18,69 +18,51 @@
 
 namespace iofault {
 
-/// The calls a faulty file system has seen and the one it fails, with the chosen errno.
-class FaultPlan {
-  public:
-    /// The operation under test starts: its calls are counted from here.
-    void begin() { first_ = calls_.size(); }
-    std::vector<std::string> steps() const {
-        return {calls_.begin() + static_cast<std::ptrdiff_t>(first_), calls_.end()};
-    }
-    void fail_step(size_t step, int error) {
-        step_ = step;
-        error_ = error;
-    }
-    bool hit() const { return hit_; }
+/// The calls the kit's and the service's file systems share, on the real disk, but for the one
+/// the sweep fails: it does nothing and returns -1 with the chosen errno, except that a write
+/// writes half its bytes first (as a filling device does) and a close still releases the
+/// descriptor (as on Linux).
+template <class Fs, Fs &(*real)()> struct Faulty : Fs {
+    std::vector<std::string> calls;
+    size_t first = SIZE_MAX;     ///< calls before the operation under test
+    size_t fail_step = SIZE_MAX; ///< the operation's call to fail
+    int error = 0;
+    bool hit = false;
+
+    void begin() { first = calls.size(); }
     /// Notes a call; true (errno set) when it is the one to fail.
     bool fails(const char *name) {
-        const bool fail = first_ != SIZE_MAX && calls_.size() - first_ == step_;
-        calls_.emplace_back(name);
-        hit_ = hit_ || fail;
-        errno = fail ? error_ : errno;
+        const bool fail = first != SIZE_MAX && calls.size() - first == fail_step;
+        calls.emplace_back(name);
+        hit = hit || fail;
+        errno = fail ? error : errno;
         return fail;
     }
-
-  private:
-    std::vector<std::string> calls_;
-    size_t first_ = SIZE_MAX;
-    size_t step_ = SIZE_MAX;
-    int error_ = 0;
-    bool hit_ = false;
-};
-
-/// The calls the kit's and the service's file systems share, on the real disk unless the plan
-/// fails them: a failed call does nothing, except that a write writes half its bytes first (as
-/// a filling device does) and a close still releases the descriptor (as on Linux).
-template <class Fs, Fs &(*real)()> struct Faulty : Fs {
     int open(const std::string &path, int flags, mode_t mode) override {
-        return plan.fails("open") ? -1 : real().open(path, flags, mode);
+        return fails("open") ? -1 : real().open(path, flags, mode);
     }
     ssize_t write(int fd, const void *data, size_t len) override {
-        const bool fail = plan.fails("write");
-        const int error = errno;
+        const bool fail = fails("write");
         const ssize_t n = real().write(fd, data, fail ? len / 2 : len);
         errno = fail ? error : errno;
         return fail ? -1 : n;
     }
-    int fsync(int fd) override { return plan.fails("fsync") ? -1 : real().fsync(fd); }
+    int fsync(int fd) override { return fails("fsync") ? -1 : real().fsync(fd); }
     int close(int fd) override {
-        const bool fail = plan.fails("close");
-        const int error = errno;
+        const bool fail = fails("close");
         const int ret = real().close(fd);
         errno = fail ? error : errno;
         return fail ? -1 : ret;
     }
     int rename(const std::string &from, const std::string &to) override {
-        return plan.fails("rename") ? -1 : real().rename(from, to);
+        return fails("rename") ? -1 : real().rename(from, to);
     }
     int unlink(const std::string &path) override {
-        return plan.fails("unlink") ? -1 : real().unlink(path);
+        return fails("unlink") ? -1 : real().unlink(path);
     }
     int sync_dir(const std::string &dir) override {
-        return plan.fails("sync_dir") ? -1 : real().sync_dir(dir);
+        return fails("sync_dir") ? -1 : real().sync_dir(dir);
     }
-
-    FaultPlan plan;
 };
 
 /// One operation to sweep on a Faulty file system Fs.
@@ -88,7 +70,7 @@ template <class Fs> struct SweepCase {
     const char *name;
     std::vector<std::string> steps; ///< the operation's calls, in order
     size_t reported;                ///< the first steps, whose failure the operation reports
-    /// Makes the store in the fresh directory on fs, calls fs.plan.begin() and runs the
+    /// Makes the store in the fresh directory on fs, calls fs.begin() and runs the
     /// operation, closing the store; false when the operation reported a failure.
     std::function<bool(const std::string &dir, Fs &fs)> run;
     /// Opens the store again from disk and checks what the failed step left; ok: what the
@@ -102,7 +84,7 @@ template <class Fs> void sweep(const SweepCase<Fs> &c) {
         vexo_test::TempDir dir("vexo-iofault");
         Fs fs;
         ASSERT_TRUE(c.run(dir.path(), fs));
-        ASSERT_EQ(fs.plan.steps(), c.steps);
+        ASSERT_EQ(std::vector<std::string>(fs.calls.begin() + fs.first, fs.calls.end()), c.steps);
     }
     for (size_t step = 0; step < c.steps.size(); ++step) {
         for (const int error : {ENOSPC, EIO}) {
@@ -110,9 +92,10 @@ template <class Fs> void sweep(const SweepCase<Fs> &c) {
                          std::strerror(error));
             vexo_test::TempDir dir("vexo-iofault");
             Fs fs;
-            fs.plan.fail_step(step, error);
+            fs.fail_step = step;
+            fs.error = error;
             const bool ok = c.run(dir.path(), fs);
-            EXPECT_TRUE(fs.plan.hit());
+            EXPECT_TRUE(fs.hit);
             EXPECT_TRUE(step >= c.reported || !ok) << "a failed step was acknowledged";
             c.check(dir.path(), ok);
         }

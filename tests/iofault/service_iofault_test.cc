@@ -21,13 +21,13 @@ using vexo_cloud::FsMediaStore;
 struct ServiceFaultyFs : iofault::Faulty<vexo_cloud::FileSystem, vexo_cloud::real_file_system> {
     static vexo_cloud::FileSystem &real() { return vexo_cloud::real_file_system(); }
     int create_temporary(std::string *pattern) override {
-        return plan.fails("create_temporary") ? -1 : real().create_temporary(pattern);
+        return fails("create_temporary") ? -1 : real().create_temporary(pattern);
     }
     int mkdir(const std::string &path, mode_t mode) override {
-        return plan.fails("mkdir") ? -1 : real().mkdir(path, mode);
+        return fails("mkdir") ? -1 : real().mkdir(path, mode);
     }
     int rename_no_replace(const std::string &from, const std::string &to) override {
-        return plan.fails("rename_no_replace") ? -1 : real().rename_no_replace(from, to);
+        return fails("rename_no_replace") ? -1 : real().rename_no_replace(from, to);
     }
 };
 using Case = iofault::SweepCase<ServiceFaultyFs>;
@@ -68,7 +68,7 @@ Case upload_case(const char *name, const std::string &target, std::vector<std::s
             [target](const std::string &dir, ServiceFaultyFs &fs) {
                 FsMediaStore store(dir, fs);
                 upload(store, kKept, kKeptBytes);
-                fs.plan.begin();
+                fs.begin();
                 return reports([&] { upload(store, target, kNew); });
             },
             [target](const std::string &dir, bool) {
@@ -107,7 +107,7 @@ TEST(ServiceIoFaults, EveryFailedStepOfAFileReplacementOrAnAppendedLineLeavesNoP
                         6,
                         [](const std::string &dir, ServiceFaultyFs &fs) {
                             vexo_cloud::write_file_atomic(dir, "state.json", "old", fs);
-                            fs.plan.begin();
+                            fs.begin();
                             return reports([&] {
                                 vexo_cloud::write_file_atomic(dir, "state.json", kNew, fs);
                             });
@@ -125,7 +125,7 @@ TEST(ServiceIoFaults, EveryFailedStepOfAFileReplacementOrAnAppendedLineLeavesNoP
                         3,
                         [](const std::string &dir, ServiceFaultyFs &fs) {
                             vexo_cloud::append_line(dir + "/log", "first", fs);
-                            fs.plan.begin();
+                            fs.begin();
                             return reports(
                                 [&] { vexo_cloud::append_line(dir + "/log", kNew, fs); });
                         },
