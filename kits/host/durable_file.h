@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <string>
 
+#include "file_system.h"
+
 namespace hostkit {
 
 /// What makes a file name a temporary one of durable_write(); a store sweeps such files at
@@ -27,11 +29,11 @@ struct DurableWrite {
 
 /// Flushes a directory's entries (a rename or unlink in it) to the device. True also where
 /// the file system cannot flush a directory: the change is then as durable as it allows.
-bool sync_directory(const std::string &dir);
+bool sync_directory(FileSystem &fs, const std::string &dir);
 
 /// Writes data to a private temporary file beside path (O_EXCL, mode 0600), syncs and closes
 /// it, renames it over path and syncs the directory.
-DurableWrite durable_write(const std::string &path, const void *data, size_t len);
+DurableWrite durable_write(FileSystem &fs, const std::string &path, const void *data, size_t len);
 
 } // namespace hostkit
 

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 
+#include "file_system.h"
 #include "host_kit.h"
 
 struct cJSON;
@@ -53,7 +54,8 @@ WholeNumber read_whole_number(const cJSON *item, int64_t low, int64_t high, int6
 
 /// Per-part reset and start hooks, called by start()/stop() in kit.cc.
 void clock_start(const Options &options);
-void kv_start(const std::string &data_dir);
+/// fs: the calls the key-value store changes its files through; null for the real disk.
+void kv_start(const std::string &data_dir, FileSystem *fs = nullptr);
 void seq_log_start(const std::string &data_dir);
 void seq_log_stop();
 void ring_reset(const Options &options);

@@ -38,6 +38,7 @@ constexpr off_t kMaxRecordFile = off_t{64} * 1024 * 1024;
 
 std::mutex g_mu;
 std::string g_kv_dir; // "<data_dir>/kv", empty until kv_start
+hostkit::FileSystem *g_fs = &hostkit::real_file_system();
 /// Buffers handed out by iot_wd_common_read, with their sizes.
 std::map<uint8_t *, size_t, std::less<>> g_reads;
 
@@ -88,7 +89,12 @@ bool make_dir(const std::string &path) {
     return false;
 }
 
-void remove_temp_files(const std::string &dir) {
+hostkit::FileSystem &file_system() {
+    std::lock_guard<std::mutex> lock(g_mu);
+    return *g_fs;
+}
+
+void remove_temp_files(hostkit::FileSystem &fs, const std::string &dir) {
     DIR *d = opendir(dir.c_str());
     if (d == nullptr) {
         hostkit::internal::log_error("kv: cannot list %s: %s", dir.c_str(), std::strerror(errno));
@@ -106,7 +112,7 @@ void remove_temp_files(const std::string &dir) {
         std::string path = dir;
         path += '/';
         path += name;
-        if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+        if (fs.unlink(path) != 0 && errno != ENOENT) {
             hostkit::internal::log_error("kv: cannot remove %s: %s", path.c_str(),
                                          std::strerror(errno));
         } else {
@@ -116,7 +122,7 @@ void remove_temp_files(const std::string &dir) {
 }
 
 int32_t write_record(const std::string &path, const uint8_t *value, uint32_t len) {
-    const hostkit::DurableWrite written = hostkit::durable_write(path, value, len);
+    const hostkit::DurableWrite written = hostkit::durable_write(file_system(), path, value, len);
     if (written.failed_step != nullptr) {
         hostkit::internal::log_error("kv: %s of %s failed: %s", written.failed_step,
                                      written.temp.c_str(), std::strerror(written.error));
@@ -194,13 +200,15 @@ std::string kv_dir() {
 
 namespace hostkit::internal {
 
-void kv_start(const std::string &data_dir) {
+void kv_start(const std::string &data_dir, FileSystem *fs) {
+    FileSystem &used = fs != nullptr ? *fs : real_file_system();
     std::string dir = (data_dir.empty() ? std::string(".") : data_dir) + "/kv";
     if (make_dir(data_dir.empty() ? "." : data_dir) && make_dir(dir)) {
-        remove_temp_files(dir);
+        remove_temp_files(used, dir);
     }
     std::lock_guard<std::mutex> lock(g_mu);
     g_kv_dir = dir;
+    g_fs = &used;
 }
 
 } // namespace hostkit::internal

@@ -65,7 +65,8 @@ std::unique_ptr<Spool> Spool::open(Config config, std::string *error) {
     return spool;
 }
 
-Spool::Spool(Config config) : config_(std::move(config)) {}
+Spool::Spool(Config config)
+    : config_(std::move(config)), fs_(config_.fs != nullptr ? *config_.fs : real_file_system()) {}
 
 void Spool::load() {
     std::vector<std::string> names;
@@ -80,7 +81,7 @@ void Spool::load() {
     for (const std::string &name : names) {
         const std::string path = config_.dir + "/" + name;
         if (name.find(kTempInfix) != std::string::npos) {
-            if (unlink(path.c_str()) == 0) {
+            if (fs_.unlink(path) == 0) {
                 internal::log_debug("spool: removed unfinished write %s", path.c_str());
             }
             continue;
@@ -101,12 +102,31 @@ void Spool::load() {
         }
         if (!item) {
             internal::log_error("spool: discarded damaged item %s: %s", path.c_str(), why.c_str());
-            unlink(path.c_str());
+            fs_.unlink(path);
             ++dropped_;
             continue;
         }
         bytes_ += item->info.file_bytes;
         index_.emplace(*seq, std::move(item->info));
+    }
+    // A gap report is written before the items it names are removed: a power cut in between
+    // leaves some of them, which go now rather than be sent after their report.
+    std::vector<uint64_t> unfinished;
+    for (const auto &entry : index_) {
+        for (const uint64_t seq : entry.second.drops) {
+            if (index_.count(seq) != 0) {
+                unfinished.push_back(seq);
+            }
+        }
+    }
+    for (const uint64_t seq : unfinished) {
+        if (index_.count(seq) == 0) {
+            continue; // named by two reports
+        }
+        internal::log_error("spool: finishing the reported drop of item %llu",
+                            static_cast<unsigned long long>(seq));
+        erase_locked(seq);
+        ++dropped_;
     }
     if (!index_.empty()) {
         internal::log_debug("spool: %zu items (%llu bytes) waiting in %s", index_.size(),
@@ -118,16 +138,22 @@ void Spool::load() {
 bool Spool::write_item(const ItemInfo &info, const CloudRequest &request) {
     const std::string path = config_.dir + "/" + file_name(info.seq);
     const std::string bytes = encode(info, request);
-    const DurableWrite written = durable_write(path, bytes.data(), bytes.size());
+    const DurableWrite written = durable_write(fs_, path, bytes.data(), bytes.size());
     if (written.failed_step != nullptr) {
         internal::log_error("spool: %s of %s failed: %s", written.failed_step, written.temp.c_str(),
                             std::strerror(written.error));
         return false;
     }
     if (written.directory_unsynced) {
-        // The item is in place; only its survival of a power cut is in doubt.
-        internal::log_error("spool: cannot flush directory %s: %s", config_.dir.c_str(),
-                            std::strerror(written.error));
+        // The item is in place but a power cut could still take it: queued is a promise that
+        // it survives, so it is taken back and the append fails like any other failed step.
+        internal::log_error("spool: cannot flush directory %s: %s; %s not queued",
+                            config_.dir.c_str(), std::strerror(written.error), path.c_str());
+        if (fs_.unlink(path) != 0) {
+            internal::log_error("spool: cannot take back %s: %s", path.c_str(),
+                                std::strerror(errno));
+        }
+        return false;
     }
     return true;
 }
@@ -215,32 +241,32 @@ void Spool::erase_locked(uint64_t seq) {
         return;
     }
     const std::string path = config_.dir + "/" + file_name(seq);
-    if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+    if (fs_.unlink(path) != 0 && errno != ENOENT) {
         internal::log_error("spool: cannot remove %s: %s", path.c_str(), std::strerror(errno));
     }
     bytes_ -= std::min(bytes_, it->second.file_bytes);
     index_.erase(it);
     // A removal lost in a power cut would only send the item again.
-    sync_directory(config_.dir);
+    sync_directory(fs_, config_.dir);
 }
 
-std::map<uint64_t, ItemInfo>::iterator Spool::oldest_free() {
-    auto it = index_.begin();
-    if (it != index_.end() && it->first == held_) {
+Spool::Index::iterator Spool::oldest_free(Index &items) const {
+    auto it = items.begin();
+    if (it != items.end() && it->first == held_) {
         ++it;
     }
     return it;
 }
 
-uint32_t Spool::open_recording() const {
+uint32_t Spool::open_recording(const Index &items) {
     uint32_t newest = 0;
-    for (auto it = index_.rbegin(); it != index_.rend(); ++it) {
+    for (auto it = items.rbegin(); it != items.rend(); ++it) {
         if (in_recording(it->second)) {
             newest = it->second.recording;
             break;
         }
     }
-    for (const auto &[seq, info] : index_) {
+    for (const auto &[seq, info] : items) {
         if (newest != 0 && info.recording == newest && info.kind == Kind::kStop) {
             return 0;
         }
@@ -248,14 +274,14 @@ uint32_t Spool::open_recording() const {
     return newest;
 }
 
-void Spool::drop(std::map<uint64_t, ItemInfo>::iterator it, bool only_item, const char *reason,
-                 PendingGaps *gaps) {
+void Spool::plan_drop(Index &left, Index::iterator it, bool only_item, const char *reason,
+                      PendingGaps *gaps, std::vector<uint64_t> *doomed, uint64_t *bytes) const {
     const ItemInfo victim = it->second;
     std::vector<uint64_t> seqs;
     if (only_item || !in_recording(victim)) {
         seqs.push_back(victim.seq);
     } else {
-        for (const auto &[seq, info] : index_) {
+        for (const auto &[seq, info] : left) {
             if (seq != held_ && in_recording(info) && info.recording == victim.recording) {
                 seqs.push_back(seq);
             }
@@ -263,7 +289,8 @@ void Spool::drop(std::map<uint64_t, ItemInfo>::iterator it, bool only_item, cons
     }
     uint64_t media_bytes = 0;
     for (const uint64_t seq : seqs) {
-        const ItemInfo &info = index_.at(seq);
+        const auto item = left.find(seq);
+        const ItemInfo &info = item->second;
         if (in_recording(info)) {
             PendingGap &pending = (*gaps)[{info.recording, reason}];
             Gap &gap = pending.gap;
@@ -284,16 +311,18 @@ void Spool::drop(std::map<uint64_t, ItemInfo>::iterator it, bool only_item, cons
                 gap.bytes += info.body_bytes;
                 media_bytes += info.body_bytes;
             }
+            pending.seqs.push_back(seq);
         }
-        erase_locked(seq);
-        ++dropped_;
+        *bytes -= std::min(*bytes, info.file_bytes);
+        doomed->push_back(seq);
+        left.erase(item);
     }
     if (in_recording(victim) && !only_item) {
-        internal::log_error("spool: %s: dropped recording %u (%zu items, %llu media bytes)", reason,
-                            victim.recording, seqs.size(),
+        internal::log_error("spool: %s: dropping recording %u (%zu items, %llu media bytes)",
+                            reason, victim.recording, seqs.size(),
                             static_cast<unsigned long long>(media_bytes));
     } else {
-        internal::log_error("spool: %s: dropped %s (%llu bytes)", reason, describe(victim).c_str(),
+        internal::log_error("spool: %s: dropping %s (%llu bytes)", reason, describe(victim).c_str(),
                             static_cast<unsigned long long>(victim.body_bytes));
     }
 }
@@ -303,23 +332,41 @@ void Spool::enforce_bounds(uint64_t now_ms) {
     enforce_locked(now_ms);
 }
 
+bool Spool::report_gap(const PendingGap &pending, uint64_t now_ms) {
+    ItemInfo info;
+    info.kind = Kind::kGap;
+    info.drops = pending.seqs;
+    return append_locked(std::move(info), config_.gap_request(pending.gap), now_ms);
+}
+
 void Spool::enforce_locked(uint64_t now_ms) {
-    PendingGaps gaps;
-    for (auto it = oldest_free(); it != index_.end() && it->second.queued_ms <= now_ms &&
-                                  now_ms - it->second.queued_ms >= config_.max_age_ms;
-         it = oldest_free()) {
-        drop(it, false, kTooOld, &gaps);
+    const auto too_old = [&](Index::iterator it, const Index &items) {
+        return it != items.end() && it->second.queued_ms <= now_ms &&
+               now_ms - it->second.queued_ms >= config_.max_age_ms;
+    };
+    if (bytes_ <= config_.max_bytes && !too_old(oldest_free(index_), index_)) {
+        return;
     }
-    while (bytes_ > config_.max_bytes) {
-        auto it = oldest_free();
-        if (it == index_.end()) {
+    // What goes is chosen on a copy first, so that each gap report, naming its items, is on
+    // disk before any of them is removed: a power cut in between leaves the report, and the
+    // next open finishes the drop, rather than footage gone without a word.
+    Index left = index_;
+    uint64_t bytes = bytes_;
+    PendingGaps gaps;
+    std::vector<uint64_t> doomed;
+    for (auto it = oldest_free(left); too_old(it, left); it = oldest_free(left)) {
+        plan_drop(left, it, false, kTooOld, &gaps, &doomed, &bytes);
+    }
+    while (bytes > config_.max_bytes) {
+        auto it = oldest_free(left);
+        if (it == left.end()) {
             break;
         }
         bool only_item = false;
-        const uint32_t open = open_recording();
+        const uint32_t open = open_recording(left);
         if (open != 0 && in_recording(it->second) && it->second.recording == open) {
             // The recording still being written keeps its start: its oldest file goes.
-            for (auto m = index_.begin(); m != index_.end(); ++m) {
+            for (auto m = left.begin(); m != left.end(); ++m) {
                 if (m->first != held_ && m->second.recording == open &&
                     m->second.kind == Kind::kMedia) {
                     it = m;
@@ -328,17 +375,27 @@ void Spool::enforce_locked(uint64_t now_ms) {
                 }
             }
         }
-        drop(it, only_item, kFull, &gaps);
+        plan_drop(left, it, only_item, kFull, &gaps, &doomed, &bytes);
     }
+    std::vector<const PendingGap *> unreported;
     for (const auto &entry : gaps) {
         const Gap &gap = entry.second.gap;
         internal::log_error("spool: gap in recording %u from %u to %u (%s, %llu bytes)",
                             gap.recording, gap.from, gap.to, gap.reason,
                             static_cast<unsigned long long>(gap.bytes));
-        if (config_.gap_request) {
-            ItemInfo info;
-            info.kind = Kind::kGap;
-            append_locked(info, config_.gap_request(gap), now_ms);
+        if (config_.gap_request && !report_gap(entry.second, now_ms)) {
+            unreported.push_back(&entry.second);
+        }
+    }
+    for (const uint64_t seq : doomed) {
+        erase_locked(seq);
+        ++dropped_;
+    }
+    // A report the device had no room for gets the room just freed.
+    for (const PendingGap *pending : unreported) {
+        if (!report_gap(*pending, now_ms)) {
+            internal::log_error("spool: the gap in recording %u could not be queued",
+                                pending->gap.recording);
         }
     }
 }

@@ -11,7 +11,8 @@
 /// recording's start time; every other item is a group of its own. The recording still being
 /// appended to (the newest, without a stop) loses its oldest media files instead, so what
 /// follows still has its start. A dropped recording is reported by a gap item queued behind
-/// the rest. Thread-safe.
+/// the rest; the report, naming the items, is on disk before they are removed, and a spool
+/// that opens to find a report's items still there removes them. Thread-safe.
 #ifndef VEXO_HOST_SPOOL_H
 #define VEXO_HOST_SPOOL_H
 
@@ -22,7 +23,9 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "file_system.h"
 #include "spool_item.h"
 
 namespace hostkit::spool {
@@ -42,6 +45,8 @@ struct Config {
     uint64_t max_age_ms = uint64_t{24} * 3600 * 1000;
     /// The request that reports a gap to the cloud; null: gaps are only logged.
     std::function<CloudRequest(const Gap &)> gap_request;
+    /// The calls items are written and removed through; null for the real disk.
+    FileSystem *fs = nullptr;
 };
 
 struct Stats {
@@ -60,7 +65,7 @@ class Spool {
 
     /// Queues a request durably at the tail; info gives kind, recording and span (the rest is
     /// set here). Applies the bounds afterwards. False (logged) when the item could not be
-    /// written: then nothing was queued.
+    /// written or its directory not flushed: then nothing was queued.
     bool append(ItemInfo info, const CloudRequest &request, uint64_t now_ms);
 
     /// Reads the oldest item whole and holds it (the bounds leave it alone) until remove() or
@@ -85,22 +90,27 @@ class Spool {
     bool append_locked(ItemInfo info, const CloudRequest &request, uint64_t now_ms);
     void enforce_locked(uint64_t now_ms);
     void erase_locked(uint64_t seq);
-    /// The oldest item not held, or index_.end().
-    std::map<uint64_t, ItemInfo>::iterator oldest_free();
+    using Index = std::map<uint64_t, ItemInfo>;
+    /// The oldest item of items not held, or items.end().
+    Index::iterator oldest_free(Index &items) const;
     /// The newest recording's start time when it has no stop queued; 0 otherwise.
-    uint32_t open_recording() const;
+    static uint32_t open_recording(const Index &items);
     /// A gap being summed up while the bounds drop items, per recording and reason.
     struct PendingGap {
         Gap gap;
-        bool stopped = false; ///< its stop was dropped: the end is the stop's
+        bool stopped = false;       ///< its stop was dropped: the end is the stop's
+        std::vector<uint64_t> seqs; ///< the items it reports
     };
     using PendingGaps = std::map<std::pair<uint32_t, std::string>, PendingGap>;
-    /// Drops the group of the item at it (or only that media item when `only_item`), adding
-    /// to the gaps of this pass.
-    void drop(std::map<uint64_t, ItemInfo>::iterator it, bool only_item, const char *reason,
-              PendingGaps *gaps);
+    /// Takes the group of the item at it (or only that media item when `only_item`) out of
+    /// `left` into *doomed and *bytes, adding to the gaps of this pass.
+    void plan_drop(Index &left, Index::iterator it, bool only_item, const char *reason,
+                   PendingGaps *gaps, std::vector<uint64_t> *doomed, uint64_t *bytes) const;
+    /// Queues the report of a gap, naming its items. False when it could not be written.
+    bool report_gap(const PendingGap &pending, uint64_t now_ms);
 
     Config config_;
+    FileSystem &fs_;
     mutable std::mutex mu_;
     std::map<uint64_t, ItemInfo> index_;
     uint64_t bytes_ = 0;

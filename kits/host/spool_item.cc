@@ -12,13 +12,15 @@ namespace hostkit::spool {
 namespace {
 
 constexpr char kMagic[4] = {'V', 'X', 'S', 'P'};
-constexpr uint16_t kVersion = 1;
+constexpr uint16_t kVersion = 2;
+constexpr uint16_t kVersionWithoutDrops = 1;
 constexpr size_t kFixedSize = 52;
 constexpr size_t kHeadCrcOffset = 48;
 constexpr char kSuffix[] = ".item";
 constexpr size_t kSeqDigits = 20;
-/// A head is a method, a path, a query and a few headers: anything larger is damage.
-constexpr uint32_t kMaxHeadBytes = 64 * 1024;
+/// A head is a method, a path, a query, a few headers and a gap report's dropped items (tens
+/// of thousands at most): anything larger is damage.
+constexpr uint32_t kMaxHeadBytes = 1024 * 1024;
 constexpr uint32_t kMaxHeaders = 64;
 
 constexpr std::array<uint32_t, 256> make_crc_table() {
@@ -74,6 +76,14 @@ class HeadReader {
         }
         *out = get32(data_ + pos_);
         pos_ += 4;
+        return true;
+    }
+    bool u64(uint64_t *out) {
+        if (len_ - pos_ < 8) {
+            return false;
+        }
+        *out = get64(data_ + pos_);
+        pos_ += 8;
         return true;
     }
     bool text(std::string *out) {
@@ -181,6 +191,10 @@ std::string encode(const ItemInfo &info, const CloudRequest &request) {
             put_text(head, value);
         }
     }
+    put32(head, static_cast<uint32_t>(info.drops.size()));
+    for (const uint64_t seq : info.drops) {
+        put64(head, seq);
+    }
     std::string out;
     out.reserve(kFixedSize + head.size() + request.body.size());
     out.append(kMagic, sizeof kMagic);
@@ -215,7 +229,7 @@ std::optional<Item> load(int fd, uint64_t file_size, uint64_t expected_seq, bool
     const uint16_t kind = static_cast<uint16_t>(fixed[6] | fixed[7] << 8);
     const uint32_t head_len = get32(fixed + 36);
     const uint32_t body_len = get32(fixed + 40);
-    if (version != kVersion) {
+    if (version != kVersion && version != kVersionWithoutDrops) {
         *error = "unknown version " + std::to_string(version);
         return std::nullopt;
     }
@@ -265,6 +279,18 @@ std::optional<Item> load(int fd, uint64_t file_size, uint64_t expected_seq, bool
             return std::nullopt;
         }
         req.headers[name] = value;
+    }
+    uint32_t drops = 0;
+    if (version == kVersion && (!in.u32(&drops) || drops > head_len / 8)) {
+        *error = "head does not parse";
+        return std::nullopt;
+    }
+    item.info.drops.resize(drops);
+    for (uint64_t &seq : item.info.drops) {
+        if (!in.u64(&seq)) {
+            *error = "head does not parse";
+            return std::nullopt;
+        }
     }
     if (!in.at_end()) {
         *error = "head does not parse";

@@ -7,7 +7,10 @@
 ///     length u32, body crc32 u32, head crc32 u32 (over the 48 bytes before it and the head)
 ///   head: the request without its body: method, path, query (each u32 length + bytes),
 ///     time limit u32, header count u32, then each header's name and value
+///   drops (version 2): count u32, then each sequence number u64; a gap report names the
+///     items it reports as dropped (empty for every other item); also under the head's crc
 ///   body: the request's body
+/// Version 1 files (no drop list) are still read.
 /// The head is checked whenever the spool loads an item; the body when it is read for sending.
 /// A bearer token is never written: the sender adds the kit's current one.
 #ifndef VEXO_HOST_SPOOL_ITEM_H
@@ -17,6 +20,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "cloud_transport.h"
 
@@ -48,6 +52,9 @@ struct ItemInfo {
     uint64_t body_bytes = 0; ///< set by the spool
     uint64_t file_bytes = 0; ///< set by the spool
     std::string what;        ///< "PUT /v1/devices/D/media/X", for log lines; set by the spool
+    /// A gap report's dropped items: it is written before they are removed, so a spool that
+    /// opens to find any of them still there finishes the drop instead of sending them.
+    std::vector<uint64_t> drops;
 };
 
 struct Item {

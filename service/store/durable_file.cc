@@ -25,10 +25,10 @@ constexpr mode_t kDirectoryMode = 0755;
 /// Closes a descriptor when it goes out of scope, unless released.
 class Descriptor {
   public:
-    explicit Descriptor(int fd) : fd_(fd) {}
+    Descriptor(int fd, FileSystem &fs) : fs_(fs), fd_(fd) {}
     ~Descriptor() {
         if (fd_ >= 0) {
-            ::close(fd_);
+            fs_.close(fd_);
         }
     }
     Descriptor(const Descriptor &) = delete;
@@ -38,17 +38,18 @@ class Descriptor {
     bool close_checked() {
         const int fd = fd_;
         fd_ = -1;
-        return ::close(fd) == 0;
+        return fs_.close(fd) == 0;
     }
 
   private:
+    FileSystem &fs_;
     int fd_;
 };
 
-void write_all(int fd, const char *data, size_t size, const std::string &path) {
+void write_all(FileSystem &fs, int fd, const char *data, size_t size, const std::string &path) {
     size_t done = 0;
     while (done < size) {
-        const ssize_t n = ::write(fd, data + done, size - done);
+        const ssize_t n = fs.write(fd, data + done, size - done);
         if (n < 0) {
             if (errno == EINTR) {
                 continue;
@@ -71,12 +72,8 @@ std::string parent_of(const std::string &path) {
 
 // ---- exported calls ------------------------------------------------------------------------
 
-void sync_directory(const std::string &path) {
-    Descriptor dir(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (dir.get() < 0) {
-        fail("cannot open directory", path, errno);
-    }
-    if (::fsync(dir.get()) != 0) {
+void sync_directory(const std::string &path, FileSystem &fs) {
+    if (fs.sync_dir(path) != 0) {
         fail("cannot sync directory", path, errno);
     }
 }
@@ -84,8 +81,8 @@ void sync_directory(const std::string &path) {
 FileError::FileError(const std::string &what, int error_number)
     : std::runtime_error(what), error_number_(error_number) {}
 
-bool make_directory(const std::string &path) {
-    if (::mkdir(path.c_str(), kDirectoryMode) != 0) {
+bool make_directory(const std::string &path, FileSystem &fs) {
+    if (fs.mkdir(path, kDirectoryMode) != 0) {
         if (errno != EEXIST) {
             fail("cannot create directory", path, errno);
         }
@@ -95,7 +92,7 @@ bool make_directory(const std::string &path) {
         }
         return false;
     }
-    sync_directory(parent_of(path));
+    sync_directory(parent_of(path), fs);
     return true;
 }
 
@@ -103,17 +100,15 @@ AtomicFile::AtomicFile(const std::string &dir, const std::string &name)
     : AtomicFile(dir, name, dir) {}
 
 AtomicFile::AtomicFile(const std::string &dir, const std::string &name,
-                       const std::string &target_dir)
-    : dir_(dir), target_dir_(target_dir), target_(target_dir + "/" + name) {
+                       const std::string &target_dir, FileSystem &fs)
+    : fs_(fs), dir_(dir), target_dir_(target_dir), target_(target_dir + "/" + name) {
     // The temporary name starts with a dot: directory listings of the service skip it.
     std::string pattern = dir + "/." + name + ".tmp-XXXXXX";
-    std::vector<char> buffer(pattern.begin(), pattern.end());
-    buffer.push_back('\0');
-    fd_ = ::mkostemp(buffer.data(), O_CLOEXEC);
+    fd_ = fs_.create_temporary(&pattern);
     if (fd_ < 0) {
         fail("cannot create a temporary file in", dir, errno);
     }
-    temporary_.assign(buffer.data());
+    temporary_ = pattern;
     if (::fchmod(fd_, kFileMode) != 0) {
         const int error_number = errno;
         discard();
@@ -127,11 +122,11 @@ AtomicFile::~AtomicFile() {
 
 void AtomicFile::discard() {
     if (fd_ >= 0) {
-        ::close(fd_);
+        fs_.close(fd_);
         fd_ = -1;
     }
     if (!committed_ && !temporary_.empty()) {
-        ::unlink(temporary_.c_str());
+        fs_.unlink(temporary_);
         temporary_.clear();
     }
 }
@@ -140,7 +135,7 @@ void AtomicFile::write(const char *data, size_t size) {
     if (fd_ < 0) {
         throw FileError("write after the end of " + target_, EBADF);
     }
-    write_all(fd_, data, size, temporary_);
+    write_all(fs_, fd_, data, size, temporary_);
     written_ += size;
 }
 
@@ -148,32 +143,33 @@ void AtomicFile::commit() {
     if (fd_ < 0) {
         throw FileError("commit after the end of " + target_, EBADF);
     }
-    Descriptor fd(fd_);
+    Descriptor fd(fd_, fs_);
     fd_ = -1;
-    if (::fsync(fd.get()) != 0) {
+    if (fs_.fsync(fd.get()) != 0) {
         fail("cannot sync", temporary_, errno);
     }
     if (!fd.close_checked()) {
         fail("cannot close", temporary_, errno);
     }
-    if (::rename(temporary_.c_str(), target_.c_str()) != 0) {
+    if (fs_.rename(temporary_, target_) != 0) {
         fail("cannot rename to", target_, errno);
     }
     committed_ = true;
-    sync_directory(target_dir_);
+    sync_directory(target_dir_, fs_);
     if (target_dir_ != dir_) {
-        sync_directory(dir_);
+        sync_directory(dir_, fs_);
     }
 }
 
-void write_file_atomic(const std::string &dir, const std::string &name, const std::string &bytes) {
-    AtomicFile file(dir, name);
+void write_file_atomic(const std::string &dir, const std::string &name, const std::string &bytes,
+                       FileSystem &fs) {
+    AtomicFile file(dir, name, dir, fs);
     file.write(bytes.data(), bytes.size());
     file.commit();
 }
 
-void append_line(const std::string &path, const std::string &line) {
-    Descriptor fd(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, kFileMode));
+void append_line(const std::string &path, const std::string &line, FileSystem &fs) {
+    Descriptor fd(fs.open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, kFileMode), fs);
     if (fd.get() < 0) {
         fail("cannot open", path, errno);
     }
@@ -183,8 +179,8 @@ void append_line(const std::string &path, const std::string &line) {
     }
     try {
         const std::string text = line + "\n";
-        write_all(fd.get(), text.data(), text.size(), path);
-        if (::fsync(fd.get()) != 0) {
+        write_all(fs, fd.get(), text.data(), text.size(), path);
+        if (fs.fsync(fd.get()) != 0) {
             fail("cannot sync", path, errno);
         }
     } catch (...) {
@@ -197,7 +193,7 @@ void append_line(const std::string &path, const std::string &line) {
 }
 
 std::string read_file(const std::string &path) {
-    Descriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    Descriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC), real_file_system());
     if (fd.get() < 0) {
         fail("cannot open", path, errno);
     }

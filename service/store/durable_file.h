@@ -9,6 +9,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "file_system.h"
+
 namespace vexo_cloud {
 
 /// A file-system failure with the errno it came from (ENOSPC: the disk is full).
@@ -23,10 +25,10 @@ class FileError : public std::runtime_error {
 
 /// Creates a directory whose parent exists and fsyncs the parent. True when it was created,
 /// false when it was already there; throws FileError otherwise.
-bool make_directory(const std::string &path);
+bool make_directory(const std::string &path, FileSystem &fs = real_file_system());
 
 /// Fsyncs a directory, so that names created or removed in it last; throws FileError.
-void sync_directory(const std::string &path);
+void sync_directory(const std::string &path, FileSystem &fs = real_file_system());
 
 /// A file written piece by piece that appears under its name only when committed: the
 /// pieces go to a temporary name in dir (a dot name, skipped by the service's listings);
@@ -36,7 +38,8 @@ void sync_directory(const std::string &path);
 class AtomicFile {
   public:
     AtomicFile(const std::string &dir, const std::string &name);
-    AtomicFile(const std::string &dir, const std::string &name, const std::string &target_dir);
+    AtomicFile(const std::string &dir, const std::string &name, const std::string &target_dir,
+               FileSystem &fs = real_file_system());
     ~AtomicFile();
     AtomicFile(const AtomicFile &) = delete;
     AtomicFile &operator=(const AtomicFile &) = delete;
@@ -48,6 +51,7 @@ class AtomicFile {
   private:
     void discard();
 
+    FileSystem &fs_;
     std::string dir_;
     std::string target_dir_;
     std::string target_;
@@ -60,11 +64,13 @@ class AtomicFile {
 /// Replaces dir/name with bytes: written to a temporary name in dir, fsync'd, renamed over
 /// name, then dir fsync'd. A reader sees the old file or the new one, never a part. On
 /// failure the temporary file is removed and FileError thrown.
-void write_file_atomic(const std::string &dir, const std::string &name, const std::string &bytes);
+void write_file_atomic(const std::string &dir, const std::string &name, const std::string &bytes,
+                       FileSystem &fs = real_file_system());
 
 /// Appends line and a newline to path (created when missing) and fsyncs it. On failure the
 /// file is cut back to its former length and FileError thrown.
-void append_line(const std::string &path, const std::string &line);
+void append_line(const std::string &path, const std::string &line,
+                 FileSystem &fs = real_file_system());
 
 /// The whole content of a file; throws FileError.
 std::string read_file(const std::string &path);

@@ -92,28 +92,12 @@ class Sha256 {
     EVP_MD_CTX *context_;
 };
 
-/// Renames without replacing: EEXIST when target is there. Falls back to link + unlink on a
-/// file system without RENAME_NOREPLACE.
-int rename_no_replace(const std::string &from, const std::string &to) {
-    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) {
-        return 0;
-    }
-    if (errno != EINVAL && errno != ENOSYS) {
-        return errno;
-    }
-    if (::link(from.c_str(), to.c_str()) != 0) {
-        return errno;
-    }
-    ::unlink(from.c_str());
-    return 0;
-}
-
 class FsUpload : public MediaUpload {
   public:
-    FsUpload(const std::string &incoming, std::string root, std::string name)
-        : incoming_(incoming), root_(std::move(root)), name_(std::move(name)) {
+    FsUpload(FileSystem &fs, const std::string &incoming, std::string root, std::string name)
+        : fs_(fs), incoming_(incoming), root_(std::move(root)), name_(std::move(name)) {
         std::string pattern = incoming + "/upload-XXXXXX";
-        fd_ = ::mkostemp(pattern.data(), O_CLOEXEC);
+        fd_ = fs_.create_temporary(&pattern);
         if (fd_ < 0) {
             fail("cannot create a temporary file in", incoming, errno);
         }
@@ -132,7 +116,7 @@ class FsUpload : public MediaUpload {
         }
         size_t done = 0;
         while (done < size) {
-            const ssize_t n = ::write(fd_, data + done, size - done);
+            const ssize_t n = fs_.write(fd_, data + done, size - done);
             if (n < 0) {
                 if (errno == EINTR) {
                     continue;
@@ -153,9 +137,9 @@ class FsUpload : public MediaUpload {
         }
         const int fd = fd_;
         fd_ = -1;
-        const bool synced = ::fsync(fd) == 0;
+        const bool synced = fs_.fsync(fd) == 0;
         const int sync_errno = errno;
-        if (::close(fd) != 0 && synced) {
+        if (fs_.close(fd) != 0 && synced) {
             fail("cannot close", temporary_, errno);
         }
         if (!synced) {
@@ -172,34 +156,34 @@ class FsUpload : public MediaUpload {
         std::string dir = root_;
         for (size_t i = 0; i + 1 < parts.size(); ++i) {
             dir += "/" + parts[i];
-            make_directory(dir);
+            make_directory(dir, fs_);
         }
         const std::string target = root_ + "/" + name_;
-        const int error_number = rename_no_replace(temporary_, target);
-        if (error_number == EEXIST) {
-            return false;
-        }
-        if (error_number != 0) {
-            fail("cannot rename to", target, error_number);
+        if (fs_.rename_no_replace(temporary_, target) != 0) {
+            if (errno == EEXIST) {
+                return false;
+            }
+            fail("cannot rename to", target, errno);
         }
         committed_ = true;
-        sync_directory(dir);
-        sync_directory(incoming_);
+        sync_directory(dir, fs_);
+        sync_directory(incoming_, fs_);
         return true;
     }
 
   private:
     void discard() {
         if (fd_ >= 0) {
-            ::close(fd_);
+            fs_.close(fd_);
             fd_ = -1;
         }
         if (!committed_ && !temporary_.empty()) {
-            ::unlink(temporary_.c_str());
+            fs_.unlink(temporary_);
             temporary_.clear();
         }
     }
 
+    FileSystem &fs_;
     std::string incoming_;
     std::string root_;
     std::string name_;
@@ -215,7 +199,7 @@ class FsUpload : public MediaUpload {
 
 // ---- exported calls ------------------------------------------------------------------------
 
-FsMediaStore::FsMediaStore(std::string root) : root_(std::move(root)) {}
+FsMediaStore::FsMediaStore(std::string root, FileSystem &fs) : root_(std::move(root)), fs_(fs) {}
 
 bool FsMediaStore::valid_name(const std::string &name) const {
     const std::vector<std::string> parts = split(name);
@@ -235,8 +219,8 @@ std::unique_ptr<MediaUpload> FsMediaStore::begin(const std::string &name) {
         throw FileError("not a media object name: " + name, EINVAL);
     }
     const std::string incoming = root_ + "/" + kIncomingDirectory;
-    make_directory(incoming);
-    return std::make_unique<FsUpload>(incoming, root_, name);
+    make_directory(incoming, fs_);
+    return std::make_unique<FsUpload>(fs_, incoming, root_, name);
 }
 
 bool FsMediaStore::read(const std::string &name, const MediaSink &sink) {
@@ -282,31 +266,30 @@ bool FsMediaStore::remove(const std::string &name) {
         return false;
     }
     const std::string path = local_path(name);
-    if (::unlink(path.c_str()) != 0) {
+    if (fs_.unlink(path) != 0) {
         if (errno == ENOENT) {
             return false;
         }
         fail("cannot remove", path, errno);
     }
-    sync_directory(fs::path(path).parent_path().string());
+    sync_directory(fs::path(path).parent_path().string(), fs_);
     return true;
 }
 
 std::string FsMediaStore::set_aside(const std::string &name) {
     const std::string quarantine = root_ + "/" + kQuarantineDirectory;
-    make_directory(quarantine);
+    make_directory(quarantine, fs_);
     std::string flat = name;
     for (char &c : flat) {
         c = c == '/' ? '-' : c;
     }
     const std::string target = quarantine + "/" + std::to_string(std::time(nullptr)) + "-" + flat;
     const std::string path = local_path(name);
-    const int error_number = rename_no_replace(path, target);
-    if (error_number != 0) {
-        fail("cannot move " + path + " to", target, error_number);
+    if (fs_.rename_no_replace(path, target) != 0) {
+        fail("cannot move " + path + " to", target, errno);
     }
-    sync_directory(quarantine);
-    sync_directory(fs::path(path).parent_path().string());
+    sync_directory(quarantine, fs_);
+    sync_directory(fs::path(path).parent_path().string(), fs_);
     return std::string(kQuarantineDirectory) + "/" + fs::path(target).filename().string();
 }
 
@@ -352,7 +335,7 @@ std::string FsMediaStore::local_path(const std::string &name) const {
 
 size_t FsMediaStore::sweep_temporary() {
     const std::string incoming = root_ + "/" + kIncomingDirectory;
-    make_directory(incoming);
+    make_directory(incoming, fs_);
     size_t removed = 0;
     std::error_code ec;
     for (fs::directory_iterator it(incoming, ec), end; !ec && it != end; it.increment(ec)) {
@@ -362,7 +345,7 @@ size_t FsMediaStore::sweep_temporary() {
         }
     }
     if (removed > 0) {
-        sync_directory(incoming);
+        sync_directory(incoming, fs_);
     }
     return removed;
 }

@@ -5,6 +5,7 @@
 #ifndef VEXO_CLOUD_FS_MEDIA_STORE_H
 #define VEXO_CLOUD_FS_MEDIA_STORE_H
 
+#include "file_system.h"
 #include "media_store.h"
 
 namespace vexo_cloud {
@@ -12,7 +13,8 @@ namespace vexo_cloud {
 class FsMediaStore : public MediaStore {
   public:
     /// root exists. Objects are the files two directories below root's device directories.
-    explicit FsMediaStore(std::string root);
+    /// Files are created, synced, renamed and removed through fs.
+    explicit FsMediaStore(std::string root, FileSystem &fs = real_file_system());
 
     bool valid_name(const std::string &name) const override;
     std::unique_ptr<MediaUpload> begin(const std::string &name) override;
@@ -26,6 +28,7 @@ class FsMediaStore : public MediaStore {
 
   private:
     std::string root_;
+    FileSystem &fs_;
 };
 
 } // namespace vexo_cloud
