@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 
 #include "durable_file.h"
 #include "tests/support/temp_dir.h"
@@ -23,7 +24,9 @@ hostkit::FileSystem &real() {
 PowerCutFs::PowerCutFs(std::string dir) : dir_(std::move(dir)) {
     for (const auto &entry : std::filesystem::directory_iterator(dir_)) {
         std::ifstream in(entry.path(), std::ios::binary);
-        const std::string content(std::istreambuf_iterator<char>(in), {});
+        std::ostringstream bytes;
+        bytes << in.rdbuf();
+        const std::string content = bytes.str();
         now_.names[entry.path().filename()] = now_.inodes.size();
         now_.inodes.push_back({content, content});
     }
