@@ -99,7 +99,7 @@ MqttPublisher::start(const std::string &url, const MqttSecurity &security, std::
             *error = "MQTT brokers in one list must all be mqtt:// or all mqtts://";
             return nullptr;
         }
-        self->brokers_.push_back({address.host, address.port});
+        self->brokers_.push_back({address.host, address.port, address.tls});
     }
     if (!check_security(tls, security, error)) {
         return nullptr;
@@ -236,7 +236,8 @@ void MqttPublisher::run() {
 std::string MqttPublisher::broker_text() const {
     const Broker &broker = brokers_[current_];
     const bool ipv6 = broker.host.find(':') != std::string::npos;
-    return (ipv6 ? "[" + broker.host + "]" : broker.host) + ":" + std::to_string(broker.port);
+    return (broker.tls ? "mqtts://" : "mqtt://") + (ipv6 ? "[" + broker.host + "]" : broker.host) +
+           ":" + std::to_string(broker.port);
 }
 
 void MqttPublisher::flush_locked() {

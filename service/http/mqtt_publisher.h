@@ -57,13 +57,14 @@ class MqttPublisher {
     static void on_disconnect(struct mosquitto *client, void *self, int reason);
 
     struct mosquitto *client_ = nullptr;
-    /// "host:port" of the broker used now.
+    /// The broker used now as a URL, "mqtt[s]://host:port".
     std::string broker_text() const;
 
     std::string url_;
     struct Broker {
         std::string host;
         uint16_t port;
+        bool tls;
     };
     std::vector<Broker> brokers_;
     size_t current_ = 0; // the broker in brokers_ used now; the loop's thread only
