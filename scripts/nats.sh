@@ -63,6 +63,13 @@ healthy() {
     curl -fsS --max-time 2 "$1/healthz" 2>/dev/null | grep -q '"ok"'
 }
 
+# Whether pid runs; a node killed from outside can stay a zombie until its parent reaps it.
+alive() {
+    local state
+    state="$(ps -o stat= -p "$1" 2>/dev/null)" || return 1
+    [[ -n "$state" && "$state" != Z* ]]
+}
+
 load_env() {
     [[ -f "$DIR/nats.env" ]] || die "no cluster in $DIR (no nats.env)"
     # shellcheck disable=SC1091
@@ -75,7 +82,7 @@ cmd_up() {
         load_env
         for i in $(seq 1 "$NODES"); do
             local pid_var="NATS_N${i}_PID"
-            kill -0 "${!pid_var}" 2>/dev/null && die "a cluster already runs from $DIR (down first)"
+            alive "${!pid_var}" && die "a cluster already runs from $DIR (down first)"
         done
     fi
     mkdir -p "$DIR"
@@ -137,7 +144,7 @@ EOF
         local ready=0
         for i in $(seq 1 "$NODES"); do
             local mon_var="NATS_N${i}_MONITOR" pid_var="NATS_N${i}_PID"
-            kill -0 "${!pid_var}" 2>/dev/null || {
+            alive "${!pid_var}" || {
                 cat "$DIR/n$i.log" >&2
                 die "node n$i ended at start (log above)"
             }
@@ -162,14 +169,14 @@ cmd_down() {
     local pids=()
     for i in $(seq 1 "$NODES"); do
         local pid_var="NATS_N${i}_PID"
-        if kill -0 "${!pid_var}" 2>/dev/null; then
+        if alive "${!pid_var}"; then
             kill -TERM "${!pid_var}" 2>/dev/null || true
             pids+=("${!pid_var}")
         fi
     done
     local deadline=$((SECONDS + DOWN_TIMEOUT_S))
     for pid in "${pids[@]}"; do
-        while kill -0 "$pid" 2>/dev/null && ((SECONDS < deadline)); do
+        while alive "$pid" && ((SECONDS < deadline)); do
             sleep 0.1
         done
         kill -KILL "$pid" 2>/dev/null || true
@@ -182,7 +189,7 @@ cmd_status() {
     local down=0
     for i in $(seq 1 "$NODES"); do
         local pid_var="NATS_N${i}_PID" mon_var="NATS_N${i}_MONITOR" mqtt_var="NATS_N${i}_MQTT"
-        if kill -0 "${!pid_var}" 2>/dev/null; then
+        if alive "${!pid_var}"; then
             echo "n$i ${!mqtt_var} pid ${!pid_var}: running, $(routes_of "${!mon_var}" || echo '?') routes"
         else
             echo "n$i ${!mqtt_var} pid ${!pid_var}: not running"
