@@ -4,7 +4,7 @@
 #     the arm-linux-gnueabihf cross compiler, qemu-user, clang-format, clang-tidy, clang and
 #     its sanitizer runtimes (the fuzz targets), gcovr; for the host
 #     kit and tools: FFmpeg's libraries and command-line tools, nlohmann-json, pkg-config; for the network cloud: libcurl,
-#     libmosquitto and the mosquitto broker, cpp-httplib for the tests' and admin commands'
+#     libmosquitto and the mosquitto broker (and nats-server for the broker-cluster test), cpp-httplib for the tests' and admin commands'
 #     HTTP client, Boost (header-only Asio and Beast) for the service's HTTP server and the
 #     load generator, nginx and jq for its comparison benchmark; for the service's browser
 #     view: node and npm, and chromium for its browser tests);
@@ -35,7 +35,7 @@ HOST_PACKAGES=(
     gcovr
     pkg-config nlohmann-json3-dev openssl
     ffmpeg libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev
-    libcurl4-openssl-dev libmosquitto-dev mosquitto libcpp-httplib-dev
+    libcurl4-openssl-dev libmosquitto-dev mosquitto libcpp-httplib-dev nats-server
     libboost-dev nginx jq
     nodejs chromium
 )

@@ -1,6 +1,7 @@
 // Parsing MQTT broker URLs, checking every character of host and port.
 #include "mqtt_url.h"
 
+#include <algorithm>
 #include <cctype>
 
 namespace kitcommon {
@@ -118,6 +119,38 @@ bool parse_mqtt_url(const std::string &url, MqttAddress *out, std::string *error
         return false;
     }
     *out = std::move(address);
+    return true;
+}
+
+bool parse_mqtt_url_list(const std::string &text, std::vector<MqttAddress> *out,
+                         std::string *error) {
+    std::vector<MqttAddress> list;
+    size_t from = 0;
+    while (true) {
+        const size_t comma = text.find(',', from);
+        const size_t end = comma == std::string::npos ? text.size() : comma;
+        std::string item = text.substr(from, end - from);
+        item.erase(0, std::min(item.size(), item.find_first_not_of(' ')));
+        item.erase(item.find_last_not_of(' ') + 1);
+        if (item.empty()) {
+            *error = "'" + text + "': an empty broker URL in the list";
+            return false;
+        }
+        if (list.size() == kMaxMqttBrokers) {
+            *error = "'" + text + "': more than " + std::to_string(kMaxMqttBrokers) + " brokers";
+            return false;
+        }
+        MqttAddress address;
+        if (!parse_mqtt_url(item, &address, error)) {
+            return false;
+        }
+        list.push_back(std::move(address));
+        if (comma == std::string::npos) {
+            break;
+        }
+        from = comma + 1;
+    }
+    *out = std::move(list);
     return true;
 }
 

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace kitcommon {
 
@@ -22,6 +23,15 @@ struct MqttAddress {
 /// mqtts; nothing after the port but an optional '/'. False with *error for anything else
 /// (other schemes, user info, paths, queries, bad ports).
 bool parse_mqtt_url(const std::string &url, MqttAddress *out, std::string *error);
+
+/// The most brokers a list may name.
+constexpr size_t kMaxMqttBrokers = 16;
+
+/// Parses one broker URL or several separated by commas (spaces around each allowed), in
+/// order: "mqtt://a:1883,mqtt://b:1883". False with *error when any is bad, one is empty or
+/// there are more than kMaxMqttBrokers.
+bool parse_mqtt_url_list(const std::string &text, std::vector<MqttAddress> *out,
+                         std::string *error);
 
 } // namespace kitcommon
 

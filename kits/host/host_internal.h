@@ -36,7 +36,8 @@ void count_api_post();
 void count_alarm();
 /// A message dispatched to the handler attached for its protocol number.
 void count_mqtt(uint32_t protocol);
-void set_mqtt_connected(bool connected);
+/// broker: "host:port" of the broker the client is connected to; empty when not connected.
+void set_mqtt_connected(bool connected, const std::string &broker = "");
 void count_frame_pushed();
 /// One reader caught up: frames it passed over, and how many of those the ring had dropped.
 void count_catch_up(uint64_t frames_skipped, uint64_t overwritten);

@@ -71,7 +71,8 @@ struct Options {
     /// The MQTT broker the cloud's commands come from, "mqtt://host[:port]" (default port
     /// 1883) or "mqtts://host[:port]" over TLS (default port 8883, the broker's certificate
     /// and host name always verified); empty: none (an embedded cloud delivers them with
-    /// mqtt_deliver). The kit
+    /// mqtt_deliver). Several brokers separated by commas (all mqtt:// or all mqtts://):
+    /// the kit uses one and moves on to the next when it cannot reach it. The kit
     /// subscribes to "vexo/<device_id>/cmd" with QoS 1 and keeps its session across
     /// reconnects; it connects once the module has attached its first MQTT handler.
     std::string mqtt_url;
@@ -147,6 +148,8 @@ struct Counters {
     uint64_t order_changes = 0;
     /// The MQTT client is connected to its broker and subscribed to its command topic.
     bool mqtt_connected = false;
+    /// The broker it is connected to, "host:port" (an IPv6 host in brackets); empty when not.
+    std::string mqtt_broker;
     /// The network MQTT client waits for the module's first handler and has not tried the
     /// broker yet; then the connection attempts it made (first connect, and each one again
     /// after a failure or a lost connection). Both 0 without a network broker.

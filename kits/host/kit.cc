@@ -103,9 +103,10 @@ void count_mqtt(uint32_t protocol) {
     }
 }
 
-void set_mqtt_connected(bool connected) {
+void set_mqtt_connected(bool connected, const std::string &broker) {
     std::lock_guard<std::mutex> lock(g_mu);
     g_counters.mqtt_connected = connected;
+    g_counters.mqtt_broker = connected ? broker : std::string();
 }
 
 void count_frame_pushed() {

@@ -103,7 +103,22 @@ bool check_mqtt_security(const MqttAddress &address, const MqttSecurity &securit
     return true;
 }
 
-std::unique_ptr<MqttClient> MqttClient::create(const MqttAddress &address,
+bool check_mqtt_brokers(const std::vector<MqttAddress> &brokers, const MqttSecurity &security,
+                        std::string *error) {
+    if (brokers.empty()) {
+        *error = "no MQTT broker given";
+        return false;
+    }
+    for (const MqttAddress &broker : brokers) {
+        if (broker.tls != brokers[0].tls) {
+            *error = "MQTT brokers in one list must all be mqtt:// or all mqtts://";
+            return false;
+        }
+    }
+    return check_mqtt_security(brokers[0], security, error);
+}
+
+std::unique_ptr<MqttClient> MqttClient::create(const std::vector<MqttAddress> &brokers,
                                                const MqttSecurity &security,
                                                const std::string &device_id, std::string *error) {
     mosquitto_lib_init();
@@ -117,7 +132,8 @@ std::unique_ptr<MqttClient> MqttClient::create(const MqttAddress &address,
         return nullptr;
     }
     mosquitto_int_option(mosq, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V311);
-    std::unique_ptr<MqttClient> client(new MqttClient(address, device_id, mosq));
+    std::unique_ptr<MqttClient> client(new MqttClient(brokers, device_id, mosq));
+    const MqttAddress &address = brokers[0];
     if (!security.username.empty()) {
         const int rc = mosquitto_username_pw_set(
             mosq, security.username.c_str(),
@@ -127,8 +143,9 @@ std::unique_ptr<MqttClient> MqttClient::create(const MqttAddress &address,
             return nullptr;
         }
         if (!address.tls) {
-            internal::log_error("mqtt: the broker login to %s:%u goes unencrypted (mqtt://)",
-                                address.host.c_str(), static_cast<unsigned>(address.port));
+            internal::log_error("mqtt: the broker login to %s:%u%s goes unencrypted (mqtt://)",
+                                address.host.c_str(), static_cast<unsigned>(address.port),
+                                brokers.size() > 1 ? " and the other brokers" : "");
         }
     }
     if (address.tls) {
@@ -159,8 +176,9 @@ std::unique_ptr<MqttClient> MqttClient::create(const MqttAddress &address,
     return client;
 }
 
-MqttClient::MqttClient(const MqttAddress &address, const std::string &device_id, mosquitto *mosq)
-    : address_(address), topic_(topic_for(device_id)), mosq_(mosq) {}
+MqttClient::MqttClient(const std::vector<MqttAddress> &brokers, const std::string &device_id,
+                       mosquitto *mosq)
+    : brokers_(brokers), topic_(topic_for(device_id)), mosq_(mosq) {}
 
 MqttClient::~MqttClient() {
     {
@@ -199,11 +217,22 @@ bool MqttClient::wait_before_retry() {
 void MqttClient::note_failure(const char *what, int rc, int saved_errno) {
     // One line per outage, not one per attempt.
     if (!outage_logged_) {
-        internal::log_error("mqtt: %s %s:%u: %s; retrying every %u..%u s", what,
-                            address_.host.c_str(), static_cast<unsigned>(address_.port),
-                            error_text(rc, saved_errno).c_str(), 1u, kMaxRetryDelayS);
+        internal::log_error("mqtt: %s %s:%u: %s; retrying %severy %u..%u s", what,
+                            address().host.c_str(), static_cast<unsigned>(address().port),
+                            error_text(rc, saved_errno).c_str(),
+                            brokers_.size() > 1 ? "the next broker " : "", 1u, kMaxRetryDelayS);
         outage_logged_ = true;
     }
+    next_broker();
+}
+
+void MqttClient::next_broker() {
+    if (brokers_.size() < 2) {
+        return;
+    }
+    current_ = (current_ + 1) % brokers_.size();
+    internal::log_debug("mqtt: trying %s:%u next", address().host.c_str(),
+                        static_cast<unsigned>(address().port));
 }
 
 void MqttClient::run() {
@@ -219,7 +248,7 @@ void MqttClient::run() {
             ++connect_attempts_;
             errno = 0;
             const int rc =
-                mosquitto_connect_async(mosq_, address_.host.c_str(), address_.port, kKeepaliveS);
+                mosquitto_connect_async(mosq_, address().host.c_str(), address().port, kKeepaliveS);
             if (rc != MOSQ_ERR_SUCCESS) {
                 note_failure("cannot connect to", rc, errno);
                 if (!wait_before_retry()) {
@@ -253,8 +282,8 @@ void MqttClient::on_connect(mosquitto *mosq, void *self, int rc) {
     if (rc != 0) {
         if (!client->outage_logged_) {
             internal::log_error("mqtt: the broker at %s:%u refused the connection: %s",
-                                client->address_.host.c_str(),
-                                static_cast<unsigned>(client->address_.port),
+                                client->address().host.c_str(),
+                                static_cast<unsigned>(client->address().port),
                                 mosquitto_connack_string(rc));
             client->outage_logged_ = true;
         }
@@ -263,8 +292,8 @@ void MqttClient::on_connect(mosquitto *mosq, void *self, int rc) {
     client->connected_ = true;
     client->outage_logged_ = false;
     client->retry_delay_s_ = 1;
-    internal::log_debug("mqtt: connected to %s:%u", client->address_.host.c_str(),
-                        static_cast<unsigned>(client->address_.port));
+    internal::log_debug("mqtt: connected to %s:%u", client->address().host.c_str(),
+                        static_cast<unsigned>(client->address().port));
     // Every connection subscribes again: a broker that lost the session still gets it.
     const int sub = mosquitto_subscribe(mosq, nullptr, client->topic_.c_str(), kQos);
     if (sub != MOSQ_ERR_SUCCESS) {
@@ -281,12 +310,12 @@ void MqttClient::on_disconnect(mosquitto *, void *self, int rc) {
     client->connected_ = false;
     internal::set_mqtt_connected(false);
     if (rc == 0) {
-        internal::log_debug("mqtt: disconnected from %s:%u", client->address_.host.c_str(),
-                            static_cast<unsigned>(client->address_.port));
+        internal::log_debug("mqtt: disconnected from %s:%u", client->address().host.c_str(),
+                            static_cast<unsigned>(client->address().port));
     } else {
         internal::log_error("mqtt: lost the connection to %s:%u: %s; reconnecting",
-                            client->address_.host.c_str(),
-                            static_cast<unsigned>(client->address_.port), mosquitto_strerror(rc));
+                            client->address().host.c_str(),
+                            static_cast<unsigned>(client->address().port), mosquitto_strerror(rc));
         client->outage_logged_ = true;
     }
 }
@@ -299,7 +328,14 @@ void MqttClient::on_subscribe(mosquitto *, void *self, int, int count, const int
         return;
     }
     // Connected for the kit's users means commands can arrive now.
-    internal::set_mqtt_connected(true);
+    const MqttAddress &broker = client->address();
+    const bool ipv6 = broker.host.find(':') != std::string::npos;
+    try {
+        internal::set_mqtt_connected(true, (ipv6 ? "[" + broker.host + "]" : broker.host) + ":" +
+                                               std::to_string(broker.port));
+    } catch (...) { // no exception may cross the library's callback
+        internal::set_mqtt_connected(true);
+    }
     internal::log_debug("mqtt: subscribed to %s (QoS %d)", client->topic_.c_str(), granted[0]);
 }
 
@@ -337,13 +373,13 @@ bool mqtt_net_start(const Options &options, std::string *error) {
     if (options.mqtt_url.empty()) {
         return true;
     }
-    MqttAddress address;
-    if (!parse_mqtt_url(options.mqtt_url, &address, error) ||
-        !check_mqtt_security(address, options.mqtt_security, error)) {
+    std::vector<MqttAddress> brokers;
+    if (!parse_mqtt_url_list(options.mqtt_url, &brokers, error) ||
+        !check_mqtt_brokers(brokers, options.mqtt_security, error)) {
         return false;
     }
     std::unique_ptr<MqttClient> client =
-        MqttClient::create(address, options.mqtt_security, options.device_id, error);
+        MqttClient::create(brokers, options.mqtt_security, options.device_id, error);
     if (!client) {
         return false;
     }

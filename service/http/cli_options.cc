@@ -42,6 +42,8 @@ constexpr char kUsage[] =
     "      localhost). A request head must arrive within --head-timeout (default 10 s),\n"
     "      a body may stall for --body-timeout (15 s), a kept-alive connection may stay\n"
     "      idle for --idle-timeout (30 s); --io-threads (default 2) serve the sockets.\n"
+    "      --mqtt takes several URLs separated by commas (a cluster): the service\n"
+    "      publishes through one and moves on to the next when it is lost.\n"
     "      mqtts:// (default port 8883) verifies the broker against --mqtt-ca (default: the\n"
     "      system's authorities); --mqtt-cert/--mqtt-key give a client certificate. The\n"
     "      broker password is the first line of --mqtt-password-file, or else\n"

@@ -89,14 +89,21 @@ int no_passphrase(char *, int, int, void *) {
 std::unique_ptr<MqttPublisher>
 MqttPublisher::start(const std::string &url, const MqttSecurity &security, std::string *error) {
     std::unique_ptr<MqttPublisher> self(new MqttPublisher());
-    kitcommon::MqttAddress address;
-    if (!kitcommon::parse_mqtt_url(url, &address, error) ||
-        !check_security(address.tls, security, error)) {
+    std::vector<kitcommon::MqttAddress> addresses;
+    if (!kitcommon::parse_mqtt_url_list(url, &addresses, error)) {
         return nullptr;
     }
-    const bool tls = address.tls;
-    self->host_ = address.host;
-    self->port_ = address.port;
+    const bool tls = addresses[0].tls;
+    for (const kitcommon::MqttAddress &address : addresses) {
+        if (address.tls != tls) {
+            *error = "MQTT brokers in one list must all be mqtt:// or all mqtts://";
+            return nullptr;
+        }
+        self->brokers_.push_back({address.host, address.port, address.tls});
+    }
+    if (!check_security(tls, security, error)) {
+        return nullptr;
+    }
     init_library();
     self->url_ = url;
     const std::string client_id = "vexo-cloud-" + std::to_string(::getpid());
@@ -105,6 +112,8 @@ MqttPublisher::start(const std::string &url, const MqttSecurity &security, std::
         *error = "cannot create an MQTT client";
         return nullptr;
     }
+    // 3.1.1 rather than the library's default 3.1: brokers such as NATS take nothing older.
+    mosquitto_int_option(self->client_, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V311);
     if (!security.username.empty()) {
         const int rc = mosquitto_username_pw_set(
             self->client_, security.username.c_str(),
@@ -162,7 +171,6 @@ MqttPublisher::~MqttPublisher() {
 void MqttPublisher::run() {
     unsigned delay_s = kReconnectMinS;
     bool socket_open = false;
-    bool ever_connected = false;
     bool told_unreachable = false;
     for (;;) {
         {
@@ -172,22 +180,22 @@ void MqttPublisher::run() {
             }
         }
         if (!socket_open) {
-            const int rc = ever_connected
-                               ? mosquitto_reconnect(client_)
-                               : mosquitto_connect(client_, host_.c_str(), port_, kKeepAliveS);
+            const Broker &broker = brokers_[current_];
+            const int rc =
+                mosquitto_connect(client_, broker.host.c_str(), broker.port, kKeepAliveS);
             if (rc != MOSQ_ERR_SUCCESS) {
                 if (!told_unreachable) {
                     std::fprintf(stderr, "vexo-cloud: mqtt: %s not reachable (%s); retrying\n",
-                                 url_.c_str(), mosquitto_strerror(rc));
+                                 broker_text().c_str(), mosquitto_strerror(rc));
                     told_unreachable = true;
                 }
+                current_ = (current_ + 1) % brokers_.size();
                 std::unique_lock<std::mutex> lock(mutex_);
                 wake_.wait_for(lock, std::chrono::seconds(delay_s), [this] { return stopping_; });
                 delay_s = std::min(delay_s * 2, kReconnectMaxS);
                 continue;
             }
             socket_open = true;
-            ever_connected = true;
         }
         // Runs the callbacks (connect, disconnect) and sends what was published.
         const int rc = mosquitto_loop(client_, kLoopWaitMs, 1);
@@ -200,9 +208,12 @@ void MqttPublisher::run() {
             continue;
         }
         socket_open = false;
+        // The next attempt goes to the next broker of the list (the same one if it is alone).
+        const std::string failed = broker_text();
+        current_ = (current_ + 1) % brokers_.size();
         if (connected_) {
             connected_ = false;
-            std::fprintf(stderr, "vexo-cloud: mqtt: lost %s, reconnecting\n", url_.c_str());
+            std::fprintf(stderr, "vexo-cloud: mqtt: lost %s, reconnecting\n", failed.c_str());
             continue;
         }
         // The connection failed before the broker accepted it: a TLS handshake or a login
@@ -210,7 +221,7 @@ void MqttPublisher::run() {
         // growing delay as a broker that cannot be reached, not in a tight loop.
         if (!told_unreachable) {
             std::fprintf(stderr, "vexo-cloud: mqtt: %s not reachable (%s); retrying\n",
-                         url_.c_str(), mosquitto_strerror(rc));
+                         failed.c_str(), mosquitto_strerror(rc));
             told_unreachable = true;
         }
         wake_.wait_for(lock, std::chrono::seconds(delay_s), [this] { return stopping_; });
@@ -220,6 +231,13 @@ void MqttPublisher::run() {
         mosquitto_disconnect(client_);
         mosquitto_loop(client_, kLoopWaitMs, 1);
     }
+}
+
+std::string MqttPublisher::broker_text() const {
+    const Broker &broker = brokers_[current_];
+    const bool ipv6 = broker.host.find(':') != std::string::npos;
+    return (broker.tls ? "mqtts://" : "mqtt://") + (ipv6 ? "[" + broker.host + "]" : broker.host) +
+           ":" + std::to_string(broker.port);
 }
 
 void MqttPublisher::flush_locked() {
@@ -268,10 +286,10 @@ void MqttPublisher::on_connect(struct mosquitto *, void *self, int result) {
     auto *publisher = static_cast<MqttPublisher *>(self);
     if (result != 0) {
         std::fprintf(stderr, "vexo-cloud: mqtt: %s refused the connection: %s\n",
-                     publisher->url_.c_str(), mosquitto_connack_string(result));
+                     publisher->broker_text().c_str(), mosquitto_connack_string(result));
         return;
     }
-    std::fprintf(stderr, "vexo-cloud: mqtt: connected to %s\n", publisher->url_.c_str());
+    std::fprintf(stderr, "vexo-cloud: mqtt: connected to %s\n", publisher->broker_text().c_str());
     std::lock_guard<std::mutex> lock(publisher->mutex_);
     publisher->connected_ = true;
     publisher->flush_locked();
@@ -282,7 +300,8 @@ void MqttPublisher::on_disconnect(struct mosquitto *, void *self, int) {
     std::lock_guard<std::mutex> lock(publisher->mutex_);
     // Our own disconnect at stop is no loss.
     if (publisher->connected_ && !publisher->stopping_) {
-        std::fprintf(stderr, "vexo-cloud: mqtt: lost %s, reconnecting\n", publisher->url_.c_str());
+        std::fprintf(stderr, "vexo-cloud: mqtt: lost %s, reconnecting\n",
+                     publisher->broker_text().c_str());
     }
     publisher->connected_ = false;
 }

@@ -16,6 +16,7 @@
 #include "mqtt_client.h"
 #include "recording_cloud.h"
 #include "tests/support/temp_dir.h"
+#include "unused_port.h"
 #include "vexo_device.h"
 
 namespace {
@@ -77,7 +78,8 @@ hostkit::Options kit_options(const std::string &dir, const std::string &mqtt_url
 
 TEST(MqttKitStart, ABadUrlOrUnusableTlsFailsAndWritesNothingTheSystemsAuthoritiesDoNot) {
     vexo_test::TempDir dir("vexo-mqtt-url");
-    for (const char *bad : {"127.0.0.1:1883", "mqtt://h:0", "mqtts://h:8883"}) {
+    for (const char *bad :
+         {"127.0.0.1:1883", "mqtt://h:0", "mqtts://h:8883", "mqtt://a,", "mqtt://a,mqtts://b"}) {
         hostkit::Options options = kit_options(dir.path(), bad);
         // The TLS broker's CA file does not exist.
         options.mqtt_security.ca_file = dir.path() + "/no-ca.pem";
@@ -235,6 +237,60 @@ TEST_F(MqttKitTest, ABrokerThatIsNotUpYetIsWaitedForAndStopDoesNotWaitForIt) {
     ASSERT_TRUE(wait_for(connected));
     send(command("pic_v"));
     EXPECT_TRUE(wait_for([] { return handled() == 1; }));
+}
+
+// A broker list: the client moves on from a broker it cannot reach or has lost to the next
+// one, in the list's order, and takes its commands there.
+class MqttFailoverTest : public MqttKitTest {
+  protected:
+    std::string broker_text(const vexo_test::MosquittoBroker &broker) const {
+        return "127.0.0.1:" + std::to_string(broker.port());
+    }
+    static std::string current_broker() { return hostkit::counters().mqtt_broker; }
+    void start_kit_on(const std::string &urls) {
+        ASSERT_EQ(hostkit::start(kit_options(dir_.path(), urls)), 0) << urls;
+        ASSERT_EQ(mqtt_attach(307, record_handler), 0);
+    }
+    void send_to(const vexo_test::MosquittoBroker &broker, const std::string &payload) {
+        std::string error;
+        ASSERT_TRUE(vexo_test::publish(broker.port(), topic_, payload, &error)) << error;
+    }
+};
+
+TEST_F(MqttFailoverTest, ABrokerThatRefusesIsPassedOverForTheNextInTheList) {
+    start_broker();
+    // Nothing listens on the first address: the connection is refused.
+    const std::string refused = "mqtt://127.0.0.1:" + std::to_string(vexo_test::unused_port());
+    start_kit_on(refused + " , " + broker_->url());
+    ASSERT_TRUE(wait_for(connected));
+    EXPECT_EQ(current_broker(), broker_text(*broker_));
+    EXPECT_EQ(hostkit::counters().mqtt_connect_attempts, 2u);
+    send(command("record"));
+    ASSERT_TRUE(wait_for([] { return handled() == 1; }));
+}
+
+TEST_F(MqttFailoverTest, ALostBrokerIsFollowedByTheNextAndTheFirstAgainRoundRobin) {
+    vexo_test::TempDir second_dir("vexo-mqtt-second");
+    vexo_test::MosquittoBroker second(second_dir.path());
+    std::string error;
+    start_broker();
+    ASSERT_TRUE(second.start(&error)) << error;
+    start_kit_on(broker_->url() + "," + second.url());
+    ASSERT_TRUE(wait_for([&] { return current_broker() == broker_text(*broker_); }));
+
+    broker_->stop();
+    ASSERT_TRUE(wait_for([&] { return current_broker() == broker_text(second); }));
+    send_to(second, command("record"));
+    ASSERT_TRUE(wait_for([] { return handled() == 1; }));
+
+    // Round robin: with the second gone as well, the first (back by now) is next.
+    ASSERT_TRUE(broker_->start(&error)) << error;
+    second.stop();
+    ASSERT_TRUE(wait_for([&] { return current_broker() == broker_text(*broker_); }, 30));
+    send(command("pic"));
+    ASSERT_TRUE(wait_for([] { return handled() == 2; }));
+    std::lock_guard<std::mutex> lock(g_mu);
+    EXPECT_EQ(g_actions, (std::vector<std::string>{"record", "pic"}));
 }
 
 } // namespace

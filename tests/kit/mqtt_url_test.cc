@@ -2,6 +2,9 @@
 // addresses with what they name, and a table of bad ones that must be refused with a reason.
 #include <gtest/gtest.h>
 
+#include <string>
+#include <vector>
+
 #include "common/mqtt_url.h"
 
 namespace {
@@ -79,6 +82,50 @@ TEST(MqttUrl, RefusesEverythingElseWithAReasonAndLeavesTheAddress) {
         EXPECT_FALSE(kitcommon::parse_mqtt_url(bad, &address, &error)) << bad;
         EXPECT_FALSE(error.empty()) << bad;
         EXPECT_EQ(address.host, "untouched") << bad;
+    }
+}
+
+TEST(MqttUrlList, NamesEveryBrokerInOrderOrRefusesTheWholeList) {
+    struct Case {
+        const char *text;
+        std::vector<std::string> brokers; // "host:port"; empty: refused
+        const char *error;
+    };
+    const std::string seventeen = [] {
+        std::string text = "mqtt://h";
+        for (int i = 1; i < 17; ++i) {
+            text += ",mqtt://h";
+        }
+        return text;
+    }();
+    const Case cases[] = {
+        {"mqtt://a:1", {"a:1"}, nullptr},
+        {"mqtt://a:1,mqtt://b:2,mqtt://[::1]", {"a:1", "b:2", "::1:1883"}, nullptr},
+        {" mqtt://a:1 ,  mqtts://b ", {"a:1", "b:8883"}, nullptr},
+        {"", {}, "empty broker URL"},
+        {"mqtt://a:1,", {}, "empty broker URL"},
+        {",mqtt://a:1", {}, "empty broker URL"},
+        {"mqtt://a:1, ,mqtt://b", {}, "empty broker URL"},
+        {"mqtt://a:1,mqtt://b:0", {}, "port must be a number"},
+        {"mqtt://a:1;mqtt://b:2", {}, "only mqtt://host:port"},
+        {seventeen.c_str(), {}, "more than 16 brokers"},
+    };
+    for (const Case &c : cases) {
+        std::vector<MqttAddress> list = {MqttAddress()};
+        std::string error;
+        const bool ok = kitcommon::parse_mqtt_url_list(c.text, &list, &error);
+        if (c.error == nullptr) {
+            ASSERT_TRUE(ok) << c.text << ": " << error;
+            std::vector<std::string> got;
+            for (const MqttAddress &a : list) {
+                got.push_back(a.host + ":" + std::to_string(a.port));
+            }
+            EXPECT_EQ(got, c.brokers) << c.text;
+        } else {
+            EXPECT_FALSE(ok) << c.text;
+            EXPECT_NE(error.find(c.error), std::string::npos) << c.text << ": " << error;
+            EXPECT_EQ(list.size(), 1u) << c.text << ": the list is left alone";
+        }
     }
 }
 

@@ -53,7 +53,7 @@ const char kUsageEnd[] =
     "module gets its first configuration):\n"
     "  [camsim] Ts store mode OLD -> NEW    the module's store mode changed, e.g.\n"
     "                                       \"[camsim]   12.3s store mode event -> alltime\"\n"
-    "  [camsim] mqtt connected              connected to the broker and subscribed (--mqtt)\n"
+    "  [camsim] mqtt connected to HOST:PORT connected to a broker and subscribed (--mqtt)\n"
     "  [camsim] mqtt disconnected\n"
     "The summary on stdout ends with \"store mode at end: MODE\".\n";
 
@@ -154,9 +154,9 @@ bool finish_mqtt_security(Options *o, const std::string &password_file, std::str
         *error = "--mqtt-password-file needs --mqtt-user";
         return false;
     }
-    hostkit::MqttAddress broker;
-    if (!hostkit::parse_mqtt_url(o->mqtt_url, &broker, error) ||
-        !hostkit::check_mqtt_security(broker, o->mqtt_security, error)) {
+    std::vector<hostkit::MqttAddress> brokers;
+    if (!hostkit::parse_mqtt_url_list(o->mqtt_url, &brokers, error) ||
+        !hostkit::check_mqtt_brokers(brokers, o->mqtt_security, error)) {
         return false;
     }
     return true;
@@ -351,17 +351,18 @@ std::vector<vexo_cli::Option> network_options(Parsing *p) {
             "                        system's); the server certificate is always verified\n",
             &o.cloud_ca),
         {"--mqtt", true,
-         "  --mqtt URL            the cloud's MQTT broker, mqtt://host[:port] (default port 1883)\n"
-         "                        or mqtts://host[:port] over TLS (default port 8883)\n",
+         "  --mqtt URL[,URL...]   the cloud's MQTT broker, mqtt://host[:port] (default port 1883)\n"
+         "                        or mqtts://host[:port] over TLS (default port 8883); several\n"
+         "                        (a cluster): one is used, the next when it cannot be reached\n",
          [&o](const std::string &value, std::string *error) {
              if (value.empty()) {
                  *error = "empty value for --mqtt";
                  return false;
              }
              o.mqtt_url = value;
-             hostkit::MqttAddress broker;
+             std::vector<hostkit::MqttAddress> brokers;
              std::string why;
-             if (!hostkit::parse_mqtt_url(value, &broker, &why)) {
+             if (!hostkit::parse_mqtt_url_list(value, &brokers, &why)) {
                  *error = "bad --mqtt " + why;
                  return false;
              }

@@ -81,10 +81,15 @@ void StateLines::poll(double elapsed_s) {
         std::fprintf(stderr, "\n[camsim] %6.1fs store mode %s -> %s\n", elapsed_s, state_, state);
         state_ = state;
     }
-    const bool connected = hostkit::counters().mqtt_connected;
-    if (connected != mqtt_connected_) {
-        std::fprintf(stderr, "\n[camsim] mqtt %s\n", connected ? "connected" : "disconnected");
-        mqtt_connected_ = connected;
+    const hostkit::Counters c = hostkit::counters();
+    if (c.mqtt_connected != mqtt_connected_ || c.mqtt_broker != mqtt_broker_) {
+        if (c.mqtt_connected) {
+            std::fprintf(stderr, "\n[camsim] mqtt connected to %s\n", c.mqtt_broker.c_str());
+        } else {
+            std::fprintf(stderr, "\n[camsim] mqtt disconnected\n");
+        }
+        mqtt_connected_ = c.mqtt_connected;
+        mqtt_broker_ = c.mqtt_broker;
     }
 }
 

@@ -32,7 +32,8 @@ std::string spool_text(const hostkit::Counters &c);
 
 /// Prints a line to stderr when the module's store mode or the kit's MQTT connection changes:
 ///   "[camsim] %6.1fs store mode <old> -> <new>"
-///   "[camsim] mqtt connected" / "[camsim] mqtt disconnected"
+///   "[camsim] mqtt connected to <host:port>" / "[camsim] mqtt disconnected"
+/// (a move to another broker between two polls shows as a connected line naming it)
 /// A mode is a mode_name(), or "not configured" until the module has its first configuration
 /// (its store mode reads as none then, too), so the first configuration is told apart from
 /// the cloud taking the order away.
@@ -47,6 +48,7 @@ class StateLines {
     static const char *store_state();
     const char *state_;
     bool mqtt_connected_ = false;
+    std::string mqtt_broker_;
 };
 
 struct RunTimes {
