@@ -57,7 +57,7 @@ stop_pid_file() {
 }
 
 down() {
-    stop_pid_file "${DIR}/run/radosgw.pid"
+    stop_pid_file "${DIR}/run/client.rgw.pid"
     stop_pid_file "${DIR}/run/osd.0.pid"
     stop_pid_file "${DIR}/run/mon.a.pid"
     rm -rf "${DIR}/mon" "${DIR}/osd" "${DIR}/run" "${DIR}/s3.env" "${DIR}/ceph.conf" \

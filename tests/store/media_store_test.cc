@@ -12,77 +12,15 @@
 #include "durable_file.h"
 #include "fs_media_store.h"
 #include "s3_media_store.h"
+#include "tests/store/ceph_gateway.h"
 #include "tests/support/temp_dir.h"
 
 namespace vexo_cloud {
 namespace {
 
+using vexo_test::Gateway;
+
 constexpr size_t kPart = S3MediaStore::kMinimumPartSize;
-
-/// The gateway for the whole suite: up once, down at the end.
-class Gateway {
-  public:
-    static Gateway &get() {
-        static Gateway gateway;
-        return gateway;
-    }
-    bool available() const { return !endpoint_.empty(); }
-    const std::string &why_not() const { return why_not_; }
-    S3Config config(const std::string &bucket) const {
-        S3Config config;
-        config.endpoint = endpoint_;
-        config.bucket = bucket;
-        config.access_key = access_;
-        config.secret_key = secret_;
-        return config;
-    }
-    void stop() {
-        if (started_) {
-            std::system(("bash " VEXO_CEPH_SCRIPT " down --dir " + dir_.path() + " >/dev/null 2>&1")
-                            .c_str());
-            started_ = false;
-        }
-    }
-
-  private:
-    Gateway() : dir_("vexo-ceph") {
-        if (std::system("command -v radosgw >/dev/null && command -v ceph-mon >/dev/null && "
-                        "command -v ceph-osd >/dev/null") != 0) {
-            why_not_ = "ceph-mon, ceph-osd or radosgw is not installed (scripts/install-deps.sh)";
-            return;
-        }
-        started_ = true;
-        const std::string log = dir_.path() + "/up.log";
-        if (std::system(("bash " VEXO_CEPH_SCRIPT " up --dir " + dir_.path() + " >" + log + " 2>&1")
-                            .c_str()) != 0) {
-            std::ifstream in(log);
-            why_not_ =
-                "scripts/ceph.sh up failed: " + std::string(std::istreambuf_iterator<char>(in), {});
-            return;
-        }
-        std::ifstream env(dir_.path() + "/s3.env");
-        for (std::string line; std::getline(env, line);) {
-            const std::string value = line.substr(line.find('=') + 1);
-            if (line.rfind("VEXO_S3_ENDPOINT=", 0) == 0) {
-                endpoint_ = value;
-            } else if (line.rfind("AWS_ACCESS_KEY_ID=", 0) == 0) {
-                access_ = value;
-            } else if (line.rfind("AWS_SECRET_ACCESS_KEY=", 0) == 0) {
-                secret_ = value;
-            }
-        }
-    }
-
-    vexo_test::TempDir dir_;
-    bool started_ = false;
-    std::string endpoint_, access_, secret_, why_not_;
-};
-
-class GatewayEnvironment : public ::testing::Environment {
-  public:
-    void TearDown() override { Gateway::get().stop(); }
-};
-const auto *const kEnvironment = ::testing::AddGlobalTestEnvironment(new GatewayEnvironment);
 
 std::string pattern(size_t size, unsigned seed) {
     std::mt19937 random(seed);
