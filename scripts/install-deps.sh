@@ -7,7 +7,8 @@
 #     libmosquitto and the mosquitto broker (and nats-server for the broker-cluster test), cpp-httplib for the tests' and admin commands'
 #     HTTP client, Boost (header-only Asio and Beast) for the service's HTTP server and the
 #     load generator, nginx and jq for its comparison benchmark; for the service's browser
-#     view: node and npm, and chromium for its browser tests);
+#     view: node and npm, and chromium for its browser tests; for the S3 media store's tests:
+#     ceph-mon, ceph-osd and radosgw, which scripts/ceph.sh runs as a one-node cluster);
 #   - ui/node_modules from the committed package-lock.json (`npm ci`): hls.js, which the
 #     build compiles into vexo-cloud, and puppeteer-core, which drives the browser tests;
 #   - an armhf sysroot with cJSON and OpenSSL's libcrypto, built from the armhf .debs with
@@ -37,6 +38,7 @@ HOST_PACKAGES=(
     ffmpeg libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev
     libcurl4-openssl-dev libmosquitto-dev mosquitto libcpp-httplib-dev nats-server
     libboost-dev nginx jq
+    ceph-mon ceph-osd radosgw
     nodejs chromium
 )
 # armhf packages unpacked into the sysroot; each -dev package is paired with its runtime

@@ -11,6 +11,7 @@ namespace {
 
 constexpr int32_t kOk = 200;
 constexpr int32_t kInternalError = 500;
+constexpr int32_t kServiceUnavailable = 503;
 constexpr int32_t kInsufficientStorage = 507;
 
 } // namespace
@@ -39,6 +40,10 @@ Response api_refusal(const std::string &code, const std::string &message) {
 Response storage_failure_answer(int error_number) {
     if (error_number == ENOSPC || error_number == EDQUOT) {
         return error_answer(kInsufficientStorage, "the service's storage is full");
+    }
+    // The object store cannot be reached or asks to try again: a device retries later.
+    if (error_number == ECONNREFUSED || error_number == EAGAIN) {
+        return error_answer(kServiceUnavailable, "the service's storage is unavailable");
     }
     return error_answer(kInternalError, "internal error: the request was not stored");
 }

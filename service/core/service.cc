@@ -5,8 +5,8 @@
 #include <stdexcept>
 
 #include "durable_file.h"
-#include "fs_media_store.h"
 #include "media_names.h"
+#include "open_media_store.h"
 #include "order_rules.h"
 #include "service_core.h"
 #include "sqlite_metadata_store.h"
@@ -63,7 +63,7 @@ Service::Service(Options options) : impl_(std::make_unique<Impl>()) {
     make_data_directory(data_dir);
     core.lock = std::make_unique<DataLock>(data_dir);
     core.metadata = std::make_unique<SqliteMetadataStore>(data_dir + "/" + kDatabaseFile, false);
-    core.media = std::make_unique<FsMediaStore>(data_dir);
+    core.media = open_media_store(core.options.media_url, data_dir);
     import_json_layout(core);
     quarantine_damaged_state(core);
     reconcile_media(core);

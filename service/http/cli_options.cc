@@ -34,7 +34,7 @@ constexpr char kUsage[] =
     "                   [--mqtt-user NAME [--mqtt-password-file FILE]]\n"
     "                   [--max-devices N] [--quota-bytes N] [--quota-files N]\n"
     "                   [--quota-alarms N] [--retention-days N] [--retention-bytes N]\n"
-    "                   [--retention-every S]\n"
+    "                   [--retention-every S] [--media file:DIR|s3://BUCKET?endpoint=URL]\n"
     "      Serves the devices' cloud protocol and the admin interface. --listen defaults to\n"
     "      127.0.0.1:8080 (port 0: any free port; the line \"vexo-cloud: listening on URL\"\n"
     "      says which). With --token, devices must send their bearer token. Without\n"
@@ -54,6 +54,9 @@ constexpr char kUsage[] =
     "      delete a device's oldest closed recordings, checked every --retention-every\n"
     "      seconds (default 3600; 0: never). They apply to every device without limits of\n"
     "      its own (see limits); 0 or absent: no limit.\n"
+    "      --media keeps media files elsewhere than under --data: in DIR, or in an S3\n"
+    "      bucket (&region=R, default us-east-1; keys from $AWS_ACCESS_KEY_ID and\n"
+    "      $AWS_SECRET_ACCESS_KEY; the bucket is created when missing).\n"
     "\n"
     "  vexo-cloud order DEVICE [--store-mode alltime|event|none] [--event-duration S]\n"
     "                   [--slice S] [--silence S] [--daily N] [--count-left N]\n"
@@ -181,6 +184,7 @@ std::optional<Command> parse_serve(const std::vector<std::string> &args) {
              return true;
          }},
         {"--data", true, "", set(&o.data_dir)},
+        {"--media", true, "", set(&o.media_url)},
         {"--listen", true, "", set(&listen)},
         {"--mqtt", true, "", set(&o.mqtt_url)},
         {"--mqtt-ca", true, "", set(&o.mqtt_security.ca_file)},

@@ -1,18 +1,20 @@
 /// Media objects as files under the data directory.
 #include "fs_media_store.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <filesystem>
-#include <openssl/evp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "durable_file.h"
 #include "media_names.h"
+#include "sha256.h"
 
 namespace vexo_cloud {
 
@@ -45,52 +47,6 @@ std::vector<std::string> split(const std::string &name) {
         pos = slash + 1;
     }
 }
-
-std::string hex(const unsigned char *bytes, size_t size) {
-    static const char kDigits[] = "0123456789abcdef";
-    std::string text;
-    for (size_t i = 0; i < size; ++i) {
-        text += kDigits[bytes[i] >> 4];
-        text += kDigits[bytes[i] & 15];
-    }
-    return text;
-}
-
-/// SHA-256 as bytes come in.
-class Sha256 {
-  public:
-    Sha256() : context_(EVP_MD_CTX_new()) {
-        if (context_ == nullptr || EVP_DigestInit_ex(context_, EVP_sha256(), nullptr) != 1) {
-            EVP_MD_CTX_free(context_);
-            throw FileError("cannot start a SHA-256", ENOMEM);
-        }
-    }
-    ~Sha256() { EVP_MD_CTX_free(context_); }
-    Sha256(const Sha256 &) = delete;
-    Sha256 &operator=(const Sha256 &) = delete;
-
-    void add(const char *data, size_t size) {
-        if (EVP_DigestUpdate(context_, data, size) != 1) {
-            throw FileError("cannot compute a SHA-256", EIO);
-        }
-    }
-    /// The digest of everything added so far (the running one goes on).
-    std::string text() const {
-        EVP_MD_CTX *copy = EVP_MD_CTX_new();
-        unsigned char digest[EVP_MAX_MD_SIZE];
-        unsigned int size = 0;
-        const bool ok = copy != nullptr && EVP_MD_CTX_copy_ex(copy, context_) == 1 &&
-                        EVP_DigestFinal_ex(copy, digest, &size) == 1;
-        EVP_MD_CTX_free(copy);
-        if (!ok) {
-            throw FileError("cannot compute a SHA-256", EIO);
-        }
-        return hex(digest, size);
-    }
-
-  private:
-    EVP_MD_CTX *context_;
-};
 
 class FsUpload : public MediaUpload {
   public:
@@ -201,7 +157,7 @@ class FsUpload : public MediaUpload {
 
 FsMediaStore::FsMediaStore(std::string root, FileSystem &fs) : root_(std::move(root)), fs_(fs) {}
 
-bool FsMediaStore::valid_name(const std::string &name) const {
+bool valid_media_object_name(const std::string &name) {
     const std::vector<std::string> parts = split(name);
     if (parts.size() != kNameParts || !valid_device_id(parts[0])) {
         return false;
@@ -214,6 +170,10 @@ bool FsMediaStore::valid_name(const std::string &name) const {
     return true;
 }
 
+bool FsMediaStore::valid_name(const std::string &name) const {
+    return valid_media_object_name(name);
+}
+
 std::unique_ptr<MediaUpload> FsMediaStore::begin(const std::string &name) {
     if (!valid_name(name)) {
         throw FileError("not a media object name: " + name, EINVAL);
@@ -224,6 +184,11 @@ std::unique_ptr<MediaUpload> FsMediaStore::begin(const std::string &name) {
 }
 
 bool FsMediaStore::read(const std::string &name, const MediaSink &sink) {
+    return read_range(name, 0, UINT64_MAX, sink);
+}
+
+bool FsMediaStore::read_range(const std::string &name, uint64_t offset, uint64_t length,
+                              const MediaSink &sink) {
     if (!valid_name(name)) {
         return false;
     }
@@ -236,8 +201,11 @@ bool FsMediaStore::read(const std::string &name, const MediaSink &sink) {
         fail("cannot open", path, errno);
     }
     std::vector<char> chunk(kReadChunk);
-    for (;;) {
-        const ssize_t n = ::read(fd, chunk.data(), chunk.size());
+    uint64_t left = length;
+    auto position = static_cast<off_t>(offset);
+    while (left > 0) {
+        const size_t want = static_cast<size_t>(std::min<uint64_t>(chunk.size(), left));
+        const ssize_t n = ::pread(fd, chunk.data(), want, position);
         if (n < 0 && errno == EINTR) {
             continue;
         }
@@ -247,10 +215,13 @@ bool FsMediaStore::read(const std::string &name, const MediaSink &sink) {
             fail("cannot read", path, error_number);
         }
         if (n == 0 || !sink(chunk.data(), static_cast<size_t>(n))) {
-            ::close(fd);
-            return true;
+            break;
         }
+        position += n;
+        left -= static_cast<uint64_t>(n);
     }
+    ::close(fd);
+    return true;
 }
 
 std::optional<uint64_t> FsMediaStore::size(const std::string &name) {

@@ -10,6 +10,9 @@
 
 namespace vexo_cloud {
 
+/// "<device>/<folder>/<file>" with a valid device id and no empty, "." or hidden part.
+bool valid_media_object_name(const std::string &name);
+
 class FsMediaStore : public MediaStore {
   public:
     /// root exists. Objects are the files two directories below root's device directories.
@@ -19,6 +22,8 @@ class FsMediaStore : public MediaStore {
     bool valid_name(const std::string &name) const override;
     std::unique_ptr<MediaUpload> begin(const std::string &name) override;
     bool read(const std::string &name, const MediaSink &sink) override;
+    bool read_range(const std::string &name, uint64_t offset, uint64_t length,
+                    const MediaSink &sink) override;
     std::optional<uint64_t> size(const std::string &name) override;
     bool remove(const std::string &name) override;
     std::string set_aside(const std::string &name) override;

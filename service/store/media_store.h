@@ -49,6 +49,9 @@ class MediaStore {
     /// Hands an object's bytes to sink in order until the end or sink returns false; false
     /// when there is no such object.
     virtual bool read(const std::string &name, const MediaSink &sink) = 0;
+    /// As read, from byte offset on and at most length bytes (fewer at the object's end).
+    virtual bool read_range(const std::string &name, uint64_t offset, uint64_t length,
+                            const MediaSink &sink) = 0;
     virtual std::optional<uint64_t> size(const std::string &name) = 0;
     /// Removes an object; false when there was none.
     virtual bool remove(const std::string &name) = 0;

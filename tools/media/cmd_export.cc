@@ -9,15 +9,17 @@
 #include "commands.h"
 #include "export_job.h"
 #include "fault_lines.h"
+#include "media_stage.h"
 #include "tool_error.h"
 
 namespace vexo_tool {
 namespace {
 
 const char kHelp[] =
-    "usage: vexo-media export [--data DIR] [--device D] [--key TEXT] START -o OUT.mp4|OUT.mkv\n"
-    "       vexo-media export --all --out-dir DIR [--format mp4|mkv] [--data DIR] [--device D]\n"
-    "                         [--key TEXT]\n"
+    "usage: vexo-media export [--data DIR] [--media URL] [--device D] [--key TEXT] START\n"
+    "                         -o OUT.mp4|OUT.mkv\n"
+    "       vexo-media export --all --out-dir DIR [--format mp4|mkv] [--data DIR] [--media URL]\n"
+    "                         [--device D] [--key TEXT]\n"
     "\n"
     "Decrypts recordings and writes their video (copied) and audio into MP4 or Matroska, with\n"
     "the frames' own time stamps. AAC is copied; G.711 and PCM are copied into Matroska and\n"
@@ -30,6 +32,7 @@ const char kHelp[] =
     "\n"
     "  --data DIR      the cloud service's data directory (default ./vexo-data/cloud, where "
     "vexo-camsim keeps its cloud)\n"
+    "  --media URL     where the service kept the media files (see vexo-media verify -h)\n"
     "  --device D      the recording's device (needed when two devices share a start)\n"
     "  --key TEXT      the 16-character key, instead of the recording's own\n"
     "  -o, --output F  the output file; its extension (.mp4, .mkv) chooses the container\n"
@@ -163,8 +166,9 @@ int export_all(const CliArgs &cli, const std::vector<Recording> &all,
 } // namespace
 
 int run_export(const std::vector<std::string> &args) {
-    const CliArgs cli(args, {"--data", "--device", "--key", "--output", "--out-dir", "--format"},
-                      {"--all"});
+    const CliArgs cli(
+        args, {"--data", "--media", "--device", "--key", "--output", "--out-dir", "--format"},
+        {"--all"});
     if (cli.help()) {
         std::fputs(kHelp, stdout);
         return kExitOk;
@@ -176,8 +180,10 @@ int run_export(const std::vector<std::string> &args) {
         }
     }
     std::vector<std::string> damaged;
-    const std::vector<Recording> all = load_recordings(cli.value_or("--data", kDefaultDataDir),
-                                                       cli.value_or("--device", ""), &damaged);
+    std::vector<Recording> all = load_recordings(cli.value_or("--data", kDefaultDataDir),
+                                                 cli.value_or("--device", ""), &damaged);
+    MediaStage stage(cli.value_or("--media", ""));
+    stage.place(&all);
     return cli.flag("--all") ? export_all(cli, all, damaged) : export_single(cli, all, damaged);
 }
 

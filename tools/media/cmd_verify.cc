@@ -5,13 +5,14 @@
 #include "cli_args.h"
 #include "commands.h"
 #include "fault_lines.h"
+#include "media_stage.h"
 #include "tool_error.h"
 
 namespace vexo_tool {
 namespace {
 
 const char kHelp[] =
-    "usage: vexo-media verify [--data DIR] [--device D] [--key TEXT] [START...]\n"
+    "usage: vexo-media verify [--data DIR] [--media URL] [--device D] [--key TEXT] [START...]\n"
     "\n"
     "Checks the media files of the recordings starting at START (epoch seconds), or of every\n"
     "recording: entry structure, cipher lengths, the first entry of each file, time stamp\n"
@@ -23,6 +24,9 @@ const char kHelp[] =
     "\n"
     "  --data DIR    the cloud service's data directory (default ./vexo-data/cloud, where "
     "vexo-camsim keeps its cloud)\n"
+    "  --media URL   where the service kept the media files (its --media: file:DIR or\n"
+    "                s3://BUCKET?endpoint=URL&region=R with $AWS_ACCESS_KEY_ID and\n"
+    "                $AWS_SECRET_ACCESS_KEY)\n"
     "  --device D    only this device\n"
     "  --key TEXT    the 16-character key to decrypt with, instead of the recording's own\n";
 
@@ -72,14 +76,16 @@ bool verify_one(const Recording &recording, const std::optional<std::string> &ke
 } // namespace
 
 int run_verify(const std::vector<std::string> &args) {
-    const CliArgs cli(args, {"--data", "--device", "--key"}, {});
+    const CliArgs cli(args, {"--data", "--media", "--device", "--key"}, {});
     if (cli.help()) {
         std::fputs(kHelp, stdout);
         return kExitOk;
     }
     std::vector<std::string> damaged;
-    const std::vector<Recording> all = load_recordings(cli.value_or("--data", kDefaultDataDir),
-                                                       cli.value_or("--device", ""), &damaged);
+    std::vector<Recording> all = load_recordings(cli.value_or("--data", kDefaultDataDir),
+                                                 cli.value_or("--device", ""), &damaged);
+    MediaStage stage(cli.value_or("--media", ""));
+    stage.place(&all);
     const std::vector<Recording> chosen =
         cli.positional().empty() ? all : select_starts(all, cli.positional());
     if (chosen.empty()) {
