@@ -7,9 +7,9 @@
 #include "durable_file.h"
 #include "fs_media_store.h"
 #include "media_names.h"
+#include "sqlite_metadata_store.h"
 #include "order_rules.h"
 #include "service_core.h"
-#include "sqlite_metadata_store.h"
 #include "store_views.h"
 
 namespace vexo_cloud {
@@ -68,7 +68,6 @@ Service::Service(Options options) : impl_(std::make_unique<Impl>()) {
     quarantine_damaged_state(core);
     reconcile_media(core);
     std::lock_guard<std::mutex> lock(core.mutex);
-    core.next_alarm = core.metadata->last_alarm_id() + 1;
     std::vector<std::string> new_devices;
     for (const auto &item : core.options.tokens) {
         if (!find_device(core, item.first)) {

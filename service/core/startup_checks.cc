@@ -95,8 +95,11 @@ void quarantine_damaged_state(ServiceCore &core) {
     }
 }
 
-void reconcile_media(ServiceCore &core) {
-    std::vector<std::string> lines;
+namespace {
+
+/// reconcile_media's work, with what it did appended to *lines.
+void check_media(ServiceCore &core, std::vector<std::string> *lines_out) {
+    std::vector<std::string> &lines = *lines_out;
     {
         std::lock_guard<std::mutex> lock(core.mutex);
         MetadataStore &metadata = *core.metadata;
@@ -172,6 +175,32 @@ void reconcile_media(ServiceCore &core) {
             lines.push_back(std::to_string(unknown) +
                             " media files of recordings the service does not know left alone");
         }
+    }
+}
+
+} // namespace
+
+void reconcile_media(ServiceCore &core) {
+    constexpr char kJob[] = "media check";
+    std::vector<std::string> lines;
+    bool lead = false;
+    {
+        std::lock_guard<std::mutex> lock(core.mutex);
+        lead = core.metadata->try_lead(kJob);
+    }
+    if (lead) {
+        try {
+            check_media(core, &lines);
+        } catch (...) {
+            std::lock_guard<std::mutex> lock(core.mutex);
+            core.metadata->end_lead(kJob);
+            throw;
+        }
+        std::lock_guard<std::mutex> lock(core.mutex);
+        core.metadata->end_lead(kJob);
+    } else {
+        // Its rows are those of every service sharing the metadata: one check at a time.
+        lines.push_back("media check skipped: another service sharing the metadata runs it");
     }
     for (const std::string &line : lines) {
         core.log(line);

@@ -73,7 +73,7 @@ TEST_F(MetadataStoreTest, RowsRoundTripAndReopen) {
     EXPECT_EQ(store.recording("cam1", 100)->payload_info, R"({ "vWide":640,"v":1 })");
     EXPECT_EQ(store.alarms("cam1").at(0).picture_object, "cam1/alarms/1.jpg");
     EXPECT_EQ(store.gaps("").size(), 1u);
-    EXPECT_EQ(store.last_alarm_id(), 1);
+    EXPECT_EQ(store.next_alarm_id(), 2) << "past the highest id stored";
 }
 
 TEST_F(MetadataStoreTest, PolicyQueriesCountBytesFilesAlarmsAndFindTheOldest) {
