@@ -5,7 +5,8 @@
 #     kit and tools: FFmpeg's libraries and command-line tools, nlohmann-json, pkg-config; for the network cloud: libcurl,
 #     libmosquitto and the mosquitto broker, cpp-httplib for the tests' and admin commands'
 #     HTTP client, Boost (header-only Asio and Beast) for the service's HTTP server and the
-#     load generator, nginx and jq for its comparison benchmark; for the service's browser
+#     load generator, nginx and jq for its comparison benchmark; libpq and the PostgreSQL
+#     server for the metadata store on PostgreSQL and its tests; for the service's browser
 #     view: node and npm, and chromium for its browser tests);
 #   - ui/node_modules from the committed package-lock.json (`npm ci`): hls.js, which the
 #     build compiles into vexo-cloud, and puppeteer-core, which drives the browser tests;
@@ -36,6 +37,7 @@ HOST_PACKAGES=(
     ffmpeg libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev
     libcurl4-openssl-dev libmosquitto-dev mosquitto libcpp-httplib-dev
     libboost-dev nginx jq
+    libpq-dev postgresql
     nodejs chromium
 )
 # armhf packages unpacked into the sysroot; each -dev package is paired with its runtime
