@@ -169,6 +169,9 @@ enum class AdminRefusal {
 
 struct Options {
     std::string data_dir;
+    /// Where the metadata is kept: empty for the SQLite database in data_dir, else
+    /// "sqlite:PATH" or "postgresql://..." (a database several services may share).
+    std::string metadata_url;
     /// The service's clock, seconds since the epoch; "today" for the daily allowance is the
     /// local date of this clock (TZ). Defaults to the real time.
     std::function<uint32_t()> clock;

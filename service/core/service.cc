@@ -7,7 +7,7 @@
 #include "durable_file.h"
 #include "fs_media_store.h"
 #include "media_names.h"
-#include "sqlite_metadata_store.h"
+#include "open_metadata_store.h"
 #include "order_rules.h"
 #include "service_core.h"
 #include "store_views.h"
@@ -62,7 +62,7 @@ Service::Service(Options options) : impl_(std::make_unique<Impl>()) {
     const std::string &data_dir = core.options.data_dir;
     make_data_directory(data_dir);
     core.lock = std::make_unique<DataLock>(data_dir);
-    core.metadata = std::make_unique<SqliteMetadataStore>(data_dir + "/" + kDatabaseFile, false);
+    core.metadata = open_metadata_store(core.options.metadata_url, data_dir);
     core.media = std::make_unique<FsMediaStore>(data_dir);
     import_json_layout(core);
     quarantine_damaged_state(core);
