@@ -11,6 +11,7 @@ namespace {
 
 constexpr int32_t kOk = 200;
 constexpr int32_t kInternalError = 500;
+constexpr int32_t kUnavailable = 503;
 constexpr int32_t kInsufficientStorage = 507;
 
 } // namespace
@@ -41,6 +42,10 @@ Response storage_failure_answer(int error_number) {
         return error_answer(kInsufficientStorage, "the service's storage is full");
     }
     return error_answer(kInternalError, "internal error: the request was not stored");
+}
+
+Response metadata_unavailable_answer() {
+    return error_answer(kUnavailable, "the service's database is unavailable: try again later");
 }
 
 } // namespace vexo_cloud

@@ -8,6 +8,7 @@
 #include <set>
 
 #include "media_names.h"
+#include "open_metadata_store.h"
 #include "service_core.h"
 
 namespace vexo_cloud {
@@ -120,6 +121,11 @@ void check_media(ServiceCore &core, std::vector<std::string> *lines_out) {
         }
         std::set<std::string> objects;
         size_t unknown = 0;
+        // Rows of a database other services share may name files of theirs, which this
+        // service's media store does not hold: only a store only this service uses tells a
+        // file that is gone.
+        const bool shared = shared_metadata_url(core.options.metadata_url);
+        size_t elsewhere = 0;
         metadata.transaction([&] {
             for (const MediaObject &object : media.list()) {
                 objects.insert(object.name);
@@ -158,6 +164,10 @@ void check_media(ServiceCore &core, std::vector<std::string> *lines_out) {
                 if (objects.count(row.object) != 0) {
                     continue;
                 }
+                if (shared) {
+                    ++elsewhere;
+                    continue;
+                }
                 QuarantineRow gone;
                 gone.kind = "media";
                 gone.device = row.device;
@@ -171,6 +181,11 @@ void check_media(ServiceCore &core, std::vector<std::string> *lines_out) {
                 lines.push_back("media row " + row.object + " dropped: its file is gone");
             }
         });
+        if (elsewhere > 0) {
+            lines.push_back(std::to_string(elsewhere) +
+                            " media rows name files this service does not have; kept, as the "
+                            "metadata is shared with other services");
+        }
         if (unknown > 0) {
             lines.push_back(std::to_string(unknown) +
                             " media files of recordings the service does not know left alone");

@@ -22,6 +22,13 @@ class StoreError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+/// The database cannot be reached now (e.g. a database server restarting); a later call may
+/// work again.
+class StoreUnavailable : public StoreError {
+  public:
+    using StoreError::StoreError;
+};
+
 class MetadataStore {
   public:
     virtual ~MetadataStore() = default;

@@ -118,7 +118,7 @@ void PgConnection::connect() {
         const std::string message = message_of(PQerrorMessage(conn_));
         PQfinish(conn_);
         conn_ = nullptr;
-        throw StoreError("cannot connect to PostgreSQL: " + message);
+        throw StoreUnavailable("cannot connect to PostgreSQL: " + message);
     }
     // Notices (e.g. "relation already exists, skipping") are not the service's log.
     PQsetNoticeProcessor(
@@ -139,9 +139,13 @@ void PgConnection::connect_if_lost() {
 }
 
 void PgConnection::fail(const std::string &sql) const {
-    // A lost connection stays marked bad (PQstatus), so the next call connects again.
-    throw StoreError("PostgreSQL: " + statement_name(sql) + ": " +
-                     message_of(PQerrorMessage(conn_)));
+    const std::string message =
+        "PostgreSQL: " + statement_name(sql) + ": " + message_of(PQerrorMessage(conn_));
+    if (PQstatus(conn_) != CONNECTION_OK) {
+        // Marked bad, so the next call connects again.
+        throw StoreUnavailable(message);
+    }
+    throw StoreError(message);
 }
 
 void PgConnection::run_script(const std::string &sql) {

@@ -103,7 +103,7 @@ TEST_F(PgStoreTest, AStoreFailsWhileTheServerIsDownAndWorksOnceItIsBack) {
     ASSERT_TRUE(store.try_lead("retention"));
 
     ASSERT_TRUE(server.stop()) << server.output();
-    EXPECT_THROW(store.device_ids(), StoreError);
+    EXPECT_THROW(store.device_ids(), vexo_cloud::StoreUnavailable);
     EXPECT_THROW(store.put_device("cam2", state), StoreError) << "still down: no reconnect";
     EXPECT_THROW(store.transaction([&] { store.put_device("cam2", state); }), StoreError);
 
