@@ -58,6 +58,9 @@ if(VEXO_BUILD_HOST)
     # The cloud service keeps its state in one SQLite database per data directory.
     find_package(SQLite3 REQUIRED)
     find_package(PkgConfig REQUIRED)
+    # Or, with --db postgresql://..., in PostgreSQL through libpq.
+    pkg_check_modules(VEXO_LIBPQ REQUIRED IMPORTED_TARGET libpq)
+    add_library(vexo::libpq ALIAS PkgConfig::VEXO_LIBPQ)
     pkg_check_modules(VEXO_LIBAV REQUIRED IMPORTED_TARGET
         libavformat libavcodec libavutil libswscale libswresample)
     add_library(vexo::libav ALIAS PkgConfig::VEXO_LIBAV)

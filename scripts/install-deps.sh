@@ -6,7 +6,8 @@
 #     kit and tools: FFmpeg's libraries and command-line tools, nlohmann-json, pkg-config; for the network cloud: libcurl,
 #     libmosquitto and the mosquitto broker (and nats-server for the broker-cluster test), cpp-httplib for the tests' and admin commands'
 #     HTTP client, Boost (header-only Asio and Beast) for the service's HTTP server and the
-#     load generator, nginx and jq for its comparison benchmark; for the service's browser
+#     load generator, nginx and jq for its comparison benchmark; libpq and the PostgreSQL
+#     server for the metadata store on PostgreSQL and its tests; for the service's browser
 #     view: node and npm, and chromium for its browser tests; for the S3 media store's tests:
 #     ceph-mon, ceph-osd and radosgw, which scripts/ceph.sh runs as a one-node cluster);
 #   - ui/node_modules from the committed package-lock.json (`npm ci`): hls.js, which the
@@ -39,6 +40,7 @@ HOST_PACKAGES=(
     libcurl4-openssl-dev libmosquitto-dev mosquitto libcpp-httplib-dev nats-server
     libboost-dev nginx jq
     ceph-mon ceph-osd radosgw
+    libpq-dev postgresql
     nodejs chromium
 )
 # armhf packages unpacked into the sysroot; each -dev package is paired with its runtime

@@ -48,4 +48,9 @@ Response storage_failure_answer(int error_number) {
     return error_answer(kInternalError, "internal error: the request was not stored");
 }
 
+Response metadata_unavailable_answer() {
+    return error_answer(kServiceUnavailable,
+                        "the service's database is unavailable: try again later");
+}
+
 } // namespace vexo_cloud

@@ -20,6 +20,8 @@ Response api_refusal(const std::string &code, const std::string &message);
 /// 507 when the disk is full (error_number ENOSPC or EDQUOT), else 500, with a generic text
 /// that names no server path.
 Response storage_failure_answer(int error_number);
+/// 503: the metadata database cannot be reached now.
+Response metadata_unavailable_answer();
 
 } // namespace vexo_cloud
 

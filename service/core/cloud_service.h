@@ -171,6 +171,9 @@ struct Options {
     std::string data_dir;
     /// Where media files go (see open_media_store): empty for files under data_dir.
     std::string media_url;
+    /// Where the metadata is kept: empty for the SQLite database in data_dir, else
+    /// "sqlite:PATH" or "postgresql://..." (a database several services may share).
+    std::string metadata_url;
     /// The service's clock, seconds since the epoch; "today" for the daily allowance is the
     /// local date of this clock (TZ). Defaults to the real time.
     std::function<uint32_t()> clock;

@@ -200,7 +200,7 @@ Response store_alarm_request(ServiceCore &core, const std::string &device,
         if (!refusal.empty()) {
             return error_answer(kInsufficientStorage, refusal);
         }
-        row.id = core.next_alarm++;
+        row.id = core.metadata->next_alarm_id();
     }
     row.device = device;
     row.time = alarm->time;

@@ -143,7 +143,7 @@ void import_alarms(ImportRun &run, const std::string &device) {
             run.quarantine("alarm", device, 0, relative, reason);
             continue;
         }
-        alarm->id = run.core.metadata->last_alarm_id() + 1;
+        alarm->id = run.core.metadata->next_alarm_id();
         alarm->device = device;
         alarm->received = alarm->time;
         if (!alarm->picture_object.empty()) {

@@ -208,6 +208,14 @@ Response storage_failure(const ServiceCore &core, const Request &request, const 
     return storage_failure_answer(error_number);
 }
 
+/// A database that cannot be reached (e.g. a PostgreSQL server restarting) is a passing
+/// state: 503, which the device answers by trying again later.
+Response database_failure(const ServiceCore &core, const Request &request,
+                          const std::string &what) {
+    core.log(request.method + " " + request.path + " failed: " + what);
+    return metadata_unavailable_answer();
+}
+
 } // namespace
 
 // ---- exported calls ------------------------------------------------------------------------
@@ -217,6 +225,8 @@ Response Service::handle(const Request &request) {
         return route(impl_->core, request);
     } catch (const FileError &e) {
         return storage_failure(impl_->core, request, e.what(), e.error_number());
+    } catch (const StoreUnavailable &e) {
+        return database_failure(impl_->core, request, e.what());
     } catch (const std::exception &e) {
         return storage_failure(impl_->core, request, e.what(), 0);
     }
@@ -228,6 +238,8 @@ Response Service::handle_streamed(const Request &head, uint64_t content_length,
         return route_streamed(impl_->core, head, content_length, read_body);
     } catch (const FileError &e) {
         return storage_failure(impl_->core, head, e.what(), e.error_number());
+    } catch (const StoreUnavailable &e) {
+        return database_failure(impl_->core, head, e.what());
     } catch (const std::exception &e) {
         return storage_failure(impl_->core, head, e.what(), 0);
     }

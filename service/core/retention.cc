@@ -12,6 +12,8 @@ namespace vexo_cloud {
 
 namespace {
 
+constexpr char kRetentionJob[] = "retention";
+
 struct Expired {
     uint64_t recordings = 0;
     uint64_t bytes = 0;
@@ -54,6 +56,19 @@ uint64_t Service::expire_recordings() {
 
 void run_retention(ServiceCore &core) {
     try {
+        {
+            std::lock_guard<std::mutex> lock(core.mutex);
+            if (!core.metadata->try_lead(kRetentionJob)) {
+                return; // another service sharing the metadata runs it now
+            }
+        }
+        struct EndLead {
+            ServiceCore &core;
+            ~EndLead() {
+                std::lock_guard<std::mutex> lock(core.mutex);
+                core.metadata->end_lead(kRetentionJob);
+            }
+        } end_lead{core};
         expire_all_recordings(core);
     } catch (const std::exception &e) {
         // Tried again at the next run; the detail may name server paths, so only the log has it.

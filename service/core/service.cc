@@ -7,9 +7,9 @@
 #include "durable_file.h"
 #include "media_names.h"
 #include "open_media_store.h"
+#include "open_metadata_store.h"
 #include "order_rules.h"
 #include "service_core.h"
-#include "sqlite_metadata_store.h"
 #include "store_views.h"
 
 namespace vexo_cloud {
@@ -62,13 +62,12 @@ Service::Service(Options options) : impl_(std::make_unique<Impl>()) {
     const std::string &data_dir = core.options.data_dir;
     make_data_directory(data_dir);
     core.lock = std::make_unique<DataLock>(data_dir);
-    core.metadata = std::make_unique<SqliteMetadataStore>(data_dir + "/" + kDatabaseFile, false);
+    core.metadata = open_metadata_store(core.options.metadata_url, data_dir);
     core.media = open_media_store(core.options.media_url, data_dir);
     import_json_layout(core);
     quarantine_damaged_state(core);
     reconcile_media(core);
     std::lock_guard<std::mutex> lock(core.mutex);
-    core.next_alarm = core.metadata->last_alarm_id() + 1;
     std::vector<std::string> new_devices;
     for (const auto &item : core.options.tokens) {
         if (!find_device(core, item.first)) {

@@ -22,12 +22,11 @@ struct ServiceCore {
     /// Held for the service's life: no other program writes the data directory meanwhile.
     /// Declared first, so it is let go last.
     std::unique_ptr<DataLock> lock;
-    /// Guards metadata and next_alarm. Media bytes are written outside it, to temporary
+    /// Guards metadata. Media bytes are written outside it, to temporary
     /// objects of their own; only their commit takes it.
     mutable std::mutex mutex;
     std::unique_ptr<MetadataStore> metadata;
     std::unique_ptr<MediaStore> media;
-    int64_t next_alarm = 1;
 
     uint32_t now() const { return options.clock(); }
     /// One line of the service's log, to options.log or else stderr. Call it without the
@@ -88,6 +87,7 @@ uint64_t alarms_today(const ServiceCore &core, const std::string &device);
 uint64_t expire_all_recordings(ServiceCore &core);
 
 /// One run of the retention thread: expire_all_recordings, a failure logged, never thrown.
+/// Skipped while another service sharing the metadata runs it (MetadataStore::try_lead).
 void run_retention(ServiceCore &core);
 
 // ---- request handlers: the device is valid, known and authenticated ----

@@ -8,6 +8,7 @@
 #include <set>
 
 #include "media_names.h"
+#include "open_metadata_store.h"
 #include "service_core.h"
 
 namespace vexo_cloud {
@@ -95,8 +96,11 @@ void quarantine_damaged_state(ServiceCore &core) {
     }
 }
 
-void reconcile_media(ServiceCore &core) {
-    std::vector<std::string> lines;
+namespace {
+
+/// reconcile_media's work, with what it did appended to *lines.
+void check_media(ServiceCore &core, std::vector<std::string> *lines_out) {
+    std::vector<std::string> &lines = *lines_out;
     {
         std::lock_guard<std::mutex> lock(core.mutex);
         MetadataStore &metadata = *core.metadata;
@@ -117,6 +121,11 @@ void reconcile_media(ServiceCore &core) {
         }
         std::set<std::string> objects;
         size_t unknown = 0;
+        // Rows of a database other services share may name files of theirs, which this
+        // service's media store does not hold: only a store only this service uses tells a
+        // file that is gone.
+        const bool shared = shared_metadata_url(core.options.metadata_url);
+        size_t elsewhere = 0;
         metadata.transaction([&] {
             for (const MediaObject &object : media.list()) {
                 objects.insert(object.name);
@@ -155,6 +164,10 @@ void reconcile_media(ServiceCore &core) {
                 if (objects.count(row.object) != 0) {
                     continue;
                 }
+                if (shared) {
+                    ++elsewhere;
+                    continue;
+                }
                 QuarantineRow gone;
                 gone.kind = "media";
                 gone.device = row.device;
@@ -168,10 +181,41 @@ void reconcile_media(ServiceCore &core) {
                 lines.push_back("media row " + row.object + " dropped: its file is gone");
             }
         });
+        if (elsewhere > 0) {
+            lines.push_back(std::to_string(elsewhere) +
+                            " media rows name files this service does not have; kept, as the "
+                            "metadata is shared with other services");
+        }
         if (unknown > 0) {
             lines.push_back(std::to_string(unknown) +
                             " media files of recordings the service does not know left alone");
         }
+    }
+}
+
+} // namespace
+
+void reconcile_media(ServiceCore &core) {
+    constexpr char kJob[] = "media check";
+    std::vector<std::string> lines;
+    bool lead = false;
+    {
+        std::lock_guard<std::mutex> lock(core.mutex);
+        lead = core.metadata->try_lead(kJob);
+    }
+    if (lead) {
+        try {
+            check_media(core, &lines);
+        } catch (...) {
+            std::lock_guard<std::mutex> lock(core.mutex);
+            core.metadata->end_lead(kJob);
+            throw;
+        }
+        std::lock_guard<std::mutex> lock(core.mutex);
+        core.metadata->end_lead(kJob);
+    } else {
+        // Its rows are those of every service sharing the metadata: one check at a time.
+        lines.push_back("media check skipped: another service sharing the metadata runs it");
     }
     for (const std::string &line : lines) {
         core.log(line);

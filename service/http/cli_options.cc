@@ -15,6 +15,7 @@
 
 #include "json_fields.h"
 #include "limit_rules.h"
+#include "open_metadata_store.h"
 #include "option_table.h"
 
 namespace vexo_cloud {
@@ -25,7 +26,8 @@ namespace {
 
 constexpr char kUsage[] =
     "usage:\n"
-    "  vexo-cloud serve --data DIR [--listen HOST:PORT] [--mqtt mqtt[s]://HOST:PORT]\n"
+    "  vexo-cloud serve --data DIR [--db URL] [--listen HOST:PORT]\n"
+    "                   [--mqtt mqtt[s]://HOST:PORT]\n"
     "                   [--token DEVICE=TOKEN ...] [--admin-token TOKEN]\n"
     "                   [--tls-cert FILE --tls-key FILE] [--max-body BYTES] [--quiet]\n"
     "                   [--io-threads N] [--head-timeout S] [--body-timeout S]\n"
@@ -57,6 +59,8 @@ constexpr char kUsage[] =
     "      --media keeps media files elsewhere than under --data: in DIR, or in an S3\n"
     "      bucket (&region=R, default us-east-1; keys from $AWS_ACCESS_KEY_ID and\n"
     "      $AWS_SECRET_ACCESS_KEY; the bucket is created when missing).\n"
+    "      --db keeps the metadata in sqlite:PATH or in PostgreSQL (postgresql://USER@HOST/DB,\n"
+    "      shared by every service given the same URL) instead of DIR/vexo-cloud.db.\n"
     "\n"
     "  vexo-cloud order DEVICE [--store-mode alltime|event|none] [--event-duration S]\n"
     "                   [--slice S] [--silence S] [--daily N] [--count-left N]\n"
@@ -185,6 +189,7 @@ std::optional<Command> parse_serve(const std::vector<std::string> &args) {
          }},
         {"--data", true, "", set(&o.data_dir)},
         {"--media", true, "", set(&o.media_url)},
+        {"--db", true, "", set(&o.db_url)},
         {"--listen", true, "", set(&listen)},
         {"--mqtt", true, "", set(&o.mqtt_url)},
         {"--mqtt-ca", true, "", set(&o.mqtt_security.ca_file)},
@@ -263,6 +268,9 @@ std::optional<Command> parse_serve(const std::vector<std::string> &args) {
     }
     if (o.data_dir.empty()) {
         return fail("serve needs --data DIR");
+    }
+    if (std::string error; !valid_metadata_url(o.db_url, &error)) {
+        return fail("bad --db: " + error);
     }
     if (o.default_limits.retention_days.value_or(0) > kMaxRetentionDays) {
         return fail("--retention-days takes 0.." + std::to_string(kMaxRetentionDays));

@@ -17,6 +17,7 @@ namespace vexo_cloud {
 struct ServeOptions {
     std::string data_dir;
     std::string media_url; ///< --media; empty: files under data_dir
+    std::string db_url;    ///< --db: empty for the SQLite database in data_dir
     HttpOptions http;
     std::string mqtt_url;                      ///< empty: nothing is published
     MqttSecurity mqtt_security;                ///< TLS files and login for mqtt_url

@@ -42,6 +42,7 @@ int serve(const ServeOptions &options) {
     Options service_options;
     service_options.data_dir = options.data_dir;
     service_options.media_url = options.media_url;
+    service_options.metadata_url = options.db_url;
     service_options.tokens = options.tokens;
     service_options.max_body = options.http.max_body;
     service_options.default_limits = options.default_limits;

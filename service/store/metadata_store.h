@@ -22,6 +22,13 @@ class StoreError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+/// The database cannot be reached now (e.g. a database server restarting); a later call may
+/// work again.
+class StoreUnavailable : public StoreError {
+  public:
+    using StoreError::StoreError;
+};
+
 class MetadataStore {
   public:
     virtual ~MetadataStore() = default;
@@ -58,9 +65,18 @@ class MetadataStore {
     virtual std::vector<MediaRow> recording_media(const std::string &device,
                                                   uint32_t start_time) = 0;
 
+    // ---- background jobs that one service at a time runs ----
+    /// Takes the lead of job (e.g. "retention") without waiting: false while another service
+    /// sharing this store holds it. Held until end_lead(job), or until the store loses its
+    /// connection to the database. A store only this service uses always gets it.
+    virtual bool try_lead(const std::string &job) = 0;
+    /// Lets the lead of job go; never throws (a lead whose connection is gone went with it).
+    virtual void end_lead(const std::string &job) = 0;
+
     // ---- alarms, gaps and reported events ----
-    /// The highest alarm id used so far, 0 when none.
-    virtual int64_t last_alarm_id() = 0;
+    /// A new alarm id, higher than any this store handed out or stored before, also when
+    /// several services share the store.
+    virtual int64_t next_alarm_id() = 0;
     /// Adds an alarm under alarm.id.
     virtual void add_alarm(const AlarmRow &alarm) = 0;
     /// A device's alarms by time, then id.

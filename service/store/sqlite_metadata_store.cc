@@ -329,12 +329,26 @@ std::vector<MediaRow> SqliteMetadataStore::recording_media(const std::string &de
 
 // ---- alarms, gaps, events ------------------------------------------------------------------
 
-int64_t SqliteMetadataStore::last_alarm_id() {
-    Query q = db_->query("SELECT coalesce(max(id), 0) FROM alarms");
-    return q.step() ? q.integer(0) : 0;
+bool SqliteMetadataStore::try_lead(const std::string &) {
+    return true; // the data directory's lock keeps every other service out of this database
+}
+
+void SqliteMetadataStore::end_lead(const std::string &) {}
+
+int64_t SqliteMetadataStore::next_alarm_id() {
+    // One service writes this database (the data directory's lock): the highest id stored is
+    // read once, and ids of alarms removed since are not handed out again.
+    if (last_alarm_id_ < 0) {
+        Query q = db_->query("SELECT coalesce(max(id), 0) FROM alarms");
+        last_alarm_id_ = q.step() ? q.integer(0) : 0;
+    }
+    return ++last_alarm_id_;
 }
 
 void SqliteMetadataStore::add_alarm(const AlarmRow &a) {
+    if (last_alarm_id_ >= 0 && a.id > last_alarm_id_) {
+        last_alarm_id_ = a.id;
+    }
     db_->query("INSERT INTO alarms(id, device, time, with_picture, extra, picture, received) "
                "VALUES(?, ?, ?, ?, ?, ?, ?)")
         .bind(1, a.id)

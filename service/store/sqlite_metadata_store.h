@@ -38,7 +38,10 @@ class SqliteMetadataStore : public MetadataStore {
     std::vector<MediaRow> media_files(const std::string &device) override;
     std::vector<MediaRow> recording_media(const std::string &device, uint32_t start_time) override;
 
-    int64_t last_alarm_id() override;
+    bool try_lead(const std::string &job) override;
+    void end_lead(const std::string &job) override;
+
+    int64_t next_alarm_id() override;
     void add_alarm(const AlarmRow &alarm) override;
     std::vector<AlarmRow> alarms(const std::string &device) override;
     void remove_alarm(int64_t id) override;
@@ -64,6 +67,7 @@ class SqliteMetadataStore : public MetadataStore {
 
     std::unique_ptr<SqliteDb> db_;
     bool in_transaction_ = false;
+    int64_t last_alarm_id_ = -1; ///< -1: not read yet
 };
 
 } // namespace vexo_cloud

@@ -81,6 +81,9 @@ TEST(CloudCommandLine, BadArgumentsAreRefused) {
         {"serve", "--data", "d", "--io-threads", "0"},
         {"serve", "--data", "d", "--max-body", "1e12"},
         {"serve", "--data", "d", "--quota-alarms", "4294967296"},
+        {"serve", "--data", "d", "--db", "mysql://h/db"},
+        {"serve", "--data", "d", "--db", "sqlite:"},
+        {"serve", "--data", "d", "--db", "/var/lib/x.db"},
         {"order", "cam1", "--expired", "maybe"},
         // Numbers that do not fit, or are not plain decimal whole numbers.
         {"order", "cam1", "--slice", "2147483648"},
@@ -134,6 +137,11 @@ TEST(CloudCommandLine, ServeOptions) {
     EXPECT_FALSE(o.default_limits.retention_bytes); // 0: no limit
     EXPECT_EQ(o.retention_interval, 60u);
     EXPECT_EQ(parse({"serve", "--data", "d"})->serve_options.retention_interval, 3600u);
+    // Where the metadata goes: nothing given keeps the database in --data.
+    for (const char *db : {"sqlite:/srv/meta.db", "postgresql://u@h:5432/vexo", "postgres://h/v"}) {
+        EXPECT_EQ(parse({"serve", "--data", "d", "--db", db})->serve_options.db_url, db);
+    }
+    EXPECT_EQ(parse({"serve", "--data", "d"})->serve_options.db_url, "");
 }
 
 TEST(CloudCommandLine, AnOpenAdminInterfaceOnlyListensOnLoopback) {

@@ -1,21 +1,30 @@
-/// The SQLite metadata store on its own: every kind of row written and read back, the
-/// queries a storage policy needs (usage, alarms per day, oldest recordings), transactions
-/// that keep all or nothing, and damaged rows moved to the quarantine.
+/// The metadata store on each engine (SQLite, and PostgreSQL on a server of the test's own):
+/// every kind of row written and read back, the queries a storage policy needs (usage, alarms
+/// per day, oldest recordings), transactions that keep all or nothing, damaged rows moved to
+/// the quarantine, and a schema newer than the program's refused.
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 #include <stdexcept>
 
+#include "metadata_store_engines.h"
 #include "service_fixture.h"
-#include "sqlite_metadata_store.h"
 
 namespace service_test {
 namespace {
 
-using vexo_cloud::SqliteMetadataStore;
+using vexo_cloud::MetadataStore;
 
-class MetadataStoreTest : public ServiceTest {
+class MetadataStoreTest : public ServiceTest, public ::testing::WithParamInterface<Engine> {
   protected:
-    std::string db_path() const { return dir_ + "/store.db"; }
+    void SetUp() override {
+        ServiceTest::SetUp();
+        engine_ = make_engine(GetParam(), dir_);
+        if (!engine_->installed()) {
+            GTEST_SKIP() << "no PostgreSQL server programs here: run scripts/install-deps.sh";
+        }
+        ASSERT_TRUE(engine_->why_not().empty()) << engine_->why_not();
+    }
+    std::unique_ptr<MetadataStore> open(bool read_only = false) { return engine_->open(read_only); }
+    void exec(const std::string &sql) { engine_->exec(sql); }
 
     static vexo_cloud::RecordingRow recording(const std::string &device, uint32_t start) {
         vexo_cloud::RecordingRow row;
@@ -40,17 +49,14 @@ class MetadataStoreTest : public ServiceTest {
         row.object = device + "/" + std::to_string(start) + "/" + row.name;
         return row;
     }
-    void exec(const std::string &sql) {
-        sqlite3 *db = nullptr;
-        ASSERT_EQ(sqlite3_open(db_path().c_str(), &db), SQLITE_OK);
-        EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sql;
-        sqlite3_close(db);
-    }
+
+    std::unique_ptr<StoreEngine> engine_;
 };
 
-TEST_F(MetadataStoreTest, RowsRoundTripAndReopen) {
+TEST_P(MetadataStoreTest, RowsRoundTripAndReopen) {
     {
-        SqliteMetadataStore store(db_path(), false);
+        auto store_ptr = open();
+        MetadataStore &store = *store_ptr;
         vexo_cloud::DeviceState state;
         state.order.aborted = true;
         state.key_history = {{"K0", "M0", 5}, {"K1", "M1", 9}};
@@ -63,7 +69,8 @@ TEST_F(MetadataStoreTest, RowsRoundTripAndReopen) {
         EXPECT_TRUE(store.add_gap({"cam1", 10, 20, "spool full", 99}));
         EXPECT_FALSE(store.add_gap({"cam1", 10, 20, "spool full", 99}));
     }
-    SqliteMetadataStore store(db_path(), true);
+    auto store_ptr = open(true);
+    MetadataStore &store = *store_ptr;
     const auto state = store.device("cam1");
     ASSERT_TRUE(state);
     EXPECT_TRUE(state->order.aborted);
@@ -73,11 +80,12 @@ TEST_F(MetadataStoreTest, RowsRoundTripAndReopen) {
     EXPECT_EQ(store.recording("cam1", 100)->payload_info, R"({ "vWide":640,"v":1 })");
     EXPECT_EQ(store.alarms("cam1").at(0).picture_object, "cam1/alarms/1.jpg");
     EXPECT_EQ(store.gaps("").size(), 1u);
-    EXPECT_EQ(store.last_alarm_id(), 1);
+    EXPECT_EQ(store.next_alarm_id(), 2) << "past the highest id stored";
 }
 
-TEST_F(MetadataStoreTest, PolicyQueriesCountBytesFilesAlarmsAndFindTheOldest) {
-    SqliteMetadataStore store(db_path(), false);
+TEST_P(MetadataStoreTest, PolicyQueriesCountBytesFilesAlarmsAndFindTheOldest) {
+    auto store_ptr = open();
+    MetadataStore &store = *store_ptr;
     const struct {
         uint32_t start;
         std::vector<uint64_t> files;
@@ -118,8 +126,9 @@ TEST_F(MetadataStoreTest, PolicyQueriesCountBytesFilesAlarmsAndFindTheOldest) {
     EXPECT_FALSE(store.limits("cam2").max_bytes);
 }
 
-TEST_F(MetadataStoreTest, ATransactionKeepsAllOrNothing) {
-    SqliteMetadataStore store(db_path(), false);
+TEST_P(MetadataStoreTest, ATransactionKeepsAllOrNothing) {
+    auto store_ptr = open();
+    MetadataStore &store = *store_ptr;
     EXPECT_THROW(store.transaction([&] {
         store.put_recording(recording("cam1", 1));
         throw std::runtime_error("stop");
@@ -133,9 +142,10 @@ TEST_F(MetadataStoreTest, ATransactionKeepsAllOrNothing) {
     EXPECT_TRUE(store.recording("cam1", 1));
 }
 
-TEST_F(MetadataStoreTest, DamagedRowsGoToTheQuarantineAndTheRestStays) {
+TEST_P(MetadataStoreTest, DamagedRowsGoToTheQuarantineAndTheRestStays) {
     {
-        SqliteMetadataStore store(db_path(), false);
+        auto store_ptr = open();
+        MetadataStore &store = *store_ptr;
         for (uint32_t start : {1u, 2u, 3u}) {
             store.put_recording(recording("cam1", start));
         }
@@ -147,7 +157,8 @@ TEST_F(MetadataStoreTest, DamagedRowsGoToTheQuarantineAndTheRestStays) {
     exec("UPDATE recordings SET payload_info = '{\"v\":' WHERE start_time = 2;"
          "UPDATE recordings SET payload_info = '[1]' WHERE start_time = 3;"
          "UPDATE gaps SET to_time = 5 WHERE from_time = 30;");
-    SqliteMetadataStore store(db_path(), false);
+    auto store_ptr = open();
+    MetadataStore &store = *store_ptr;
     const auto moved = store.quarantine_damaged_rows(77);
     ASSERT_EQ(moved.size(), 4u);
     EXPECT_EQ(moved[0].kind, "recording");
@@ -161,12 +172,18 @@ TEST_F(MetadataStoreTest, DamagedRowsGoToTheQuarantineAndTheRestStays) {
     EXPECT_TRUE(store.quarantine_damaged_rows(78).empty());
 }
 
-TEST_F(MetadataStoreTest, ANewerSchemaOrAMissingFileIsRefused) {
-    { SqliteMetadataStore store(db_path(), false); }
-    exec("PRAGMA user_version = 99");
-    EXPECT_THROW(SqliteMetadataStore(db_path(), false), vexo_cloud::StoreError);
-    EXPECT_THROW(SqliteMetadataStore(dir_ + "/none.db", true), vexo_cloud::StoreError);
+TEST_P(MetadataStoreTest, ANewerSchemaOrAMissingDatabaseIsRefused) {
+    open();
+    exec(engine_->newer_schema_sql());
+    EXPECT_THROW(open(), vexo_cloud::StoreError);
+    EXPECT_THROW(engine_->open_missing(), vexo_cloud::StoreError);
 }
+
+INSTANTIATE_TEST_SUITE_P(Engines, MetadataStoreTest,
+                         ::testing::Values(Engine::kSqlite, Engine::kPostgres),
+                         [](const ::testing::TestParamInfo<Engine> &p) {
+                             return engine_name(p.param);
+                         });
 
 } // namespace
 } // namespace service_test
