@@ -1,0 +1,289 @@
+// Fault sweeps over whole-module scenarios. A scenario is first run with no fault to count the
+// fallible kit calls it makes; then, for every N, it is run again from a fresh kit with call N
+// failing. After each run the module must have returned, stopped its thread within a bound
+// after uninit, and left no allocation, held mutex, open ring reader, unreleased store read
+// or kit misuse behind; and once the failures stop, an event must record again: its uploads
+// must decrypt with the key the recording announced and match the frames the kit produced.
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kit_fixture.h"
+#include "media_file.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+constexpr char kStartApi[] = "vexo.device.ipc.media.storage.notify.upload.start";
+constexpr char kStopApi[] = "vexo.device.ipc.media.storage.notify.upload.stop";
+constexpr uint32_t kEventSecs = 6;
+constexpr uint32_t kSlice = 2;
+constexpr uint32_t kWaitMs = 3000;       // real-time bound of one scripted wait
+constexpr uint32_t kThreadExitMs = 5000; // the worker must be gone this long after uninit
+constexpr size_t kMaxReported = 25;      // problems listed per shard; the rest are counted
+const std::string kCloudKey = "fedcba9876543210";
+
+/// 5 fps, a key frame every second, tiny frames: few calls per recorded second.
+const tk::StreamConfig kSmallStream = {5, 5, 64, 16, true, 200, 16, 10};
+
+/// Polls pred until it holds or real_ms of real time have passed; true when it held.
+bool wait_until(const std::function<bool()> &pred, uint32_t real_ms = kWaitMs) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(real_ms);
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return pred();
+        }
+        std::this_thread::yield();
+    }
+    return true;
+}
+
+int32_t init_module() {
+    vexo_ipc_media_info_t media = tk::sample_media_info();
+    vexo_ipc_cloud_storage_hooks_t hooks;
+    std::memset(&hooks, 0, sizeof(hooks));
+    return vexo_ipc_cloud_storage_init(&media, &hooks);
+}
+
+/// Init, then waits (bounded) until the worker applied a configuration (its sequence-log entry
+/// 74) or is gone. A failed call may keep either from happening; the checks come after.
+void init_and_wait_config() {
+    const size_t applied = tk::seq_entries(74).size();
+    if (init_module() != 0) {
+        return;
+    }
+    wait_until([applied] {
+        return tk::seq_entries(74).size() > applied || tk::running_thread_count() == 0;
+    });
+}
+
+/// One motion event, waited on (bounded) until `stops` stop notifications were sent; returns
+/// what event_start answered.
+int32_t motion_event(size_t stops) {
+    tk::freeze_clock(true); // the idle worker must not move time on during the call
+    const int32_t rc = vexo_ipc_cloud_storage_event_start();
+    tk::freeze_clock(false);
+    if (rc == 0) {
+        wait_until([stops] { return tk::posts_of(kStopApi).size() >= stops; });
+    }
+    return rc;
+}
+
+void script_cloud() {
+    tk::set_default_restriction(0, kEventSecs, kSlice);
+    tk::set_default_storage_config(0, tk::make_storage_config("event", kEventSecs, kSlice, 0, 20));
+    tk::start_stream(kSmallStream);
+    tk::advance(4000); // a pre-record's worth of frames in the ring
+}
+
+void scenario_init_uninit() {
+    script_cloud();
+    init_and_wait_config();
+}
+
+void scenario_event_with_key_update() {
+    script_cloud();
+    tk::queue_post_answer(kStartApi, 0,
+                          "{\"needUpdate\":true,\"encryptKey\":\"" + kCloudKey + "\"}");
+    init_and_wait_config();
+    motion_event(1);
+}
+
+struct Scenario {
+    const char *name;
+    void (*run)();
+};
+
+const Scenario kScenarios[] = {
+    {"init_uninit", scenario_init_uninit},
+    {"event_key_update", scenario_event_with_key_update},
+};
+
+/// The key a recording announced with enKeyMd5 in its start notification ("0000": none, zeros).
+std::optional<Bytes> announced_key(const std::string &start_body) {
+    const std::string tag = "\"enKeyMd5\":\"";
+    const size_t at = start_body.find(tag);
+    if (at == std::string::npos) {
+        return std::nullopt;
+    }
+    const size_t from = at + tag.size();
+    const std::string md5 = start_body.substr(from, start_body.find('"', from) - from);
+    if (md5 == "0000") {
+        return Bytes(16, 0);
+    }
+    const Bytes cloud(kCloudKey.begin(), kCloudKey.end());
+    if (md5 == tk::md5_hex(cloud)) {
+        return cloud;
+    }
+    return std::nullopt;
+}
+
+class Sweep : public KitTest, public ::testing::WithParamInterface<std::tuple<size_t, int>> {
+  protected:
+    /// Runs the scenario with the plan set by `arm`, uninits, and returns what is wrong ("" when
+    /// nothing is). `fatal` is set when the worker did not end: the kit cannot be reset then.
+    std::string run_once(const Scenario &s, uint64_t fail_nth, bool *fatal) {
+        tk::reset();
+        cloud_storage_reset_statics();
+        tk::fail_nth_fallible(fail_nth);
+        s.run();
+        if (vexo_ipc_cloud_storage_get_if_inited() != 0) {
+            vexo_ipc_cloud_storage_uninit();
+        }
+        std::string problems;
+        if (!tk::wait_threads_exited(kThreadExitMs)) {
+            *fatal = true;
+            return "worker still running after uninit";
+        }
+        problems += leftovers();
+        if (problems.empty()) {
+            tk::faults_off();
+            problems += recovery();
+        }
+        return problems;
+    }
+
+    /// What the module left behind after uninit.
+    static std::string leftovers() {
+        std::string out;
+        auto note = [&out](uint64_t n, const char *what) {
+            if (n != 0) {
+                out += " " + std::to_string(n) + " " + what + ";";
+            }
+        };
+        note(tk::alloc_stats(tk::Pool::malloc).outstanding, "Malloc blocks outstanding");
+        note(tk::alloc_stats(tk::Pool::system).outstanding, "system blocks outstanding");
+        note(tk::locked_mutex_count(), "mutexes held");
+        note(tk::open_reader_count(), "ring readers open");
+        note(tk::kv_outstanding_reads(), "store reads not released");
+        for (const tk::Misuse &m : tk::misuses()) {
+            out += " misuse [" + m.category + "] " + m.message + ";";
+        }
+        return out;
+    }
+
+    /// With failures off: init again without resetting the module, one event, and every
+    /// upload made after it must be whole and decrypt with the key its recording announced.
+    static std::string recovery() {
+        const size_t uploads_before = tk::uploads().size();
+        const size_t stops_before = tk::posts_of(kStopApi).size();
+        init_and_wait_config();
+        const int32_t event_rc = motion_event(stops_before + 1);
+        // A recording may be stopped and restarted on the way; the event is over once a file
+        // was uploaded and a stop followed it.
+        wait_until([&] {
+            const std::vector<tk::Upload> now = tk::uploads();
+            return now.size() > uploads_before && tk::posts_of(kStopApi).size() > stops_before &&
+                   tk::posts_of(kStopApi).back().at_ms >= now.back().at_ms;
+        });
+        vexo_ipc_cloud_storage_uninit();
+        if (!tk::wait_threads_exited(kThreadExitMs)) {
+            return " recovery: worker still running after uninit;";
+        }
+        const std::vector<tk::Upload> uploads = tk::uploads();
+        const std::vector<tk::Post> starts = tk::posts_of(kStartApi);
+        if (uploads.size() <= uploads_before || starts.empty()) {
+            return " recovery: no upload after the failures stopped (event_start " +
+                   std::to_string(event_rc) + ", uploads " + std::to_string(uploads_before) +
+                   " -> " + std::to_string(uploads.size()) + ", stops " +
+                   std::to_string(stops_before) + " -> " +
+                   std::to_string(tk::posts_of(kStopApi).size()) + ", start posts " +
+                   std::to_string(starts.size()) + ");";
+        }
+        const std::optional<Bytes> key = announced_key(starts.back().body);
+        if (!key) {
+            return " recovery: start notification names no known key: " + starts.back().body + ";";
+        }
+        std::string out;
+        for (size_t i = uploads_before; i < uploads.size(); ++i) {
+            if (uploads[i].rc != 0) {
+                continue;
+            }
+            const std::string fault = media_file::verify(uploads[i], key->data());
+            if (!fault.empty()) {
+                out += " recovery: " + uploads[i].file_name + ": " + fault + ";";
+            }
+        }
+        return out + leftovers();
+    }
+};
+
+TEST_P(Sweep, EveryFallibleCallFailedInTurnLeavesNothingBehindAndRecordingResumes) {
+    const Scenario &s = kScenarios[std::get<0>(GetParam())];
+    const int shard = std::get<1>(GetParam());
+    bool fatal = false;
+    ASSERT_EQ(run_once(s, 0, &fatal), "") << "the scenario fails with no fault";
+    // The count of the faultless run (a run stops counting at its uninit).
+    tk::reset();
+    cloud_storage_reset_statics();
+    s.run();
+    vexo_ipc_cloud_storage_uninit();
+    ASSERT_TRUE(tk::wait_threads_exited(kThreadExitMs));
+    const uint64_t total = tk::fallible_calls();
+    std::string per_kind;
+    for (size_t k = 0; k < static_cast<size_t>(tk::Fallible::kind_count); ++k) {
+        const uint64_t n = tk::fallible_calls(static_cast<tk::Fallible>(k));
+        if (n != 0) {
+            per_kind += std::string(" ") + tk::fallible_name(static_cast<tk::Fallible>(k)) + "=" +
+                        std::to_string(n);
+        }
+    }
+    std::printf("%s: %llu fallible calls:%s\n", s.name, static_cast<unsigned long long>(total),
+                per_kind.c_str());
+    ASSERT_GT(total, 0u);
+
+    std::vector<std::string> problems;
+    uint64_t runs = 0;
+    uint64_t injected_runs = 0;
+    // VEXO_TORTURE_N=n runs only that call's failure (in the shard that holds it), to study it.
+    const char *only = std::getenv("VEXO_TORTURE_N");
+    const uint64_t only_n = only != nullptr ? std::strtoull(only, nullptr, 10) : 0;
+    for (uint64_t n = static_cast<uint64_t>(shard) + 1; n <= total; n += VEXO_TORTURE_SHARDS) {
+        if (only_n != 0 && n != only_n) {
+            continue;
+        }
+        ++runs;
+        const std::string found = run_once(s, n, &fatal);
+        const std::vector<tk::InjectedFault> injected = tk::injected_faults();
+        if (!injected.empty()) {
+            ++injected_runs;
+        }
+        if (!found.empty()) {
+            std::string where = "N=" + std::to_string(n);
+            if (!injected.empty()) {
+                where += std::string(" ") + tk::fallible_name(injected[0].kind) + " on \"" +
+                         injected[0].thread + "\"";
+            }
+            problems.push_back(where + ":" + found);
+        }
+        if (fatal) {
+            break;
+        }
+    }
+    std::printf("%s shard %d/%d: %llu runs, %llu with the fault injected, %zu with problems\n",
+                s.name, shard, VEXO_TORTURE_SHARDS, static_cast<unsigned long long>(runs),
+                static_cast<unsigned long long>(injected_runs), problems.size());
+    for (size_t i = 0; i < problems.size() && i < kMaxReported; ++i) {
+        ADD_FAILURE() << s.name << " " << problems[i];
+    }
+    EXPECT_TRUE(problems.empty()) << problems.size() << " runs with problems";
+    EXPECT_GT(injected_runs, 0u);
+}
+
+std::string sweep_name(const ::testing::TestParamInfo<std::tuple<size_t, int>> &info) {
+    return std::string(kScenarios[std::get<0>(info.param)].name) + "_shard" +
+           std::to_string(std::get<1>(info.param));
+}
+
+INSTANTIATE_TEST_SUITE_P(Scenarios, Sweep,
+                         ::testing::Combine(::testing::Range<size_t>(0, sizeof(kScenarios) /
+                                                                            sizeof(kScenarios[0])),
+                                            ::testing::Range(0, VEXO_TORTURE_SHARDS)),
+                         sweep_name);
+
+} // namespace
