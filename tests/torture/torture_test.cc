@@ -4,6 +4,7 @@
 // after uninit, and left no allocation, held mutex, open ring reader, unreleased store read
 // or kit misuse behind; and once the failures stop, an event must record again: its uploads
 // must decrypt with the key the recording announced and match the frames the kit produced.
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -219,12 +220,16 @@ TEST_P(Sweep, EveryFallibleCallFailedInTurnLeavesNothingBehindAndRecordingResume
     bool fatal = false;
     ASSERT_EQ(run_once(s, 0, &fatal), "") << "the scenario fails with no fault";
     // The count of the faultless run (a run stops counting at its uninit).
-    tk::reset();
-    cloud_storage_reset_statics();
-    s.run();
-    vexo_ipc_cloud_storage_uninit();
-    ASSERT_TRUE(tk::wait_threads_exited(kThreadExitMs));
-    const uint64_t total = tk::fallible_calls();
+    // Thread timing can cut a run short: the longest of three counts is taken.
+    uint64_t total = 0;
+    for (int i = 0; i < 3; ++i) {
+        tk::reset();
+        cloud_storage_reset_statics();
+        s.run();
+        vexo_ipc_cloud_storage_uninit();
+        ASSERT_TRUE(tk::wait_threads_exited(kThreadExitMs));
+        total = std::max(total, tk::fallible_calls());
+    }
     std::string per_kind;
     for (size_t k = 0; k < static_cast<size_t>(tk::Fallible::kind_count); ++k) {
         const uint64_t n = tk::fallible_calls(static_cast<tk::Fallible>(k));
