@@ -193,6 +193,10 @@ struct Part {
     int shards;
 };
 
+void PrintTo(const Part &part, std::ostream *os) {
+    *os << kScenarios[part.scenario].name << " " << part.shard << "/" << part.shards;
+}
+
 class Sweep : public KitTest, public ::testing::WithParamInterface<Part> {
   protected:
     /// Runs the scenario with the plan set by `arm`, uninits, and returns what is wrong ("" when
@@ -237,10 +241,25 @@ class Sweep : public KitTest, public ::testing::WithParamInterface<Part> {
         return out;
     }
 
+    /// The first error and debug lines logged from `from` on, to tell what the module did.
+    static std::string log_excerpt(size_t from) {
+        const std::vector<tk::LogLine> lines = tk::logs();
+        std::string out = " log:";
+        size_t shown = 0;
+        for (size_t i = from; i < lines.size() && shown < 30; ++i) {
+            if (lines[i].level != tk::Level::trace) {
+                out += "\n    " + std::to_string(lines[i].at_ms) + " " + lines[i].text;
+                ++shown;
+            }
+        }
+        return out + "\n";
+    }
+
     /// With failures off: init again without resetting the module, one event, and every
     /// upload made after it must be whole and decrypt with the key its recording announced.
     static std::string recovery() {
         script_mode("event");
+        const size_t logs_before = tk::logs().size();
         const size_t uploads_before = tk::uploads().size();
         const size_t stops_before = tk::posts_of(kStopApi).size();
         init_and_wait_config();
@@ -259,7 +278,8 @@ class Sweep : public KitTest, public ::testing::WithParamInterface<Part> {
         const std::vector<tk::Upload> uploads = tk::uploads();
         const std::vector<tk::Post> starts = tk::posts_of(kStartApi);
         if (uploads.size() <= uploads_before || starts.empty()) {
-            return " recovery: no upload after the failures stopped (event_start " +
+            return log_excerpt(logs_before) +
+                   " recovery: no upload after the failures stopped (event_start " +
                    std::to_string(event_rc) + ", uploads " + std::to_string(uploads_before) +
                    " -> " + std::to_string(uploads.size()) + ", stops " +
                    std::to_string(stops_before) + " -> " +
