@@ -24,9 +24,10 @@ constexpr char kStartApi[] = "vexo.device.ipc.media.storage.notify.upload.start"
 constexpr char kStopApi[] = "vexo.device.ipc.media.storage.notify.upload.stop";
 constexpr uint32_t kEventSecs = 6;
 constexpr uint32_t kSlice = 2;
-constexpr uint32_t kWaitMs = 3000;       // real-time bound of one scripted wait
-constexpr uint32_t kThreadExitMs = 5000; // the worker must be gone this long after uninit
-constexpr size_t kMaxReported = 25;      // problems listed per shard; the rest are counted
+constexpr uint32_t kWaitMs = 3000;          // real-time bound of one wait in a faulted run
+constexpr uint32_t kRecoveryWaitMs = 20000; // and in the recovery, which must get there
+constexpr uint32_t kThreadExitMs = 5000;    // the worker must be gone this long after uninit
+constexpr size_t kMaxReported = 25;         // problems listed per shard; the rest are counted
 const std::string kCloudKey = "fedcba9876543210";
 
 /// 5 fps, a key frame every second, tiny frames: few calls per recorded second.
@@ -46,6 +47,11 @@ bool wait_until(const std::function<bool()> &pred, uint32_t real_ms = kWaitMs) {
 
 int32_t init_module() {
     vexo_ipc_media_info_t media = tk::sample_media_info();
+    // The frame rate the module is told must be the stream's: it steps back pre-record seconds
+    // times this many frames. Told 25 fps over a 5 fps stream, the 2 s pre-record stepped back
+    // to the ring's oldest frame, past the lag limit; each retry then cost a daily event, and
+    // retries made while the test held the clock still used up all 20 without a frame.
+    media.video_fps[0] = kSmallStream.fps;
     vexo_ipc_cloud_storage_hooks_t hooks;
     std::memset(&hooks, 0, sizeof(hooks));
     return vexo_ipc_cloud_storage_init(&media, &hooks);
@@ -53,24 +59,26 @@ int32_t init_module() {
 
 /// Init, then waits (bounded) until the worker applied a configuration (its sequence-log entry
 /// 74) or is gone. A failed call may keep either from happening; the checks come after.
-void init_and_wait_config() {
+void init_and_wait_config(uint32_t real_ms = kWaitMs) {
     const size_t applied = tk::seq_entries(74).size();
     if (init_module() != 0) {
         return;
     }
-    wait_until([applied] {
-        return tk::seq_entries(74).size() > applied || tk::running_thread_count() == 0;
-    });
+    wait_until(
+        [applied] {
+            return tk::seq_entries(74).size() > applied || tk::running_thread_count() == 0;
+        },
+        real_ms);
 }
 
 /// One motion event, waited on (bounded) until `stops` stop notifications were sent; returns
 /// what event_start answered.
-int32_t motion_event(size_t stops) {
+int32_t motion_event(size_t stops, uint32_t real_ms = kWaitMs) {
     tk::freeze_clock(true); // the idle worker must not move time on during the call
     const int32_t rc = vexo_ipc_cloud_storage_event_start();
     tk::freeze_clock(false);
     if (rc == 0) {
-        wait_until([stops] { return tk::posts_of(kStopApi).size() >= stops; });
+        wait_until([stops] { return tk::posts_of(kStopApi).size() >= stops; }, real_ms);
     }
     return rc;
 }
@@ -262,15 +270,18 @@ class Sweep : public KitTest, public ::testing::WithParamInterface<Part> {
         const size_t logs_before = tk::logs().size();
         const size_t uploads_before = tk::uploads().size();
         const size_t stops_before = tk::posts_of(kStopApi).size();
-        init_and_wait_config();
-        const int32_t event_rc = motion_event(stops_before + 1);
+        init_and_wait_config(kRecoveryWaitMs);
+        const int32_t event_rc = motion_event(stops_before + 1, kRecoveryWaitMs);
         // A recording may be stopped and restarted on the way; the event is over once a file
         // was uploaded and a stop followed it.
-        wait_until([&] {
-            const std::vector<tk::Upload> now = tk::uploads();
-            return now.size() > uploads_before && tk::posts_of(kStopApi).size() > stops_before &&
-                   tk::posts_of(kStopApi).back().at_ms >= now.back().at_ms;
-        });
+        wait_until(
+            [&] {
+                const std::vector<tk::Upload> now = tk::uploads();
+                return now.size() > uploads_before &&
+                       tk::posts_of(kStopApi).size() > stops_before &&
+                       tk::posts_of(kStopApi).back().at_ms >= now.back().at_ms;
+            },
+            kRecoveryWaitMs);
         vexo_ipc_cloud_storage_uninit();
         if (!tk::wait_threads_exited(kThreadExitMs)) {
             return " recovery: worker still running after uninit;";
