@@ -4,6 +4,7 @@
 // after uninit, and left no allocation, held mutex, open ring reader, unreleased store read
 // or kit misuse behind; and once the failures stop, an event must record again: its uploads
 // must decrypt with the key the recording announced and match the frames the kit produced.
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -190,7 +191,16 @@ std::optional<Bytes> announced_key(const std::string &start_body) {
     return std::nullopt;
 }
 
-/// A part of a scenario's sweep: the calls N with (N - 1) % shards == shard.
+constexpr size_t kKinds = static_cast<size_t>(tk::Fallible::kind_count);
+
+/// What a run fails: the call with that overall index (0: none), and every call of a kind.
+struct Plan {
+    uint64_t nth;
+    std::optional<tk::Fallible> every;
+};
+
+/// A part of a scenario's sweep: the calls N with (N - 1) % shards == shard, and the kinds
+/// k with k % shards == shard.
 struct Part {
     size_t scenario;
     int shard;
@@ -205,11 +215,19 @@ class Sweep : public KitTest, public ::testing::WithParamInterface<Part> {
   protected:
     /// Runs the scenario with the plan set by `arm`, uninits, and returns what is wrong ("" when
     /// nothing is). `fatal` is set when the worker did not end: the kit cannot be reset then.
-    std::string run_once(const Scenario &s, uint64_t fail_nth, bool *fatal) {
+    std::string run_once(const Scenario &s, const Plan &plan, bool *fatal) {
         tk::reset();
         cloud_storage_reset_statics();
-        tk::fail_nth_fallible(fail_nth);
+        tk::fail_nth_fallible(plan.nth);
+        if (plan.every) {
+            tk::fail_every(*plan.every, true);
+        }
         s.run();
+        if (plan.every) {
+            // The worker retries the first configuration fetch until it succeeds and only then
+            // looks at uninit: a kind failing at every call stops before uninit.
+            tk::faults_off();
+        }
         if (vexo_ipc_cloud_storage_get_if_inited() != 0) {
             vexo_ipc_cloud_storage_uninit();
         }
@@ -219,13 +237,8 @@ class Sweep : public KitTest, public ::testing::WithParamInterface<Part> {
             return "worker still running after uninit";
         }
         calls_ = tk::fallible_calls();
-        kinds_.clear();
-        for (size_t k = 0; k < static_cast<size_t>(tk::Fallible::kind_count); ++k) {
-            const auto kind = static_cast<tk::Fallible>(k);
-            if (tk::fallible_calls(kind) != 0) {
-                kinds_ += std::string(" ") + tk::fallible_name(kind) + "=" +
-                          std::to_string(tk::fallible_calls(kind));
-            }
+        for (size_t k = 0; k < kKinds; ++k) {
+            kind_calls_[k] = tk::fallible_calls(static_cast<tk::Fallible>(k));
         }
         problems += leftovers();
         if (problems.empty()) {
@@ -320,7 +333,7 @@ class Sweep : public KitTest, public ::testing::WithParamInterface<Part> {
     }
 
     uint64_t calls_ = 0; // fallible calls of the last run up to its uninit, and per kind
-    std::string kinds_;
+    uint64_t kind_calls_[kKinds] = {};
 };
 
 TEST_P(Sweep, EveryFallibleCallFailedInTurnLeavesNothingBehindAndRecordingResumes) {
@@ -332,11 +345,25 @@ TEST_P(Sweep, EveryFallibleCallFailedInTurnLeavesNothingBehindAndRecordingResume
     // the range swept. Thread timing can cut a run short: the longest of three is taken.
     uint64_t total = 0;
     std::string per_kind;
+    std::vector<Plan> plans;
     for (int i = 0; i < 3; ++i) {
-        ASSERT_EQ(run_once(s, 0, &fatal), "") << "the scenario fails with no fault";
-        if (calls_ > total) {
-            total = calls_;
-            per_kind = kinds_;
+        ASSERT_EQ(run_once(s, Plan{}, &fatal), "") << "the scenario fails with no fault";
+        total = std::max(total, calls_);
+    }
+    // Every call N in turn; and since thread timing moves a call's index a little from run to
+    // run, also every kind the scenario uses failing at each of its calls, once.
+    for (uint64_t n = static_cast<uint64_t>(shard) + 1; n <= total;
+         n += static_cast<uint64_t>(shards)) {
+        plans.push_back(Plan{n, std::nullopt});
+    }
+    for (size_t k = 0; k < kKinds; ++k) {
+        const auto kind = static_cast<tk::Fallible>(k);
+        if (kind_calls_[k] != 0) {
+            per_kind +=
+                std::string(" ") + tk::fallible_name(kind) + "=" + std::to_string(kind_calls_[k]);
+            if (k % static_cast<size_t>(shards) == static_cast<size_t>(shard)) {
+                plans.push_back(Plan{0, kind});
+            }
         }
     }
     std::printf("%s: %llu fallible calls:%s\n", s.name, static_cast<unsigned long long>(total),
@@ -349,20 +376,20 @@ TEST_P(Sweep, EveryFallibleCallFailedInTurnLeavesNothingBehindAndRecordingResume
     // VEXO_TORTURE_N=n runs only that call's failure (in the shard that holds it), to study it.
     const char *only = std::getenv("VEXO_TORTURE_N");
     const uint64_t only_n = only != nullptr ? std::strtoull(only, nullptr, 10) : 0;
-    for (uint64_t n = static_cast<uint64_t>(shard) + 1; n <= total;
-         n += static_cast<uint64_t>(shards)) {
-        if (only_n != 0 && n != only_n) {
+    for (const Plan &plan : plans) {
+        if (only_n != 0 && plan.nth != only_n) {
             continue;
         }
         ++runs;
-        const std::string found = run_once(s, n, &fatal);
+        const std::string found = run_once(s, plan, &fatal);
         const std::vector<tk::InjectedFault> injected = tk::injected_faults();
         if (!injected.empty()) {
             ++injected_runs;
         }
         if (!found.empty()) {
-            std::string where = "N=" + std::to_string(n);
-            if (!injected.empty()) {
+            std::string where = plan.every ? std::string("every ") + tk::fallible_name(*plan.every)
+                                           : "N=" + std::to_string(plan.nth);
+            if (!injected.empty() && !plan.every) {
                 where += std::string(" ") + tk::fallible_name(injected[0].kind) + " on \"" +
                          injected[0].thread + "\"";
             }
