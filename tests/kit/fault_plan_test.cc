@@ -48,6 +48,10 @@ int32_t config(bool restriction) { // a failed one leaves the record as it was
     return restriction ? cloud_get_storage_restriction_config(&g_cfg)
                        : cloud_get_storage_config(&g_cfg, 0);
 }
+int32_t snapshot() {
+    int32_t room = sizeof g_buf; // the call sets it to the picture's size
+    return vexo_ipc_get_snapshot_cb(g_buf, &room);
+}
 int32_t thread() {
     const int32_t rc = CreateAndStart(&g_thread, nullptr, nullptr, noop_thread, nullptr, nullptr);
     tk::wait_threads_exited(5000);
@@ -80,7 +84,7 @@ const Case kCases[] = {
     {F::api_post, [] { return post() == -1 && g_json == nullptr; }},
     {F::upload, [] { return cloud_put_data_to_file(&g_cfg, "", 0, "f", "", g_buf, 1) == -1; }},
     {F::alarm, [] { return vexo_ipc_alarm_event(&g_alarm) == -1; }},
-    {F::snapshot, [] { return vexo_ipc_get_snapshot_cb(g_buf, &g_int) == -1; }},
+    {F::snapshot, [] { return snapshot() == -1; }},
     {F::mqtt_attach, [] { return mqtt_attach(5, noop_handler) == -1; }},
     {F::thread_create, [] { return thread() == -1; }},
     {F::mutex_create, [] { return vexo_hal_mutex_create_init(&g_mutex) == -1; }},
@@ -91,7 +95,6 @@ TEST(FaultPlan, EachKindFailsAsItsContractSaysOnlyWhilePlannedAndIsCounted) {
         SCOPED_TRACE(tk::fallible_name(c.kind));
         tk::reset();
         tk::set_default_restriction(0, 30, 10);
-        g_int = sizeof g_buf; // the snapshot's room
         EXPECT_FALSE(c.failed()) << "fails with no fault planned";
         tk::fail_every(c.kind, true);
         EXPECT_TRUE(c.failed());
