@@ -5,7 +5,8 @@
 #   scripts/test-all.sh [stage...] [cmake option...]
 #
 # Stages (default: all, in this order):
-#   native    gcc RelWithDebInfo build (benchmarks compiled too) + ctest
+#   native    gcc RelWithDebInfo build (benchmarks compiled too) + ctest, the fault sweep
+#             (tests labelled "torture") included: it runs in this stage only
 #   readme    the README as a reader runs it: its first command (scripts/run-camsim.sh, a
 #             30 s run into build/readme/vexo-data; every export must decode cleanly), then
 #             scripts/check-readme.sh, which runs the sh blocks of "The cloud on the network"
@@ -48,6 +49,9 @@ MODULE_DIRS=(core events cloud upload)
 # The native and armhf builds; the install stage installs from the same build directories.
 # Prefix /usr: the library directory is then the multiarch one (lib/<triplet>), as in a
 # Debian package or a camera's sysroot.
+# The one build whose ctest runs the fault sweep (CTest label "torture"); every other stage
+# leaves it out with -LE torture. Optimised, it takes a fraction of its Debug or sanitizer time.
+SWEEP_CONFIG=native
 # What the tidy stage checks (the whole tree takes too long on two cores).
 TIDY_DIRS=(core events cloud upload kits)
 NATIVE_ARGS=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DVEXO_BUILD_BENCH=ON -DCMAKE_INSTALL_PREFIX=/usr)
@@ -104,10 +108,14 @@ configure_and_build() { # <config> <cmake args...>
 run_ctest() { # <config> [prefix command...]
     local config="$1"
     shift
-    say "${config}: ctest (-j${JOBS})"
+    local select=(-LE torture)
+    if [[ "${config}" == "${SWEEP_CONFIG}" ]]; then
+        select=()
+    fi
+    say "${config}: ctest (-j${JOBS}) ${select[*]}"
     # --no-tests=error: a configuration without any test is a failure, not a pass.
     "$@" ctest --test-dir "${BUILD_ROOT}/${config}" --output-on-failure --no-tests=error \
-        --parallel "${JOBS}"
+        --parallel "${JOBS}" "${select[@]}"
 }
 
 stage_native() {

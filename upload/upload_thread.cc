@@ -434,10 +434,11 @@ void __thread_cloud_storage(void * /*arg*/) {
     cloud_storage_ctl_t &ctl = cloud_storage_ctl;
     upload_thread_state st = {};
     st.generation = ctl.thread_generation;
-    if (!cloud_storage_thread_startup(&st)) {
-        return;
-    }
-    while (cloud_storage_thread_pass(&st)) {
+    // A thread that could not open its reader still owns the media buffer, the events and
+    // AES that init handed it: it releases them like a thread that ran.
+    if (cloud_storage_thread_startup(&st)) {
+        while (cloud_storage_thread_pass(&st)) {
+        }
     }
     cloud_storage_thread_exit(&st);
 }

@@ -171,7 +171,9 @@ extern "C" {
 
 int32_t cloud_get_storage_config(vexo_storage_config_t *cfg, int32_t flag) {
     static_cast<void>(flag);
-    tk::detail::enter("cloud_get_storage_config");
+    if (auto scripted = tk::detail::enter("cloud_get_storage_config")) {
+        return *scripted;
+    }
     if (cfg == nullptr) {
         return -1;
     }
@@ -188,7 +190,9 @@ int32_t cloud_get_storage_config(vexo_storage_config_t *cfg, int32_t flag) {
 }
 
 int32_t cloud_get_storage_restriction_config(vexo_storage_config_t *cfg) {
-    tk::detail::enter("cloud_get_storage_restriction_config");
+    if (auto scripted = tk::detail::enter("cloud_get_storage_restriction_config")) {
+        return *scripted;
+    }
     if (cfg == nullptr) {
         return -1;
     }
@@ -244,7 +248,7 @@ int32_t iot_httpc_common_post_no_remalloc(const char *api_name, const char *api_
                                           const char *uuid, const char *dev_id, char *post_data,
                                           uint32_t post_len, const char *extra_header,
                                           cJSON **result) {
-    tk::detail::enter("iot_httpc_common_post_no_remalloc");
+    std::optional<int32_t> scripted = tk::detail::enter("iot_httpc_common_post_no_remalloc");
     if (result != nullptr) {
         *result = nullptr;
     }
@@ -265,6 +269,10 @@ int32_t iot_httpc_common_post_no_remalloc(const char *api_name, const char *api_
         std::lock_guard<std::mutex> lock(g_mu);
         g_posts.push_back(post);
         PostScript &script = g_post_scripts[post.api];
+        if (scripted) {
+            // A failed request: recorded as sent, no answer consumed, no result object.
+            return *scripted;
+        }
         if (!script.queue.empty()) {
             answer = script.queue.front();
             script.queue.pop_front();

@@ -8,6 +8,8 @@
 #include <optional>
 #include <string>
 
+#include "test_kit.h"
+
 namespace tk::detail {
 
 /// Counts a call of the named entry point, runs its hook (outside every kit lock) and returns
@@ -15,6 +17,10 @@ namespace tk::detail {
 std::optional<int32_t> enter(const char *entry);
 /// Counts a call without looking at hooks or scripted results (for the hottest paths).
 void count(const char *entry);
+/// Counts a fallible call of that kind; true when the fault plan makes it fail.
+bool fault(tk::Fallible kind);
+/// The kind of fallible call an entry point going through enter() is, if any.
+std::optional<tk::Fallible> fallible_kind(const char *entry);
 void record_misuse(const char *category, const std::string &message);
 
 /// Name of the kit thread running the caller, "" for other threads.
@@ -39,6 +45,7 @@ void reset_crypto();
 void reset_ring_buffer();
 void reset_cloud();
 void reset_device();
+void reset_faults();
 
 } // namespace tk::detail
 

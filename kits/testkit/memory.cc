@@ -42,10 +42,11 @@ void *take_locked(PoolState &p, size_t size) {
 }
 
 void *allocate(tk::Pool pool, size_t size) {
+    bool fail = tk::detail::fault(pool == tk::Pool::malloc ? tk::Fallible::malloc
+                                                           : tk::Fallible::system_malloc);
     std::lock_guard<std::mutex> lock(g_mu);
     PoolState &p = pool_of(pool);
     ++p.calls;
-    bool fail = false;
     if (p.fail_countdown > 0 && --p.fail_countdown == 0) {
         fail = true;
     }

@@ -256,6 +256,9 @@ vexo_ring_buffer_user_t vexo_ipc_ring_buffer_open(int32_t device, int32_t channe
 vexo_ring_buffer_frame_t *vexo_ipc_ring_buffer_get_frame(vexo_ring_buffer_user_t user,
                                                          int32_t retry) {
     tk::detail::count("vexo_ipc_ring_buffer_get_frame");
+    if (tk::detail::fault(tk::Fallible::ring_get)) {
+        return nullptr;
+    }
     std::lock_guard<std::mutex> lock(g_mu);
     materialise();
     Reader *r = find_reader(user, "get_frame");
@@ -279,6 +282,9 @@ vexo_ring_buffer_frame_t *vexo_ipc_ring_buffer_get_av_frame(vexo_ring_buffer_use
                                                             vexo_ring_buffer_user_t audio,
                                                             int32_t retry) {
     tk::detail::count("vexo_ipc_ring_buffer_get_av_frame");
+    if (tk::detail::fault(tk::Fallible::ring_get)) {
+        return nullptr;
+    }
     std::lock_guard<std::mutex> lock(g_mu);
     materialise();
     Reader *rv = find_reader(video, "get_av_frame (video)");

@@ -48,6 +48,13 @@ std::optional<int32_t> enter(const char *entry) {
             }
         }
     }
+    // Counted even when a scripted result decides the call, so that call indexes do not
+    // depend on what else the test scripted.
+    if (std::optional<tk::Fallible> kind = fallible_kind(entry)) {
+        if (fault(*kind) && !result) {
+            result = -1;
+        }
+    }
     if (hook) {
         hook();
     }
@@ -90,6 +97,7 @@ void reset() {
     detail::reset_cloud();
     detail::reset_device();
     detail::reset_state();
+    detail::reset_faults();
     if (!threads_gone) {
         detail::record_misuse("thread", std::to_string(abandoned) +
                                             " kit thread(s) still running at reset; their "

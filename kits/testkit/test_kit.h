@@ -35,8 +35,10 @@ uint64_t calls(const std::string &entry);
 /// OpensslAES_CBC128_encrypt, vexo_ipc_ring_buffer_open (null), _anchor_user, _sync_stream,
 /// _if_delay, _close, cloud_cfg_broadcast_update_status, cloud_put_data_to_file (the upload is
 /// still recorded, with that rc), mqtt_attach, vexo_ipc_alarm_event (still recorded),
-/// vexo_ipc_get_snapshot_cb and vexo_ipc_skill_enable. Configuration answers and HTTP posts
-/// have their own queues below.
+/// vexo_ipc_get_snapshot_cb, vexo_ipc_skill_enable, cloud_get_storage_config and
+/// cloud_get_storage_restriction_config (record not filled) and
+/// iot_httpc_common_post_no_remalloc (the post is still recorded, no result object, no queued
+/// answer used). Configuration answers and HTTP posts also have their own queues below.
 void queue_result(const std::string &entry, int32_t code, uint32_t times = 1);
 /// Runs `hook` on the calling thread at the start of every call of the named entry point,
 /// outside the kit's locks (an empty function removes it). Lets a test act at a given moment.
@@ -51,6 +53,58 @@ struct Misuse {
 std::vector<Misuse> misuses();
 /// Misuses of one category, or of all when category is empty.
 size_t misuse_count(const std::string &category = "");
+
+// ---- fault plan ------------------------------------------------------------------------------
+//
+// Every call below that can fail is a fallible call: each one is counted, overall and per kind,
+// from the last reset, and the plan can make it fail with the failure its contract gives:
+// null from Malloc, vexo_hal_system_malloc, ring_buffer_open and the get calls; -1 from every
+// other kind (a configuration record is then not filled, a post hands out no result object,
+// an upload and an alarm are still recorded with rc -1, a failed key-value write stores
+// nothing). A result queued with queue_result (or fail_alloc_call, fail_open) takes precedence;
+// the call is still counted. The MD5 calls return nothing and cannot fail.
+
+enum class Fallible : uint8_t {
+    malloc,
+    system_malloc,
+    kv_read,
+    kv_write,
+    serialize,
+    deserialize,
+    aes_init,
+    aes_update_key,
+    aes_encrypt, // vexo_hw_aes_encrypt_cbc and OpensslAES_CBC128_encrypt
+    ring_open,
+    ring_anchor,
+    ring_get, // get_frame and get_av_frame
+    ring_sync,
+    storage_config,
+    restriction,
+    api_post,
+    upload,
+    alarm,
+    snapshot,
+    mqtt_attach,
+    thread_create,
+    mutex_create,
+    kind_count
+};
+const char *fallible_name(Fallible kind);
+uint64_t fallible_calls();
+uint64_t fallible_calls(Fallible kind);
+/// The fallible call with that overall index (1 = the first since reset) fails; 0: none.
+void fail_nth_fallible(uint64_t n);
+/// Every call of that kind fails while on.
+void fail_every(Fallible kind, bool on);
+/// Clears both kinds of failure; the counts go on.
+void faults_off();
+struct InjectedFault {
+    uint64_t index; // overall index of the call that failed
+    Fallible kind;
+    std::string thread; // kit thread name, "" for others
+};
+/// Every call the plan made fail since reset, in order.
+std::vector<InjectedFault> injected_faults();
 
 // ---- virtual clock ---------------------------------------------------------------------------
 
