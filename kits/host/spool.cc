@@ -224,9 +224,11 @@ void Spool::erase_locked(uint64_t seq) {
     sync_directory(config_.dir);
 }
 
-std::map<uint64_t, ItemInfo>::iterator Spool::oldest_free() {
+std::map<uint64_t, ItemInfo>::iterator Spool::oldest_droppable() {
+    // A gap report is a few bytes and the only word the cloud gets of the footage it stands
+    // for: dropping one to make room would turn a reported gap into a silent hole.
     auto it = index_.begin();
-    if (it != index_.end() && it->first == held_) {
+    while (it != index_.end() && (it->first == held_ || it->second.kind == Kind::kGap)) {
         ++it;
     }
     return it;
@@ -305,13 +307,13 @@ void Spool::enforce_bounds(uint64_t now_ms) {
 
 void Spool::enforce_locked(uint64_t now_ms) {
     PendingGaps gaps;
-    for (auto it = oldest_free(); it != index_.end() && it->second.queued_ms <= now_ms &&
-                                  now_ms - it->second.queued_ms >= config_.max_age_ms;
-         it = oldest_free()) {
+    for (auto it = oldest_droppable(); it != index_.end() && it->second.queued_ms <= now_ms &&
+                                       now_ms - it->second.queued_ms >= config_.max_age_ms;
+         it = oldest_droppable()) {
         drop(it, false, kTooOld, &gaps);
     }
     while (bytes_ > config_.max_bytes) {
-        auto it = oldest_free();
+        auto it = oldest_droppable();
         if (it == index_.end()) {
             break;
         }

@@ -11,7 +11,7 @@
 /// recording's start time; every other item is a group of its own. The recording still being
 /// appended to (the newest, without a stop) loses its oldest media files instead, so what
 /// follows still has its start. A dropped recording is reported by a gap item queued behind
-/// the rest. Thread-safe.
+/// the rest; gap items themselves are never dropped by the bounds. Thread-safe.
 #ifndef VEXO_HOST_SPOOL_H
 #define VEXO_HOST_SPOOL_H
 
@@ -85,8 +85,8 @@ class Spool {
     bool append_locked(ItemInfo info, const CloudRequest &request, uint64_t now_ms);
     void enforce_locked(uint64_t now_ms);
     void erase_locked(uint64_t seq);
-    /// The oldest item not held, or index_.end().
-    std::map<uint64_t, ItemInfo>::iterator oldest_free();
+    /// The oldest item the bounds may drop (neither held nor a gap report), or index_.end().
+    std::map<uint64_t, ItemInfo>::iterator oldest_droppable();
     /// The newest recording's start time when it has no stop queued; 0 otherwise.
     uint32_t open_recording() const;
     /// A gap being summed up while the bounds drop items, per recording and reason.
