@@ -6,7 +6,8 @@
 #     libmosquitto and the mosquitto broker, cpp-httplib for the tests' and admin commands'
 #     HTTP client, Boost (header-only Asio and Beast) for the service's HTTP server and the
 #     load generator, nginx and jq for its comparison benchmark; for the service's browser
-#     view: node and npm, and chromium for its browser tests);
+#     view: node and npm, and chromium for its browser tests; for scripts/soak.sh: Debian's
+#     python3 and gnuplot);
 #   - ui/node_modules from the committed package-lock.json (`npm ci`): hls.js, which the
 #     build compiles into vexo-cloud, and puppeteer-core, which drives the browser tests;
 #   - an armhf sysroot with cJSON and OpenSSL's libcrypto, built from the armhf .debs with
@@ -37,6 +38,7 @@ HOST_PACKAGES=(
     libcurl4-openssl-dev libmosquitto-dev mosquitto libcpp-httplib-dev
     libboost-dev nginx jq
     nodejs chromium
+    python3 gnuplot-nox
 )
 # armhf packages unpacked into the sysroot; each -dev package is paired with its runtime
 # package at the same version.
