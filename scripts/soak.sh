@@ -173,7 +173,10 @@ export VEXO_CLOUD_URL="${CLOUD_URL}"
 echo "soak: ${TOTAL_S} camera s at speed ${SPEED}, seed ${SEED}, spool ${SPOOL_BYTES};" \
     "vexo-cloud ${CLOUD_URL}, mosquitto port ${BROKER_PORT}; results in ${OUT}" >&2
 
-"${CAMSIM}" --data "${OUT}" --device "${DEVICE}" --cloud "${CLOUD_URL}" \
+# The ring buffer holds 10 s of real time, as a camera's 10-second ring does at speed 1: a
+# stall of the machine (a slow fsync, a busy core) is not SPEED times worse than on a camera.
+RING_S=$((SPEED * 10 < 3600 ? SPEED * 10 : 3600))
+"${CAMSIM}" --data "${OUT}" --device "${DEVICE}" --cloud "${CLOUD_URL}" --ring-seconds "${RING_S}" \
     --mqtt "mqtt://127.0.0.1:${BROKER_PORT}" --mode alltime --daily 10000 --speed "${SPEED}" \
     --duration "${TOTAL_S}" --start "${START_EPOCH}" --spool-bytes "${SPOOL_BYTES}" \
     >"${OUT}/camsim.out" 2>"${OUT}/camsim.log" &
@@ -203,13 +206,8 @@ camera_ms() { # sets ms: the camera ms since the module was ready; -1 before the
 }
 
 rss_kb() { # <pid>: 0 when it is gone
-    local key value rest
-    {
-        while read -r key value rest; do
-            [[ "${key}" == VmRSS: ]] && { echo "${value}"; return 0; }
-        done <"/proc/$1/status"
-    } 2>/dev/null || true
-    echo 0
+    awk '/^VmRSS:/ { print $2; found = 1 } END { if (!found) print 0 }' "/proc/$1/status" \
+        2>/dev/null || echo 0
 }
 fd_count() { # <pid>: 0 when it is gone
     local fds=("/proc/$1/fd/"*)
@@ -350,7 +348,8 @@ set datafile separator ","
 set multiplot layout 2,1 title "soak: ${TOTAL_S} camera s at speed ${SPEED}, seed ${SEED}"
 set xlabel "camera hours"
 set ylabel "RSS, MB"
-set key top left
+set key outside right top
+set offsets 0, 0, graph 0.1, 0
 plot "${OUT}/samples.csv" using (\$1/3600):(\$2/1024) every ::1 with lines title "vexo-camsim", \
      "" using (\$1/3600):(\$7 > 0 ? \$4/1024 : NaN) every ::1 with lines title "vexo-cloud"
 set ylabel "open descriptors"

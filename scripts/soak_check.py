@@ -167,7 +167,8 @@ def covered(hole, gaps):
 
 
 def mean_median(rows, key, window):
-    values = [r[key] for r in rows if window[0] <= r["camera_s"] < window[1]]
+    # A sample of 0 is a read of /proc that found the process between states: none.
+    values = [r[key] for r in rows if window[0] <= r["camera_s"] < window[1] and r[key] > 0]
     if not values:
         return None, None, 0
     return statistics.mean(values), statistics.median(values), len(values)
