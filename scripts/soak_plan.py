@@ -7,6 +7,7 @@ and come back, and when the cloud sends the camera a trigger, in camera seconds 
     window warmup 0 W          start-up and one of each event, left out of every measure
     window base W B            the baseline: quiet, measured
     window final F TOTAL       the end: quiet, measured
+    window service-base S T    the service's last instance's own baseline: quiet, measured
     AT cloud-down kill|term    the service is killed (SIGKILL) or stopped (SIGTERM)
     AT cloud-up                and started again on the same port and data
     AT broker-down / broker-up the broker stopped (SIGTERM) and started again
@@ -71,21 +72,32 @@ def plan(total, seed):
     for start, length in place(rng, max(2, round(hours * 0.4)), base_end, restarts_end, 20, 1200):
         events.append((start, "cloud-down", rng.choice(["kill", "term"])))
         events.append((start + length, "cloud-up", ""))
+    # The service's last instance is measured from its own warm-up on: no other event
+    # there (a trigger's recording may last a minute).
+    last_up = max(at for at, kind, _ in events if kind == "cloud-up")
+    service_base = (last_up + warmup, last_up + base_end)
+
+    def quiet(begin, end):
+        return end <= service_base[0] - 60 or begin >= service_base[1]
+
     # The broker: up to five minutes down about every three hours, anywhere between.
     for start, length in place(rng, max(2, round(hours / 3)), base_end, final_begin, 10, 300):
-        events.append((start, "broker-down", ""))
-        events.append((start + length, "broker-up", ""))
+        if quiet(start, start + length):
+            events.append((start, "broker-down", ""))
+            events.append((start + length, "broker-up", ""))
     # Triggers: about three an hour, at least six.
     for _ in range(max(6, round(hours * 3))):
         at = rng.uniform(base_end, final_begin)
         kind = rng.choice(["record", "pic", "pic_v"])
         arg = kind if kind == "pic" else "%s:%d" % (kind, rng.randint(5, 60))
-        events.append((at, "trigger", arg))
+        if quiet(at, at):
+            events.append((at, "trigger", arg))
     events.sort(key=lambda e: e[0])
     lines = [
         "window warmup 0 %d" % warmup,
         "window base %d %d" % (warmup, base_end),
         "window final %d %d" % (final_begin, total),
+        "window service-base %d %d" % service_base,
     ]
     lines += ["%d %s %s" % (at, kind, arg) for at, kind, arg in events]
     return lines
