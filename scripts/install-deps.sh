@@ -9,7 +9,8 @@
 #     load generator, nginx and jq for its comparison benchmark; libpq and the PostgreSQL
 #     server for the metadata store on PostgreSQL and its tests; for the service's browser
 #     view: node and npm, and chromium for its browser tests; for the S3 media store's tests:
-#     ceph-mon, ceph-osd and radosgw, which scripts/ceph.sh runs as a one-node cluster);
+#     ceph-mon, ceph-osd and radosgw, which scripts/ceph.sh runs as a one-node cluster; for
+#     scripts/soak.sh: Debian's python3 and gnuplot);
 #   - ui/node_modules from the committed package-lock.json (`npm ci`): hls.js, which the
 #     build compiles into vexo-cloud, and puppeteer-core, which drives the browser tests;
 #   - an armhf sysroot with cJSON and OpenSSL's libcrypto, built from the armhf .debs with
@@ -42,6 +43,7 @@ HOST_PACKAGES=(
     ceph-mon ceph-osd radosgw
     libpq-dev postgresql
     nodejs chromium
+    python3 gnuplot-nox
 )
 # armhf packages unpacked into the sysroot; each -dev package is paired with its runtime
 # package at the same version.

@@ -250,9 +250,11 @@ void Spool::erase_locked(uint64_t seq) {
     sync_directory(fs_, config_.dir);
 }
 
-Spool::Index::iterator Spool::oldest_free(Index &items) const {
+Spool::Index::iterator Spool::oldest_droppable(Index &items) const {
+    // A gap report is a few bytes and the only word the cloud gets of the footage it stands
+    // for: dropping one to make room would turn a reported gap into a silent hole.
     auto it = items.begin();
-    if (it != items.end() && it->first == held_) {
+    while (it != items.end() && (it->first == held_ || it->second.kind == Kind::kGap)) {
         ++it;
     }
     return it;
@@ -344,7 +346,7 @@ void Spool::enforce_locked(uint64_t now_ms) {
         return it != items.end() && it->second.queued_ms <= now_ms &&
                now_ms - it->second.queued_ms >= config_.max_age_ms;
     };
-    if (bytes_ <= config_.max_bytes && !too_old(oldest_free(index_), index_)) {
+    if (bytes_ <= config_.max_bytes && !too_old(oldest_droppable(index_), index_)) {
         return;
     }
     // What goes is chosen on a copy first, so that each gap report, naming its items, is on
@@ -354,11 +356,11 @@ void Spool::enforce_locked(uint64_t now_ms) {
     uint64_t bytes = bytes_;
     PendingGaps gaps;
     std::vector<uint64_t> doomed;
-    for (auto it = oldest_free(left); too_old(it, left); it = oldest_free(left)) {
+    for (auto it = oldest_droppable(left); too_old(it, left); it = oldest_droppable(left)) {
         plan_drop(left, it, false, kTooOld, &gaps, &doomed, &bytes);
     }
     while (bytes > config_.max_bytes) {
-        auto it = oldest_free(left);
+        auto it = oldest_droppable(left);
         if (it == left.end()) {
             break;
         }

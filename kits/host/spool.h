@@ -12,7 +12,8 @@
 /// appended to (the newest, without a stop) loses its oldest media files instead, so what
 /// follows still has its start. A dropped recording is reported by a gap item queued behind
 /// the rest; the report, naming the items, is on disk before they are removed, and a spool
-/// that opens to find a report's items still there removes them. Thread-safe.
+/// that opens to find a report's items still there removes them. Gap reports themselves are
+/// never dropped by the bounds. Thread-safe.
 #ifndef VEXO_HOST_SPOOL_H
 #define VEXO_HOST_SPOOL_H
 
@@ -91,8 +92,9 @@ class Spool {
     void enforce_locked(uint64_t now_ms);
     void erase_locked(uint64_t seq);
     using Index = std::map<uint64_t, ItemInfo>;
-    /// The oldest item of items not held, or items.end().
-    Index::iterator oldest_free(Index &items) const;
+    /// The oldest item of items the bounds may drop (neither held nor a gap report), or
+    /// items.end().
+    Index::iterator oldest_droppable(Index &items) const;
     /// The newest recording's start time when it has no stop queued; 0 otherwise.
     static uint32_t open_recording(const Index &items);
     /// A gap being summed up while the bounds drop items, per recording and reason.

@@ -241,4 +241,32 @@ TEST_F(SpoolTest, TooOldRecordingsGoWholeOnTheKitClockAndAHeldItemStays) {
                   {"from", kRec + 0}, {"to", kRec + 20}, {"reason", "too old"}, {"bytes", 200}}));
 }
 
+TEST_F(SpoolTest, GapReportsOutliveTheBoundsThatDropTheFootage) {
+    // A long outage of a camera recording all the time: each file over the byte bound pushes
+    // out the oldest one and queues a report, until the reports are the oldest items; a day
+    // later what is left is too old. Every report must still go out.
+    auto spool = open(12000, 3600 * 1000);
+    const std::string r = std::to_string(kRec);
+    for (uint32_t at = 0; at <= 50; at += 10) {
+        ASSERT_TRUE(
+            spool->append(info(Kind::kMedia, kRec, kRec + at, kRec + at + 10),
+                          request("/m" + r + "_" + std::to_string(at), std::string(5000, 'm')),
+                          kNow + at * 1000));
+    }
+    spool->enforce_bounds(kNow + uint64_t{24} * 3600 * 1000);
+    std::vector<std::string> bodies;
+    const std::vector<std::string> paths = drain(*spool, &bodies);
+    std::vector<std::pair<uint32_t, std::string>> gaps;
+    for (size_t i = 0; i < paths.size(); ++i) {
+        ASSERT_EQ(paths[i], "/gaps") << "every file is gone, one way or the other";
+        const nlohmann::json gap = nlohmann::json::parse(bodies[i]);
+        gaps.emplace_back(gap["from"].get<uint32_t>(), gap["reason"].get<std::string>());
+    }
+    EXPECT_EQ(gaps, (std::vector<std::pair<uint32_t, std::string>>{{kRec, "spool full"},
+                                                                   {kRec + 10, "spool full"},
+                                                                   {kRec + 20, "spool full"},
+                                                                   {kRec + 30, "spool full"},
+                                                                   {kRec + 40, "too old"}}));
+}
+
 } // namespace
