@@ -87,6 +87,20 @@ cmd_up() {
     fi
     mkdir -p "$DIR"
     DIR="$(cd "$DIR" && pwd)"
+    # A port found free can be taken by someone else before a node binds it (tests start
+    # servers side by side): such a start is stopped and tried again on new ports.
+    local attempt
+    for attempt in 1 2 3; do
+        start_nodes && return 0
+        cmd_down >/dev/null 2>&1 || true
+        echo "nats: a port was taken before its node bound it (attempt $attempt); again" >&2
+    done
+    die "the nodes lost their ports three times"
+}
+
+# Starts the nodes and waits for the cluster; returns 1 when a node lost a port to someone
+# else, dies on any other failure.
+start_nodes() {
     local client_ports=() cluster_ports=() mqtt_ports=() http_ports=()
     for i in $(seq 1 "$NODES"); do
         client_ports+=("$(free_port)")
@@ -144,10 +158,11 @@ EOF
         local ready=0
         for i in $(seq 1 "$NODES"); do
             local mon_var="NATS_N${i}_MONITOR" pid_var="NATS_N${i}_PID"
-            alive "${!pid_var}" || {
+            if ! alive "${!pid_var}"; then
+                grep -q 'address already in use' "$DIR/n$i.log" && return 1
                 cat "$DIR/n$i.log" >&2
                 die "node n$i ended at start (log above)"
-            }
+            fi
             local n
             n="$(routes_of "${!mon_var}" || true)"
             if [[ "${n:-0}" -ge $((NODES - 1)) ]] && healthy "${!mon_var}"; then
