@@ -95,6 +95,40 @@ Response commit_media(ServiceCore &core, bool published, const MediaUpload &uplo
     return json_answer(kOk, Json::object());
 }
 
+/// The row of file_name, uploaded as object, unless the quota or its recording is gone
+/// meanwhile; the caller holds the mutex.
+Response admit_media(ServiceCore &core, bool published, const MediaUpload &upload,
+                     const std::string &device, uint32_t start, const std::string &file_name,
+                     const std::string &object) {
+    // Checked again: other uploads or retention may have run while the body came. A repeat
+    // of a stored file is answered by commit_media whatever the quota.
+    if (!core.metadata->media(device, file_name)) {
+        std::string refusal;
+        int32_t status = kConflict;
+        if (!core.metadata->recording(device, start)) {
+            refusal = no_recording(start);
+        } else {
+            refusal = media_quota_refusal(core, device, upload.size());
+            status = kInsufficientStorage;
+        }
+        if (!refusal.empty()) {
+            if (published) {
+                core.media->remove(object); // published, never acknowledged
+            }
+            return error_answer(status, refusal);
+        }
+    }
+    MediaRow row;
+    row.device = device;
+    row.start_time = start;
+    row.name = file_name;
+    row.bytes = upload.size();
+    row.sha256 = upload.sha256();
+    row.object = object;
+    row.stored = core.now();
+    return commit_media(core, published, upload, row);
+}
+
 } // namespace
 
 // ---- exported calls ------------------------------------------------------------------------
@@ -150,33 +184,14 @@ Response stream_media_upload(ServiceCore &core, const std::string &device,
     // The row, committed under the lock, is what makes it count.
     const bool published = upload->commit();
     std::lock_guard<std::mutex> lock(core.mutex);
-    // Checked again: other uploads or retention may have run while the body came. A repeat
-    // of a stored file is answered by commit_media whatever the quota.
-    if (!core.metadata->media(device, file_name)) {
-        std::string refusal;
-        int32_t status = kConflict;
-        if (!core.metadata->recording(device, *start)) {
-            refusal = no_recording(*start);
-        } else {
-            refusal = media_quota_refusal(core, device, upload->size());
-            status = kInsufficientStorage;
-        }
-        if (!refusal.empty()) {
-            if (published) {
-                core.media->remove(object); // published, never acknowledged
-            }
-            return error_answer(status, refusal);
-        }
-    }
-    MediaRow row;
-    row.device = device;
-    row.start_time = *start;
-    row.name = file_name;
-    row.bytes = upload->size();
-    row.sha256 = upload->sha256();
-    row.object = object;
-    row.stored = core.now();
-    return commit_media(core, published, *upload, row);
+    Response answer;
+    // The check and the row in one transaction holding the device's lock: services sharing
+    // the metadata cannot both take the last of a quota.
+    core.metadata->transaction([&] {
+        core.metadata->lock_device(device);
+        answer = admit_media(core, published, *upload, device, *start, file_name, object);
+    });
+    return answer;
 }
 
 Response store_media_upload(ServiceCore &core, const std::string &device,
@@ -218,22 +233,30 @@ Response store_alarm_request(ServiceCore &core, const std::string &device,
         }
     }
     std::lock_guard<std::mutex> lock(core.mutex);
-    // Checked again: alarms posted at the same time may have used the quota up meanwhile.
-    const std::string refusal = alarm_refusal(core, device);
-    if (!refusal.empty()) {
-        if (!row.picture_object.empty()) {
-            core.media->remove(row.picture_object);
-        }
-        return error_answer(kInsufficientStorage, refusal);
-    }
-    row.received = core.now();
+    std::string refusal;
     try {
-        core.metadata->add_alarm(row);
+        // Checked again, with the device's lock held to the row's commit: alarms posted at the
+        // same time, here or to another service sharing the metadata, may have used the
+        // quota up meanwhile.
+        core.metadata->transaction([&] {
+            core.metadata->lock_device(device);
+            refusal = alarm_refusal(core, device);
+            if (refusal.empty()) {
+                row.received = core.now();
+                core.metadata->add_alarm(row);
+            }
+        });
     } catch (...) {
         if (!row.picture_object.empty()) {
             core.media->remove(row.picture_object);
         }
         throw;
+    }
+    if (!refusal.empty()) {
+        if (!row.picture_object.empty()) {
+            core.media->remove(row.picture_object);
+        }
+        return error_answer(kInsufficientStorage, refusal);
     }
     return json_answer(kOk, Json::object());
 }

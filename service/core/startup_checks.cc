@@ -121,17 +121,28 @@ void check_media(ServiceCore &core, std::vector<std::string> *lines_out) {
         }
         std::set<std::string> objects;
         size_t unknown = 0;
-        // Rows of a database other services share may name files of theirs, which this
-        // service's media store does not hold: only a store only this service uses tells a
-        // file that is gone.
-        const bool shared = shared_metadata_url(core.options.metadata_url);
+        // With metadata other services share, its rows may name files of theirs. When each
+        // has a media store of its own, this one does not hold them: rows without a file
+        // here are kept. When the media store is shared too, it holds every service's
+        // files, so a row without its file lost it, as with one service; but the others
+        // may be storing uploads meanwhile: a file without its row may be one whose row is
+        // on its way (left alone), and a row whose file was not listed may have come with
+        // its file since (looked up again).
+        const bool others = shared_metadata_url(core.options.metadata_url);
+        const bool elsewhere_media = others && !media.shared();
+        const bool concurrent_media = others && media.shared();
         size_t elsewhere = 0;
+        size_t in_flight = 0;
         metadata.transaction([&] {
             for (const MediaObject &object : media.list()) {
                 objects.insert(object.name);
                 const std::vector<std::string> parts = split3(object.name);
                 if (parts.empty() || rows.count(object.name) != 0 ||
                     pictures.count(object.name) != 0) {
+                    continue;
+                }
+                if (concurrent_media && (alarm_picture_name(parts) || media_file_name(parts))) {
+                    ++in_flight;
                     continue;
                 }
                 if (alarm_picture_name(parts)) {
@@ -164,9 +175,12 @@ void check_media(ServiceCore &core, std::vector<std::string> *lines_out) {
                 if (objects.count(row.object) != 0) {
                     continue;
                 }
-                if (shared) {
+                if (elsewhere_media) {
                     ++elsewhere;
                     continue;
+                }
+                if (concurrent_media && media.size(row.object)) {
+                    continue; // stored by another service since the listing
                 }
                 QuarantineRow gone;
                 gone.kind = "media";
@@ -185,6 +199,11 @@ void check_media(ServiceCore &core, std::vector<std::string> *lines_out) {
             lines.push_back(std::to_string(elsewhere) +
                             " media rows name files this service does not have; kept, as the "
                             "metadata is shared with other services");
+        }
+        if (in_flight > 0) {
+            lines.push_back(std::to_string(in_flight) +
+                            " media files without their rows left alone, as other services "
+                            "sharing the media may be storing them");
         }
         if (unknown > 0) {
             lines.push_back(std::to_string(unknown) +

@@ -349,7 +349,7 @@ class HttpConnection final : public Connection,
             // The token or a browser session; the admin interface then needs no token of its
             // own.
             if (std::optional<Response> refusal = admin_refusal(
-                    whole, context_.admin_token, *context_.sessions, steady_seconds())) {
+                    whole, context_.admin_token, *context_.sessions, wall_seconds())) {
                 return *refusal;
             }
             if (whole.path == kOverviewPath) {

@@ -248,7 +248,7 @@ bool HttpServer::run(Service &service) {
     const HttpLimits &limits = impl.options.limits;
     WorkPool handlers(limits.handler_threads);
     WorkPool uploads(limits.upload_threads);
-    UiSessions sessions;
+    UiSessions sessions(impl.options.admin_token);
     DeviceActivity activity;
     ConnectionContext &context = impl.context;
     context.service = &service;

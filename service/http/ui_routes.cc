@@ -83,7 +83,7 @@ Response login(const UiContext &context, const Request &request) {
     if (!context.admin_token.empty() && !token_matches(given, context.admin_token)) {
         return login_page(true);
     }
-    const std::string id = context.sessions->create(steady_seconds());
+    const std::string id = context.sessions->create(wall_seconds());
     if (id.empty()) {
         return error_answer(kInternalError, "no random source for a session");
     }
@@ -93,7 +93,7 @@ Response login(const UiContext &context, const Request &request) {
 Response logout(const UiContext &context, const Request &request) {
     const std::string id = cookie_value(request, kSessionCookie);
     if (!id.empty()) {
-        context.sessions->end(id);
+        context.sessions->end(id, wall_seconds());
     }
     return redirect_to_page(session_cookie("", 0, context.tls));
 }
@@ -140,8 +140,8 @@ Response handle_ui(const UiContext &context, const Request &request) {
         return redirect_to_page("");
     }
     if (name.empty() || name == kIndexPage) {
-        const bool open = context.admin_token.empty() ||
-                          has_session(request, *context.sessions, steady_seconds());
+        const bool open =
+            context.admin_token.empty() || has_session(request, *context.sessions, wall_seconds());
         if (!open) {
             return login_page(false);
         }

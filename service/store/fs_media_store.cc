@@ -155,7 +155,8 @@ class FsUpload : public MediaUpload {
 
 // ---- exported calls ------------------------------------------------------------------------
 
-FsMediaStore::FsMediaStore(std::string root, FileSystem &fs) : root_(std::move(root)), fs_(fs) {}
+FsMediaStore::FsMediaStore(std::string root, FileSystem &fs, bool shared)
+    : root_(std::move(root)), fs_(fs), shared_(shared) {}
 
 bool valid_media_object_name(const std::string &name) {
     const std::vector<std::string> parts = split(name);
@@ -309,7 +310,13 @@ size_t FsMediaStore::sweep_temporary() {
     make_directory(incoming, fs_);
     size_t removed = 0;
     std::error_code ec;
+    const std::time_t now = std::time(nullptr);
     for (fs::directory_iterator it(incoming, ec), end; !ec && it != end; it.increment(ec)) {
+        struct stat st {};
+        if (shared_ && (::lstat(it->path().c_str(), &st) != 0 ||
+                        now - st.st_mtime < static_cast<std::time_t>(kStaleUploadAge))) {
+            continue; // possibly another service's upload, still being written
+        }
         std::error_code remove_ec;
         if (fs::remove(it->path(), remove_ec)) {
             ++removed;

@@ -16,8 +16,10 @@ bool valid_media_object_name(const std::string &name);
 class FsMediaStore : public MediaStore {
   public:
     /// root exists. Objects are the files two directories below root's device directories.
-    /// Files are created, synced, renamed and removed through fs.
-    explicit FsMediaStore(std::string root, FileSystem &fs = real_file_system());
+    /// Files are created, synced, renamed and removed through fs. shared: other services may
+    /// use root at the same time (see MediaStore::shared).
+    explicit FsMediaStore(std::string root, FileSystem &fs = real_file_system(),
+                          bool shared = false);
 
     bool valid_name(const std::string &name) const override;
     std::unique_ptr<MediaUpload> begin(const std::string &name) override;
@@ -29,11 +31,15 @@ class FsMediaStore : public MediaStore {
     std::string set_aside(const std::string &name) override;
     std::vector<MediaObject> list() override;
     std::string local_path(const std::string &name) const override;
+    bool shared() const override { return shared_; }
+    /// Removes the files under .incoming~ (when shared, only those not written to for
+    /// kStaleUploadAge).
     size_t sweep_temporary() override;
 
   private:
     std::string root_;
     FileSystem &fs_;
+    bool shared_;
 };
 
 } // namespace vexo_cloud

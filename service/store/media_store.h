@@ -62,9 +62,21 @@ class MediaStore {
     virtual std::vector<MediaObject> list() = 0;
     /// Where a program on this machine reads an object; empty when it is not a local file.
     virtual std::string local_path(const std::string &name) const = 0;
+    /// True when other services may use this store at the same time (an object store, a
+    /// directory outside the service's locked data directory): objects may then appear and
+    /// go under this service's feet, and temporary objects may be another's uploads.
+    virtual bool shared() const = 0;
     /// Removes the temporary objects of uploads that never finished (e.g. the process was
-    /// killed); call before any upload begins. Returns how many it removed.
+    /// killed); call before any of this service's uploads begins. In a shared store only
+    /// those left alone for kStaleUploadAge go, as the others may be another's in flight.
+    /// Returns how many it removed.
     virtual size_t sweep_temporary() = 0;
+
+    /// How long an upload to a shared store must have been left alone before a sweep takes
+    /// it for abandoned: far longer than any one upload request lasts (the service's
+    /// request and idle timeouts end those within minutes), short enough that parts of
+    /// abandoned uploads do not pile up for long.
+    static constexpr uint64_t kStaleUploadAge = 3600;
 };
 
 /// The SHA-256 of an object as 64 lowercase hex characters; nullopt when there is none.

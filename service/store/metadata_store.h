@@ -73,6 +73,11 @@ class MetadataStore {
     /// Lets the lead of job go; never throws (a lead whose connection is gone went with it).
     virtual void end_lead(const std::string &job) = 0;
 
+    /// Inside transaction(): makes other services' lock_device(device) wait until the
+    /// transaction ends, so that a quota's check and the row it lets in are one step for all
+    /// services sharing the store. A store only this service uses needs nothing.
+    virtual void lock_device(const std::string &device) = 0;
+
     // ---- alarms, gaps and reported events ----
     /// A new alarm id, higher than any this store handed out or stored before, also when
     /// several services share the store.

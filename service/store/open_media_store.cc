@@ -74,7 +74,9 @@ std::unique_ptr<MediaStore> open_media_store(const std::string &url, const std::
     if (url.rfind(kFileScheme, 0) == 0 && url.size() > sizeof(kFileScheme) - 1) {
         const std::string dir = url.substr(sizeof(kFileScheme) - 1);
         make_directory(dir);
-        return std::make_unique<FsMediaStore>(dir);
+        // A directory of its own choosing may be another service's too: the data directory's
+        // lock does not cover it.
+        return std::make_unique<FsMediaStore>(dir, real_file_system(), true);
     }
     if (url.rfind(kS3Scheme, 0) == 0) {
         auto store = std::make_unique<S3MediaStore>(parse_s3_url(url));

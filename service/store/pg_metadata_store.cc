@@ -169,6 +169,13 @@ std::set<std::string> &PgMetadataStore::leads() {
     return leads_;
 }
 
+void PgMetadataStore::lock_device(const std::string &device) {
+    if (!in_transaction_) {
+        throw StoreError("a device's lock is taken inside a transaction");
+    }
+    db_->run("SELECT pg_advisory_xact_lock($1)", PgParams().add(lock_key("device:" + device)));
+}
+
 bool PgMetadataStore::try_lead(const std::string &job) {
     if (leads().count(job) > 0) {
         return true;

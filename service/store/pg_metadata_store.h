@@ -42,6 +42,8 @@ class PgMetadataStore : public MetadataStore {
 
     bool try_lead(const std::string &job) override;
     void end_lead(const std::string &job) override;
+    /// A transaction-scoped advisory lock on the device's key.
+    void lock_device(const std::string &device) override;
 
     int64_t next_alarm_id() override;
     void add_alarm(const AlarmRow &alarm) override;

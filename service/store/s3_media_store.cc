@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <optional>
+#include <time.h>
 
 #include "durable_file.h"
 #include "fs_media_store.h"
@@ -20,6 +22,25 @@ constexpr long kConflict = 409;
 
 bool ok(const S3Response &response) {
     return response.status / 100 == 2;
+}
+
+std::optional<int64_t> utc_seconds(const std::string &text, const char *format) {
+    std::tm tm{};
+    const char *end = ::strptime(text.c_str(), format, &tm);
+    if (end == nullptr) {
+        return std::nullopt;
+    }
+    return static_cast<int64_t>(::timegm(&tm));
+}
+
+/// "2026-11-25T13:09:26.000Z" (fractions ignored), as ListMultipartUploads gives Initiated.
+std::optional<int64_t> parse_iso_time(const std::string &text) {
+    return utc_seconds(text, "%Y-%m-%dT%H:%M:%S");
+}
+
+/// "Wed, 25 Nov 2026 13:09:26 GMT", an HTTP Date.
+std::optional<int64_t> parse_http_date(const std::string &text) {
+    return utc_seconds(text, "%a, %d %b %Y %H:%M:%S");
 }
 
 class S3Upload : public MediaUpload {
@@ -335,6 +356,10 @@ std::string S3MediaStore::local_path(const std::string &) const {
 }
 
 size_t S3MediaStore::sweep_temporary() {
+    return abort_uploads_older_than(kStaleUploadAge);
+}
+
+size_t S3MediaStore::abort_uploads_older_than(uint64_t age_s) {
     size_t aborted = 0;
     std::string key_marker;
     std::string id_marker;
@@ -349,7 +374,15 @@ size_t S3MediaStore::sweep_temporary() {
         if (!ok(response)) {
             client_.fail("cannot list the multipart uploads", response);
         }
+        const auto date = response.headers.find("date");
+        const std::optional<int64_t> gateway_now =
+            date == response.headers.end() ? std::nullopt : parse_http_date(date->second);
+        const int64_t now = gateway_now ? *gateway_now : static_cast<int64_t>(std::time(nullptr));
         for (const std::string &item : xml_elements(response.body, "Upload")) {
+            const std::optional<int64_t> initiated = parse_iso_time(xml_value(item, "Initiated"));
+            if (!initiated || now - *initiated < static_cast<int64_t>(age_s)) {
+                continue; // possibly another service's upload in flight
+            }
             S3Request abort;
             abort.method = "DELETE";
             abort.key = xml_value(item, "Key");

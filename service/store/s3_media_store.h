@@ -33,9 +33,13 @@ class S3MediaStore : public MediaStore {
     std::string set_aside(const std::string &name) override;
     std::vector<MediaObject> list() override;
     std::string local_path(const std::string &name) const override;
-    /// Aborts every multipart upload in the bucket (none can be under way before the first
-    /// upload begins).
+    /// Always: nothing tells whether other services write the same bucket.
+    bool shared() const override { return true; }
+    /// Aborts the multipart uploads initiated kStaleUploadAge or more ago.
     size_t sweep_temporary() override;
+    /// Aborts the multipart uploads initiated age_s or more ago, on the gateway's clock (the
+    /// Date of its answer), so that a skewed clock here aborts nothing younger.
+    size_t abort_uploads_older_than(uint64_t age_s);
 
   private:
     S3Client client_;

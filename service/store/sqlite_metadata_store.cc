@@ -335,6 +335,10 @@ bool SqliteMetadataStore::try_lead(const std::string &) {
 
 void SqliteMetadataStore::end_lead(const std::string &) {}
 
+void SqliteMetadataStore::lock_device(const std::string &) {
+    // The data directory's lock keeps other services out of this database.
+}
+
 int64_t SqliteMetadataStore::next_alarm_id() {
     // One service writes this database (the data directory's lock): the highest id stored is
     // read once, and ids of alarms removed since are not handed out again.

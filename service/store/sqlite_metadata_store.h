@@ -40,6 +40,7 @@ class SqliteMetadataStore : public MetadataStore {
 
     bool try_lead(const std::string &job) override;
     void end_lead(const std::string &job) override;
+    void lock_device(const std::string &device) override;
 
     int64_t next_alarm_id() override;
     void add_alarm(const AlarmRow &alarm) override;

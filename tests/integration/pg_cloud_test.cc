@@ -1,6 +1,6 @@
 // vexo-cloud with its metadata in PostgreSQL (--db postgresql://...): a camera's upload lands
 // in the database, not in the data directory, and a second service sharing the database
-// sees it and leaves the first one's rows alone.
+// sees it and leaves the first one's rows alone, unless it shares the media too.
 #include <gtest/gtest.h>
 #include <libpq-fe.h>
 
@@ -16,19 +16,25 @@ namespace fs = std::filesystem;
 
 const std::string kDevice = "pg-cam";
 
-/// One number an SQL query on url answers; -1 when it failed.
-long long query_number(const std::string &url, const std::string &sql) {
+/// The one value an SQL query on url answers; empty when it failed.
+std::string query_text(const std::string &url, const std::string &sql) {
     PGconn *conn = PQconnectdb(url.c_str());
-    long long value = -1;
+    std::string value;
     if (PQstatus(conn) == CONNECTION_OK) {
         PGresult *result = PQexec(conn, sql.c_str());
         if (PQresultStatus(result) == PGRES_TUPLES_OK && PQntuples(result) == 1) {
-            value = std::atoll(PQgetvalue(result, 0, 0));
+            value = PQgetvalue(result, 0, 0);
         }
         PQclear(result);
     }
     PQfinish(conn);
     return value;
+}
+
+/// One number an SQL query on url answers; -1 when it failed.
+long long query_number(const std::string &url, const std::string &sql) {
+    const std::string text = query_text(url, sql);
+    return text.empty() ? -1 : std::atoll(text.c_str());
 }
 
 TEST(PgCloudTest, AnUploadLandsInPostgresAndASecondServiceSharesIt) {
@@ -75,6 +81,27 @@ TEST(PgCloudTest, AnUploadLandsInPostgresAndASecondServiceSharesIt) {
     EXPECT_EQ(query_number(db, "SELECT count(*) FROM media" + of_device), files) << second.log();
     EXPECT_NE(second.log().find("kept, as the metadata is shared"), std::string::npos)
         << second.log();
+
+    // A third one sharing the first one's media as well: a row whose file is gone goes, as
+    // with one service; a file without its row may be another's upload on its way: kept.
+    ASSERT_GE(files, 2) << first.log();
+    const std::string gone = query_text(db, "SELECT min(object) FROM media" + of_device);
+    const std::string rowless = query_text(db, "SELECT max(object) FROM media" + of_device);
+    ASSERT_TRUE(fs::remove(first.data() + "/" + gone)) << gone;
+    ASSERT_EQ(query_number(db, "WITH d AS (DELETE FROM media WHERE object = '" + rowless +
+                                   "' RETURNING 1) SELECT count(*) FROM d"),
+              1);
+    fs::create_directories(tmp.path() + "/third");
+    Cloud third(tmp.path() + "/third", "", {"--db", db, "--media", "file:" + first.data()});
+    ASSERT_TRUE(third.up()) << third.log();
+    EXPECT_EQ(third.stop(), 0);
+    EXPECT_EQ(query_number(db, "SELECT count(*) FROM media" + of_device), files - 2) << third.log();
+    EXPECT_NE(third.log().find("media row " + gone + " dropped: its file is gone"),
+              std::string::npos)
+        << third.log();
+    EXPECT_NE(third.log().find("1 media files without their rows left alone"), std::string::npos)
+        << third.log();
+    EXPECT_TRUE(fs::exists(first.data() + "/" + rowless)) << "neither adopted nor set aside";
 }
 
 } // namespace

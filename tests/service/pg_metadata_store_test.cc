@@ -2,7 +2,10 @@
 /// background jobs, and a server that goes away and comes back.
 #include <gtest/gtest.h>
 
+#include <libpq-fe.h>
+
 #include <chrono>
+#include <cstdlib>
 #include <set>
 #include <thread>
 
@@ -64,6 +67,62 @@ TEST_F(PgStoreTest, TwoStoresOnOneDatabaseSeeEachOthersRowsAndNeverShareAnAlarmI
     a.add_alarm({1000, "cam1", 5, false, "", "", 5});
     EXPECT_GT(b.next_alarm_id(), 1000);
     EXPECT_EQ(b.alarms("cam1").size(), 1u);
+}
+
+/// How many advisory locks sessions of url's server wait for; -1 when it cannot tell.
+long long waiting_advisory_locks(const std::string &url) {
+    PGconn *conn = PQconnectdb(url.c_str());
+    long long count = -1;
+    if (PQstatus(conn) == CONNECTION_OK) {
+        PGresult *r = PQexec(
+            conn, "SELECT count(*) FROM pg_locks WHERE locktype = 'advisory' AND NOT granted");
+        if (PQresultStatus(r) == PGRES_TUPLES_OK && PQntuples(r) == 1) {
+            count = std::atoll(PQgetvalue(r, 0, 0));
+        }
+        PQclear(r);
+    }
+    PQfinish(conn);
+    return count;
+}
+
+TEST_F(PgStoreTest, ADevicesLockMakesAQuotaCheckAndItsRowOneStepAcrossStores) {
+    const std::string url = new_database();
+    PgMetadataStore a(url);
+    PgMetadataStore b(url);
+    EXPECT_THROW(a.lock_device("cam1"), StoreError) << "outside a transaction it holds nothing";
+    // A quota of one alarm: each store counts, then adds when there is room. b starts while a
+    // holds the lock between its count and its row; b must count a's row.
+    const auto add_if_room = [](PgMetadataStore &store, int64_t id, uint64_t *seen) {
+        store.transaction([&] {
+            store.lock_device("cam1");
+            *seen = store.alarm_count("cam1", 0, UINT32_MAX);
+            if (*seen == 0) {
+                store.add_alarm({id, "cam1", 5, false, "", "", 5});
+            }
+        });
+    };
+    uint64_t seen_a = 9;
+    uint64_t seen_b = 9;
+    std::thread other;
+    a.transaction([&] {
+        a.lock_device("cam1");
+        seen_a = a.alarm_count("cam1", 0, UINT32_MAX);
+        other = std::thread([&] { add_if_room(b, 2, &seen_b); });
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (waiting_advisory_locks(url) < 1 && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::yield();
+        }
+        EXPECT_EQ(waiting_advisory_locks(url), 1) << "b waits for a's lock";
+        PgMetadataStore c(url);
+        c.transaction([&] { c.lock_device("cam2"); }); // another device's lock: no waiting
+        if (seen_a == 0) {
+            a.add_alarm({1, "cam1", 5, false, "", "", 5});
+        }
+    });
+    other.join();
+    EXPECT_EQ(seen_a, 0u);
+    EXPECT_EQ(seen_b, 1u) << "b counted after a's row committed";
+    EXPECT_EQ(a.alarms("cam1").size(), 1u);
 }
 
 TEST_F(PgStoreTest, OneStoreAtATimeLeadsAJob) {

@@ -1,4 +1,4 @@
-/// The browser view's access rules and answers: sessions (random, expiring, bounded), the
+/// The browser view's access rules and answers: sessions (signed, expiring, shared by token), the
 /// cookie and X-Vexo-UI rules of the admin interface, the login form, the embedded files,
 /// the overview and the devices' last request times.
 #include "service/http/device_activity.h"
@@ -34,32 +34,54 @@ std::string header(const Response &answer, const std::string &name) {
     return "";
 }
 
-TEST(UiSessions, IdsAreRandomHexAndExpire) {
-    UiSessions sessions(100, 8);
+TEST(UiSessions, AreSignedRandomIdsThatExpire) {
+    UiSessions sessions("t0k", 100, 8);
     const std::string a = sessions.create(1000);
     const std::string b = sessions.create(1000);
-    EXPECT_EQ(a.size(), 64u);
-    EXPECT_EQ(a.find_first_not_of("0123456789abcdef"), std::string::npos) << a;
-    EXPECT_NE(a, b);
+    ASSERT_EQ(a.size(), 64u + 1 + 4 + 1 + 64) << a;
+    EXPECT_NE(a.substr(0, 64), b.substr(0, 64));
+    EXPECT_EQ(a.substr(64, 6), ".1100.");
     EXPECT_TRUE(sessions.valid(a, 1099));
     EXPECT_FALSE(sessions.valid(a, 1100)) << "expired at login + lifetime";
-    EXPECT_FALSE(sessions.valid(a, 1000)) << "an expired session is gone for good";
-    EXPECT_FALSE(sessions.valid("", 1000));
-    EXPECT_FALSE(sessions.valid(b.substr(0, 63) + "x", 1000));
-    sessions.end(b);
-    EXPECT_FALSE(sessions.valid(b, 1000));
+    EXPECT_FALSE(sessions.valid(a, 999)) << "expires later than one lifetime from now";
+    std::string later = a;
+    later.replace(65, 4, "1101");
+    std::string other_id = a;
+    other_id[0] = other_id[0] == 'a' ? 'b' : 'a';
+    for (const std::string &forged : {std::string(), a.substr(0, 64), a.substr(0, a.size() - 1),
+                                      a.substr(0, a.size() - 1) + "x", later, other_id, a + ".",
+                                      std::string(64, 'a') + ".1100." + a.substr(70)}) {
+        EXPECT_FALSE(sessions.valid(forged, 1000)) << forged;
+    }
+    sessions.end(b, 1000);
+    EXPECT_FALSE(sessions.valid(b, 1000)) << "ended";
+    EXPECT_TRUE(sessions.valid(a, 1000)) << "only the one ended";
 }
 
-TEST(UiSessions, AreBoundedAndTheOldestGoesFirst) {
-    UiSessions sessions(1000, 3);
-    const std::string first = sessions.create(1);
-    const std::string second = sessions.create(2);
-    sessions.create(3);
-    const std::string fourth = sessions.create(4);
-    EXPECT_EQ(sessions.size(), 3u);
-    EXPECT_FALSE(sessions.valid(first, 5));
-    EXPECT_TRUE(sessions.valid(second, 5));
-    EXPECT_TRUE(sessions.valid(fourth, 5));
+TEST(UiSessions, AnyServiceWithTheSameTokenKnowsASessionEndedOnlyWhereItWas) {
+    UiSessions one("t0k", 1000, 2);
+    UiSessions two("t0k", 1000, 2);
+    UiSessions other("t1k", 1000, 2);
+    UiSessions open_one;
+    UiSessions open_two;
+    const std::string a = one.create(1);
+    EXPECT_TRUE(two.valid(a, 5)) << "a login on one service is good on another";
+    EXPECT_FALSE(other.valid(a, 5)) << "not with another admin token";
+    EXPECT_FALSE(open_two.valid(open_one.create(1), 5)) << "no token: a random key each";
+    one.end(a, 5);
+    EXPECT_FALSE(one.valid(a, 5));
+    EXPECT_TRUE(two.valid(a, 5)) << "a copied cookie stays good elsewhere until it expires";
+    // The ended ids are bounded: the one expiring first is forgotten first.
+    const std::string b = one.create(2);
+    const std::string c = one.create(3);
+    one.end(b, 5);
+    one.end(c, 5);
+    EXPECT_EQ(one.revoked(), 2u);
+    EXPECT_TRUE(one.valid(a, 5));
+    EXPECT_FALSE(one.valid(b, 5));
+    EXPECT_FALSE(one.valid(c, 5));
+    one.end(one.create(1000), 1003);
+    EXPECT_EQ(one.revoked(), 1u) << "expired ones are dropped as others come";
 }
 
 TEST(UiAuth, CookieValuesAreFoundAmongOthers) {
@@ -136,7 +158,7 @@ TEST(UiRoutes, LoginSetsASessionCookieAndAWrongTokenGetsTheFormAgain) {
     EXPECT_EQ(answer.status, 401);
     EXPECT_EQ(header(answer, "Set-Cookie"), "");
     EXPECT_NE(answer.body.find("<p id=\"login-error\">"), std::string::npos) << answer.body;
-    EXPECT_EQ(sessions.size(), 0u);
+    EXPECT_EQ(sessions.revoked(), 0u);
 
     answer = vexo_cloud::handle_ui(context, make("GET", "/ui/", {}));
     EXPECT_EQ(answer.status, 200);
@@ -149,7 +171,8 @@ TEST(UiRoutes, LoginSetsASessionCookieAndAWrongTokenGetsTheFormAgain) {
     for (const char *attribute : {"HttpOnly", "SameSite=Strict", "Path=/", "Secure"}) {
         EXPECT_NE(cookie.find(attribute), std::string::npos) << cookie;
     }
-    const std::string id = cookie.substr(13, 64);
+    const std::string id = cookie.substr(13, cookie.find(';') - 13);
+    EXPECT_TRUE(sessions.valid(id, vexo_cloud::wall_seconds())) << cookie;
     const std::map<std::string, std::string> with_cookie = {{"cookie", "vexo_session=" + id}};
     answer = vexo_cloud::handle_ui(context, make("GET", "/ui/", with_cookie));
     EXPECT_EQ(answer.status, 200);
@@ -158,7 +181,7 @@ TEST(UiRoutes, LoginSetsASessionCookieAndAWrongTokenGetsTheFormAgain) {
     answer = vexo_cloud::handle_ui(context, make("POST", "/ui/logout", with_cookie));
     EXPECT_EQ(answer.status, 303);
     EXPECT_NE(header(answer, "Set-Cookie").find("Max-Age=0"), std::string::npos);
-    EXPECT_EQ(sessions.size(), 0u);
+    EXPECT_EQ(sessions.revoked(), 1u);
     answer = vexo_cloud::handle_ui(context, make("GET", "/ui/", with_cookie));
     EXPECT_NE(answer.body.find("id=\"login-form\""), std::string::npos) << "logged out";
 }

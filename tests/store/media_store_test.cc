@@ -3,7 +3,9 @@
 // one-node Ceph gateway started for the suite.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <random>
@@ -11,6 +13,7 @@
 
 #include "durable_file.h"
 #include "fs_media_store.h"
+#include "media_names.h"
 #include "s3_media_store.h"
 #include "tests/store/ceph_gateway.h"
 #include "tests/support/temp_dir.h"
@@ -188,6 +191,34 @@ TEST_P(MediaStoreTest, LargeUploadReadsBackByteExactWholeAndInRanges) {
 INSTANTIATE_TEST_SUITE_P(Stores, MediaStoreTest, ::testing::Values("file", "s3"),
                          [](const auto &param) { return std::string(param.param); });
 
+TEST(FsMediaStoreTest, ASharedDirectoryKeepsTemporaryFilesStillBeingWritten) {
+    namespace fs = std::filesystem;
+    const struct {
+        const char *what;
+        bool shared;
+        std::chrono::seconds idle;
+        size_t swept;
+    } cases[] = {
+        {"own directory, fresh", false, std::chrono::seconds(0), 1},
+        {"shared, fresh: maybe another's upload", true, std::chrono::seconds(0), 0},
+        {"shared, idle just short of the age", true,
+         std::chrono::seconds(MediaStore::kStaleUploadAge - 60), 0},
+        {"shared, idle past the age", true, std::chrono::seconds(MediaStore::kStaleUploadAge + 60),
+         1},
+    };
+    for (const auto &c : cases) {
+        vexo_test::TempDir dir("vexo-media-sweep");
+        FsMediaStore store(dir.path(), real_file_system(), c.shared);
+        EXPECT_EQ(store.shared(), c.shared);
+        EXPECT_EQ(store.sweep_temporary(), 0u) << c.what;
+        const std::string left = dir.path() + "/" + kIncomingDirectory + "/upload-Ab12Cd";
+        std::ofstream(left) << "partial";
+        fs::last_write_time(left, fs::file_time_type::clock::now() - c.idle);
+        EXPECT_EQ(store.sweep_temporary(), c.swept) << c.what;
+        EXPECT_EQ(fs::exists(left), c.swept == 0) << c.what;
+    }
+}
+
 TEST(S3MediaStoreTest, SweepAbortsLeftOverUploadsAndADownGatewayIsUnavailable) {
     Gateway &gateway = Gateway::get();
     if (!gateway.available()) {
@@ -203,8 +234,11 @@ TEST(S3MediaStoreTest, SweepAbortsLeftOverUploadsAndADownGatewayIsUnavailable) {
     start.key = "cam3/300/300_0000.media";
     start.query = "uploads=";
     ASSERT_EQ(client.send(start).status, 200);
-    EXPECT_EQ(store.sweep_temporary(), 1u);
-    EXPECT_EQ(store.sweep_temporary(), 0u);
+    EXPECT_TRUE(store.shared());
+    EXPECT_EQ(store.sweep_temporary(), 0u) << "just begun: maybe another service's upload";
+    EXPECT_EQ(store.abort_uploads_older_than(600), 0u);
+    EXPECT_EQ(store.abort_uploads_older_than(0), 1u) << "every age is old enough";
+    EXPECT_EQ(store.abort_uploads_older_than(0), 0u);
 
     // Wrong keys: an error naming the status and the S3 code.
     S3Config wrong = config;
