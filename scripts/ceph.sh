@@ -123,6 +123,10 @@ mon allow pool size one = true
 mon allow pool delete = true
 mon max pg per osd = 1000
 mon warn on pool no redundancy = false
+# The objects live in memory and the monitor's own store is a few MB: a developer's nearly
+# full disk must not keep the monitor from starting (it refuses below 5 % free by default).
+mon data avail crit = 1
+mon data avail warn = 2
 osd crush chooseleaf type = 0
 [mon]
 mon data = ${DIR}/mon/\$id

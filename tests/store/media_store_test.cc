@@ -66,6 +66,7 @@ class MediaStoreTest : public ::testing::TestWithParam<std::string> {
         }
         Gateway &gateway = Gateway::get();
         if (!gateway.available()) {
+            ASSERT_FALSE(gateway.installed()) << gateway.why_not();
             GTEST_SKIP() << gateway.why_not();
         }
         // A bucket per test: no test sees another's objects.
@@ -222,6 +223,7 @@ TEST(FsMediaStoreTest, ASharedDirectoryKeepsTemporaryFilesStillBeingWritten) {
 TEST(S3MediaStoreTest, SweepAbortsLeftOverUploadsAndADownGatewayIsUnavailable) {
     Gateway &gateway = Gateway::get();
     if (!gateway.available()) {
+        ASSERT_FALSE(gateway.installed()) << gateway.why_not();
         GTEST_SKIP() << gateway.why_not();
     }
     S3Config config = gateway.config("vexo-test-sweep");
