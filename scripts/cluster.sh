@@ -130,7 +130,15 @@ cmd_up() {
     local media_url="s3://$BUCKET?endpoint=$s3_endpoint&region=us-east-1"
 
     say "starting three NATS nodes"
-    "$HERE/nats.sh" up --dir "$DIR/nats" >"$DIR/nats.out" 2>&1 || { cat "$DIR/nats.out" >&2; false; }
+    # Twelve ports picked free before the nodes bind them: another program on the machine
+    # may take one meanwhile, so a failed start is tried again on fresh ports.
+    local attempt
+    for attempt in 1 2 3; do
+        "$HERE/nats.sh" up --dir "$DIR/nats" >"$DIR/nats.out" 2>&1 && break
+        "$HERE/nats.sh" down --dir "$DIR/nats" >/dev/null 2>&1 || true
+        ((attempt < 3)) || { cat "$DIR/nats.out" >&2; false; }
+        say "the NATS nodes did not start (attempt $attempt: $(grep -m1 FTL "$DIR"/nats/n*.log 2>/dev/null | tail -c 120)); again"
+    done
     echo "nats 0" >>"$DIR/pids"
     local mqtt_urls
     mqtt_urls="$(env_value "$DIR/nats/nats.env" NATS_MQTT_URLS)"

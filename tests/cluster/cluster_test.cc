@@ -1,8 +1,8 @@
 // The whole stack of scripts/cluster.sh (PostgreSQL, a Ceph gateway, three NATS nodes, two
 // vexo-cloud instances behind HAProxy) through failures: an instance killed in the middle of
-// a recording, and PostgreSQL stopped for a while. The camera talks to HAProxy only; in the
-// end every file it made is in the shared stores and vexo-media verifies them. One cluster
-// serves every case of this binary (the gateway takes seconds to start).
+// a recording, and PostgreSQL or the S3 gateway stopped for a while. The camera talks to HAProxy
+// only; in the end every file it made is in the shared stores and vexo-media verifies them. One
+// cluster serves every case of this binary (the gateway takes seconds to start).
 #include <gtest/gtest.h>
 #include <libpq-fe.h>
 #include <signal.h>
@@ -24,6 +24,7 @@ namespace {
 
 const std::string kScript = VEXO_CLUSTER_SCRIPT;
 const std::string kPgScript = VEXO_CLUSTER_PG_SCRIPT;
+const std::string kCephScript = VEXO_CLUSTER_CEPH_SCRIPT;
 const std::string kBuildDir = VEXO_CLUSTER_BUILD_DIR;
 const std::string kCamsim = VEXO_CLUSTER_CAMSIM;
 const std::string kMedia = VEXO_CLUSTER_MEDIA;
@@ -193,6 +194,9 @@ class ClusterTest : public ::testing::Test {
         EXPECT_EQ(verified_files(verify.out), uploads) << verify.out;
     }
 
+    void outage(const std::string &device, const std::vector<std::string> &stop,
+                const std::vector<std::string> &start);
+
     static e2e::TempDir *tmp_;
     static std::string dir_;
     static std::string up_output_;
@@ -237,25 +241,35 @@ TEST_F(ClusterTest, AnInstanceKilledMidRecordingLosesNothing) {
     expect_nothing_lost(*camsim, device);
 }
 
-TEST_F(ClusterTest, PostgresStoppedForTwentyCameraSecondsLosesNothing) {
-    const std::string device = "pg-cam";
+/// A shared store away for about 20 camera seconds in the middle of a recording: stop runs
+/// once the camera has stored files, start once it has spooled 20 s; then nothing is lost.
+void ClusterTest::outage(const std::string &device, const std::vector<std::string> &stop,
+                         const std::vector<std::string> &start) {
     auto camsim = camera(device, "70");
     const std::string progress = "s/70s] ";
     ASSERT_TRUE(camsim->wait_for(progress, kWaitS, 2)) << camsim->output();
-    const std::string pg_dir = dir_ + "/pg";
-    ASSERT_EQ(e2e::run({kPgScript, "stop", pg_dir}).status, 0);
+    const e2e::Result stopped = e2e::run(stop);
+    ASSERT_EQ(stopped.status, 0) << stopped.out;
     // The service answers the camera's next request with 503 through HAProxy, and the
     // camera keeps it and what follows in its spool.
     ASSERT_TRUE(camsim->wait_for("spool: cloud unreachable (HTTP 503)", kWaitS))
         << camsim->output();
-    // About 20 camera seconds without the database.
     const size_t seen = e2e::occurrences(camsim->output(), progress);
     ASSERT_TRUE(camsim->wait_for(progress, kWaitS, seen + 2)) << camsim->output();
-    const std::string port = var("VEXO_DB_URL").substr(var("VEXO_DB_URL").rfind(':') + 1);
-    const std::string port_digits = port.substr(0, port.find('/'));
-    const e2e::Result started = e2e::run({kPgScript, "start", pg_dir, port_digits});
+    const e2e::Result started = e2e::run(start);
     ASSERT_EQ(started.status, 0) << started.out;
     expect_nothing_lost(*camsim, device);
+}
+
+TEST_F(ClusterTest, PostgresStoppedForTwentyCameraSecondsLosesNothing) {
+    const std::string db = var("VEXO_DB_URL");
+    const std::string port = db.substr(db.rfind(':') + 1, db.rfind('/') - db.rfind(':') - 1);
+    outage("pg-cam", {kPgScript, "stop", dir_ + "/pg"}, {kPgScript, "start", dir_ + "/pg", port});
+}
+
+TEST_F(ClusterTest, GatewayStoppedForTwentyCameraSecondsLosesNothing) {
+    outage("s3-cam", {kCephScript, "gateway-stop", "--dir", dir_ + "/ceph"},
+           {kCephScript, "gateway-start", "--dir", dir_ + "/ceph"});
 }
 
 } // namespace
