@@ -29,8 +29,7 @@ const std::string kBuildDir = VEXO_CLUSTER_BUILD_DIR;
 const std::string kCamsim = VEXO_CLUSTER_CAMSIM;
 const std::string kMedia = VEXO_CLUSTER_MEDIA;
 constexpr double kWaitS = 120;
-/// 2026-01-01 10:05:00 UTC and an hour later: far from the half hours at which all-time
-/// recordings split.
+/// 2026-01-01 10:05:00 UTC: far from the half hours at which all-time recordings split.
 const std::string kMorning = "1767261900";
 
 /// The programs the cluster needs; the first one missing, or empty.
@@ -172,7 +171,7 @@ class ClusterTest : public ::testing::Test {
                                                "--slice",       "4"};
         return std::make_unique<e2e::Process>(argv, tmp_->path() + "/" + device + ".log");
     }
-    /// The camera ended well with an empty spool, and every file it says it uploaded is in
+    /// The camera ended well with an empty spool, every file it made was uploaded and is in
     /// the shared database once, and vexo-media verifies the recording from the stores.
     void expect_nothing_lost(e2e::Process &camsim, const std::string &device) {
         ASSERT_EQ(camsim.wait(kWaitS * 2), 0) << camsim.output();
@@ -181,6 +180,9 @@ class ClusterTest : public ::testing::Test {
         EXPECT_NE(out.find(" sent, 0 dropped\n"), std::string::npos) << out;
         const long long uploads = number_after(out, "\nuploads: ");
         ASSERT_GT(uploads, 0) << out;
+        // Every file the module made (its debug line names each new one) was delivered.
+        EXPECT_EQ(static_cast<long long>(e2e::occurrences(out, " new media file name ")), uploads)
+            << out;
         const std::string of_device = " FROM media WHERE device = '" + device + "'";
         EXPECT_EQ(query_number(var("VEXO_DB_URL"), "SELECT count(*)" + of_device), uploads) << out;
         EXPECT_EQ(query_number(var("VEXO_DB_URL"), "SELECT count(DISTINCT name)" + of_device),
