@@ -7,6 +7,9 @@
 #   scripts/ceph.sh up     [--dir DIR] [--port P]   start it; prints the endpoint and keys
 #   scripts/ceph.sh down   [--dir DIR]              stop it and remove DIR's cluster files
 #   scripts/ceph.sh status [--dir DIR]              exit 0 when the gateway answers
+#   scripts/ceph.sh gateway-stop|gateway-start [--dir DIR]
+#                                                   stop the gateway alone (the store keeps
+#                                                   its objects), start it again on its port
 #
 # DIR (default ./vexo-ceph) holds the configuration, the logs, the pid files and s3.env:
 #   VEXO_S3_ENDPOINT=http://127.0.0.1:P  AWS_ACCESS_KEY_ID=...  AWS_SECRET_ACCESS_KEY=...
@@ -22,7 +25,7 @@ USER_ID=vexo
 die() { printf 'ceph.sh: %s\n' "$*" >&2; exit 2; }
 
 command_name="${1:-}"
-[[ -n "${command_name}" ]] || die "usage: ceph.sh up|down|status [--dir DIR] [--port P]"
+[[ -n "${command_name}" ]] || die "usage: ceph.sh up|down|status|gateway-stop|gateway-start [--dir DIR] [--port P]"
 shift
 DIR=./vexo-ceph
 PORT=
@@ -180,12 +183,27 @@ EOF
     cat "${DIR}/s3.env"
 }
 
+gateway_start() {
+    [[ -f "${CONF}" && -f "${DIR}/s3.env" ]] || die "no cluster in ${DIR}"
+    local deadline=$((SECONDS + ${CEPH_UP_TIMEOUT:-90}))
+    radosgw -c "${CONF}" -n client.rgw
+    until gateway_answers; do
+        if ((SECONDS >= deadline)); then
+            show_logs
+            die "the gateway did not answer again within ${CEPH_UP_TIMEOUT:-90}s"
+        fi
+        sleep 0.2
+    done
+}
+
 case "${command_name}" in
 up) up ;;
+gateway-stop) stop_pid_file "${DIR}/run/client.rgw.pid" ;;
+gateway-start) gateway_start ;;
 down) down ;;
 status)
     gateway_answers || { echo "ceph.sh: the gateway in ${DIR} does not answer" >&2; exit 1; }
     cat "${DIR}/s3.env"
     ;;
-*) die "unknown command ${command_name} (up, down or status)" ;;
+*) die "unknown command ${command_name} (up, down, status, gateway-stop or gateway-start)" ;;
 esac

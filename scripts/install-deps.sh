@@ -9,8 +9,8 @@
 #     load generator, nginx and jq for its comparison benchmark; libpq and the PostgreSQL
 #     server for the metadata store on PostgreSQL and its tests; for the service's browser
 #     view: node and npm, and chromium for its browser tests; for the S3 media store's tests:
-#     ceph-mon, ceph-osd and radosgw, which scripts/ceph.sh runs as a one-node cluster; for
-#     scripts/soak.sh: Debian's python3 and gnuplot);
+#     ceph-mon, ceph-osd and radosgw, which scripts/ceph.sh runs as a one-node cluster; haproxy
+#     in front of scripts/cluster.sh's service instances; for scripts/soak.sh: Debian's python3 and gnuplot);
 #   - ui/node_modules from the committed package-lock.json (`npm ci`): hls.js, which the
 #     build compiles into vexo-cloud, and puppeteer-core, which drives the browser tests;
 #   - an armhf sysroot with cJSON and OpenSSL's libcrypto, built from the armhf .debs with
@@ -40,7 +40,7 @@ HOST_PACKAGES=(
     ffmpeg libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev
     libcurl4-openssl-dev libmosquitto-dev mosquitto libcpp-httplib-dev nats-server
     libboost-dev nginx jq
-    ceph-mon ceph-osd radosgw
+    ceph-mon ceph-osd radosgw haproxy
     libpq-dev postgresql
     nodejs chromium
     python3 gnuplot-nox

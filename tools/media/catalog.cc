@@ -5,6 +5,8 @@
 #include <filesystem>
 #include <tuple>
 
+#include "open_metadata_store.h"
+#include "store_views.h"
 #include "tool_error.h"
 
 namespace vexo_tool {
@@ -39,20 +41,36 @@ std::optional<uint32_t> parse_epoch(const std::string &text) {
     return static_cast<uint32_t>(value);
 }
 
+/// The metadata store of a --db URL; a URL of the wrong kind is the user's error.
+std::unique_ptr<vexo_cloud::MetadataStore> open_store(const std::string &db_url,
+                                                      const std::string &data_dir) {
+    std::string error;
+    if (!vexo_cloud::valid_metadata_url(db_url, &error)) {
+        throw ToolError("--db: " + error);
+    }
+    return vexo_cloud::open_metadata_store(db_url, data_dir);
+}
+
 } // namespace
 
 std::vector<Recording> load_recordings(const std::string &data_dir, const std::string &device,
-                                       std::vector<std::string> *damaged) {
+                                       std::vector<std::string> *damaged,
+                                       const std::string &db_url) {
     if (!device.empty() && !vexo_cloud::valid_device_id(device)) {
         throw ToolError("not a device id: '" + device + "'");
     }
     std::error_code error;
-    if (!std::filesystem::is_directory(data_dir, error)) {
+    if (db_url.empty() && !std::filesystem::is_directory(data_dir, error)) {
         throw ToolError("no data directory " + data_dir);
     }
     std::vector<Recording> recordings;
     try {
-        recordings = vexo_cloud::read_recordings(data_dir, device, damaged);
+        if (db_url.empty()) {
+            recordings = vexo_cloud::read_recordings(data_dir, device, damaged);
+        } else {
+            const auto store = open_store(db_url, data_dir);
+            recordings = vexo_cloud::recordings_of(*store, data_dir, device, damaged);
+        }
     } catch (const std::exception &e) {
         throw ToolError("cannot read the recordings of " + data_dir + ": " + e.what());
     }
@@ -63,8 +81,11 @@ std::vector<Recording> load_recordings(const std::string &data_dir, const std::s
 }
 
 std::vector<Gap> load_gaps(const std::string &data_dir, const std::string &device,
-                           std::vector<std::string> *damaged) {
+                           std::vector<std::string> *damaged, const std::string &db_url) {
     try {
+        if (!db_url.empty()) {
+            return open_store(db_url, data_dir)->gaps(device);
+        }
         return vexo_cloud::read_gaps(data_dir, device, damaged);
     } catch (const std::exception &e) {
         throw ToolError("cannot read the gaps of " + data_dir + ": " + e.what());

@@ -20,17 +20,20 @@ constexpr const char *kDefaultDataDir = "./vexo-data/cloud";
 
 /// Every recording under data_dir (of one device when device is not empty), ordered by device
 /// and start time. A recording whose recording.json is damaged or unreadable is listed without
-/// its metadata, and "<path>: <reason>" is appended to *damaged for it. Throws ToolError when
-/// the directory cannot be read or device is not a valid device id.
+/// its metadata, and "<path>: <reason>" is appended to *damaged for it. db_url, when not
+/// empty, is the service's --db: the metadata come from that database instead of data_dir's.
+/// Throws ToolError when the directory or the database cannot be read or device is not a
+/// valid device id.
 std::vector<Recording> load_recordings(const std::string &data_dir, const std::string &device,
-                                       std::vector<std::string> *damaged);
+                                       std::vector<std::string> *damaged,
+                                       const std::string &db_url = "");
 
 /// The gaps reported by the devices under data_dir (one device when device is not empty),
 /// ordered by device and time. A gaps file that is damaged or unreadable is skipped, and
 /// "<path>: <reason>" is appended to *damaged for it. Throws ToolError when the directory
 /// cannot be read or device is not a valid device id.
 std::vector<Gap> load_gaps(const std::string &data_dir, const std::string &device,
-                           std::vector<std::string> *damaged);
+                           std::vector<std::string> *damaged, const std::string &db_url = "");
 
 /// Why a recording's recording.json could not be used, taken from the lines load_recordings
 /// gave; nullopt when the file is sound or absent.

@@ -16,8 +16,8 @@ namespace vexo_tool {
 namespace {
 
 const char kHelp[] =
-    "usage: vexo-media export [--data DIR] [--media URL] [--device D] [--key TEXT] START\n"
-    "                         -o OUT.mp4|OUT.mkv\n"
+    "usage: vexo-media export [--data DIR] [--db URL] [--media URL] [--device D] [--key TEXT]\n"
+    "                         START -o OUT.mp4|OUT.mkv\n"
     "       vexo-media export --all --out-dir DIR [--format mp4|mkv] [--data DIR] [--media URL]\n"
     "                         [--device D] [--key TEXT]\n"
     "\n"
@@ -32,6 +32,7 @@ const char kHelp[] =
     "\n"
     "  --data DIR      the cloud service's data directory (default ./vexo-data/cloud, where "
     "vexo-camsim keeps its cloud)\n"
+    "  --db URL        the service's --db (postgresql://...): the metadata are read there\n"
     "  --media URL     where the service kept the media files (see vexo-media verify -h)\n"
     "  --device D      the recording's device (needed when two devices share a start)\n"
     "  --key TEXT      the 16-character key, instead of the recording's own\n"
@@ -167,7 +168,8 @@ int export_all(const CliArgs &cli, const std::vector<Recording> &all,
 
 int run_export(const std::vector<std::string> &args) {
     const CliArgs cli(
-        args, {"--data", "--media", "--device", "--key", "--output", "--out-dir", "--format"},
+        args,
+        {"--data", "--db", "--media", "--device", "--key", "--output", "--out-dir", "--format"},
         {"--all"});
     if (cli.help()) {
         std::fputs(kHelp, stdout);
@@ -180,8 +182,9 @@ int run_export(const std::vector<std::string> &args) {
         }
     }
     std::vector<std::string> damaged;
-    std::vector<Recording> all = load_recordings(cli.value_or("--data", kDefaultDataDir),
-                                                 cli.value_or("--device", ""), &damaged);
+    std::vector<Recording> all =
+        load_recordings(cli.value_or("--data", kDefaultDataDir), cli.value_or("--device", ""),
+                        &damaged, cli.value_or("--db", ""));
     MediaStage stage(cli.value_or("--media", ""));
     stage.place(&all);
     return cli.flag("--all") ? export_all(cli, all, damaged) : export_single(cli, all, damaged);

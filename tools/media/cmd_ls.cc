@@ -15,7 +15,7 @@ namespace {
 using vexo_cloud::RecordingStatus;
 
 const char kHelp[] =
-    "usage: vexo-media ls [--data DIR] [--device D]\n"
+    "usage: vexo-media ls [--data DIR] [--db URL] [--device D]\n"
     "\n"
     "Lists the recordings of the data directory (default ./vexo-data/cloud), one per line: "
     "device,\n"
@@ -29,6 +29,7 @@ const char kHelp[] =
     "warning on stderr; the exit status is then 1.\n"
     "\n"
     "  --data DIR    the cloud service's data directory\n"
+    "  --db URL      the service's --db (postgresql://...): the metadata are read there\n"
     "  --device D    only this device\n";
 
 std::string key_md5_of(const Recording &recording) {
@@ -64,7 +65,7 @@ void print_gap(const Gap &gap) {
 } // namespace
 
 int run_ls(const std::vector<std::string> &args) {
-    const CliArgs cli(args, {"--data", "--device"}, {});
+    const CliArgs cli(args, {"--data", "--device", "--db"}, {});
     if (cli.help()) {
         std::fputs(kHelp, stdout);
         return kExitOk;
@@ -75,13 +76,15 @@ int run_ls(const std::vector<std::string> &args) {
     const std::string data_dir = cli.value_or("--data", kDefaultDataDir);
     const std::string device = cli.value_or("--device", "");
     std::vector<std::string> damaged;
-    const std::vector<Recording> recordings = load_recordings(data_dir, device, &damaged);
+    const std::vector<Recording> recordings =
+        load_recordings(data_dir, device, &damaged, cli.value_or("--db", ""));
     for (const std::string &line : damaged) {
         std::fprintf(stderr, "vexo-media ls: warning: %s (listed without its metadata)\n",
                      line.c_str());
     }
     std::vector<std::string> damaged_gaps;
-    const std::vector<Gap> gaps = load_gaps(data_dir, device, &damaged_gaps);
+    const std::vector<Gap> gaps =
+        load_gaps(data_dir, device, &damaged_gaps, cli.value_or("--db", ""));
     for (const std::string &line : damaged_gaps) {
         std::fprintf(stderr, "vexo-media ls: warning: %s (its gaps are not listed)\n",
                      line.c_str());

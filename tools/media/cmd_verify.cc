@@ -12,7 +12,8 @@ namespace vexo_tool {
 namespace {
 
 const char kHelp[] =
-    "usage: vexo-media verify [--data DIR] [--media URL] [--device D] [--key TEXT] [START...]\n"
+    "usage: vexo-media verify [--data DIR] [--db URL] [--media URL] [--device D] [--key TEXT]\n"
+    "                         [START...]\n"
     "\n"
     "Checks the media files of the recordings starting at START (epoch seconds), or of every\n"
     "recording: entry structure, cipher lengths, the first entry of each file, time stamp\n"
@@ -24,6 +25,7 @@ const char kHelp[] =
     "\n"
     "  --data DIR    the cloud service's data directory (default ./vexo-data/cloud, where "
     "vexo-camsim keeps its cloud)\n"
+    "  --db URL      the service's --db (postgresql://...): the metadata are read there\n"
     "  --media URL   where the service kept the media files (its --media: file:DIR or\n"
     "                s3://BUCKET?endpoint=URL&region=R with $AWS_ACCESS_KEY_ID and\n"
     "                $AWS_SECRET_ACCESS_KEY)\n"
@@ -76,14 +78,15 @@ bool verify_one(const Recording &recording, const std::optional<std::string> &ke
 } // namespace
 
 int run_verify(const std::vector<std::string> &args) {
-    const CliArgs cli(args, {"--data", "--media", "--device", "--key"}, {});
+    const CliArgs cli(args, {"--data", "--media", "--device", "--key", "--db"}, {});
     if (cli.help()) {
         std::fputs(kHelp, stdout);
         return kExitOk;
     }
     std::vector<std::string> damaged;
-    std::vector<Recording> all = load_recordings(cli.value_or("--data", kDefaultDataDir),
-                                                 cli.value_or("--device", ""), &damaged);
+    std::vector<Recording> all =
+        load_recordings(cli.value_or("--data", kDefaultDataDir), cli.value_or("--device", ""),
+                        &damaged, cli.value_or("--db", ""));
     MediaStage stage(cli.value_or("--media", ""));
     stage.place(&all);
     const std::vector<Recording> chosen =
