@@ -6,7 +6,8 @@
 #     kit and tools: FFmpeg's libraries and command-line tools, nlohmann-json, pkg-config; for the network cloud: libcurl,
 #     libmosquitto and the mosquitto broker (and nats-server for the broker-cluster test), cpp-httplib for the tests' and admin commands'
 #     HTTP client, Boost (header-only Asio and Beast) for the service's HTTP server and the
-#     load generator, nginx and jq for its comparison benchmark; libpq and the PostgreSQL
+#     load generator, nginx and jq for its comparison benchmark, haproxy for the cluster
+#     benchmark; libpq and the PostgreSQL
 #     server for the metadata store on PostgreSQL and its tests; for the service's browser
 #     view: node and npm, and chromium for its browser tests; for the S3 media store's tests:
 #     ceph-mon, ceph-osd and radosgw, which scripts/ceph.sh runs as a one-node cluster; for
@@ -39,7 +40,7 @@ HOST_PACKAGES=(
     pkg-config nlohmann-json3-dev openssl
     ffmpeg libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev
     libcurl4-openssl-dev libmosquitto-dev mosquitto libcpp-httplib-dev nats-server
-    libboost-dev nginx jq
+    libboost-dev nginx jq haproxy
     ceph-mon ceph-osd radosgw
     libpq-dev postgresql
     nodejs chromium
