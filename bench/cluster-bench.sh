@@ -15,7 +15,7 @@
 #                 table and the CPU by process), cluster-bench.png, each run's JSON and table,
 #                 the servers' logs
 #
-# Runs, one after the other on one object store and one database:
+# Runs, one after the other on one database, each on a new object store:
 #   floor   vexo-s3-floor: the slices PUT into the gateway at the cameras' times, through the
 #           service's S3 client (SigV4, one connection per PUT, as the service's store does)
 #   1 inst  vexo-loadgen's cameras through HAProxy to one vexo-cloud
@@ -170,7 +170,7 @@ run() {
         "$@" --cameras "${CAMERAS}" --slice-bytes "${SLICE_BYTES}" --slice-every "${SLICE_EVERY}" \
             --duration "${SECONDS_PER_RUN}" --ramp "${SLICE_EVERY}" --json \
             >"${OUT}/${name}.json" 2>"${OUT}/${name}.txt" || code=$?
-        times | sed -n 2p >"${WORK}/${name}.times"
+        times >"${WORK}/${name}.times" # in a pipeline it would time the pipeline's shell
         exit "${code}"
     ) || status=$?
     end="$(date +%s.%N)"
@@ -184,7 +184,7 @@ run() {
     {
         LC_ALL=C join -a 2 -e 0 -o 0,1.2,2.2 "${WORK}/${name}.cpu0" "${WORK}/${name}.cpu1"
         # "0m1.234s 0m0.567s": the driver's user and system time.
-        sed 's/\([0-9]*\)m\([0-9.]*\)s/\1 \2/g' "${WORK}/${name}.times" |
+        sed -n '2s/\([0-9]*\)m\([0-9.]*\)s/\1 \2/gp' "${WORK}/${name}.times" |
             awk -v d="$(basename "$1")" '{ print d, 0, $1 * 60 + $2 + $3 * 60 + $4 }'
     } | awk -v t="$(echo "${end} - ${start}" | bc)" \
         '{ d = $3 - $2; if (d > 0.005 * t) printf "%s %.1f\n", $1, 100 * d / t }' |
@@ -193,19 +193,28 @@ run() {
 
 # ---- the object store and the database ----
 ADMIN_TOKEN="bench-$(date +%s)"
-log "Ceph S3 gateway (scripts/ceph.sh)"
-"${ROOT}/scripts/ceph.sh" up --dir "${WORK}/ceph" >"${OUT}/ceph.log" 2>&1 ||
-    die "ceph.sh up failed: $(tail -5 "${OUT}/ceph.log")"
-set -a
-# shellcheck disable=SC1091
-. "${WORK}/ceph/s3.env"
-set +a
+# The object store keeps everything in memory: a new one for each run, sized for the run's
+# slices (a 1000-camera minute is 3.75 GB at 750 KB every 10 s) and half as much again.
+store_bytes="$(numfmt --from=si "${SLICE_BYTES^^}")"
+store_bytes=$((store_bytes * CAMERAS * (SECONDS_PER_RUN / SLICE_EVERY) * 3 / 2 + (256 << 20)))
+# fresh_store: the gateway of a new one-node Ceph (scripts/ceph.sh), its address and keys
+# exported.
+fresh_store() {
+    "${ROOT}/scripts/ceph.sh" down --dir "${WORK}/ceph" >/dev/null 2>&1 || true
+    log "Ceph S3 gateway (scripts/ceph.sh), $((store_bytes >> 20)) MiB in memory"
+    CEPH_MEMSTORE_BYTES="${store_bytes}" "${ROOT}/scripts/ceph.sh" up --dir "${WORK}/ceph" \
+        >>"${OUT}/ceph.log" 2>&1 || die "ceph.sh up failed: $(tail -5 "${OUT}/ceph.log")"
+    set -a
+    # shellcheck disable=SC1091
+    . "${WORK}/ceph/s3.env"
+    set +a
+    MEDIA_URL="s3://vexo-media?endpoint=${VEXO_S3_ENDPOINT}"
+}
 log "PostgreSQL (scripts/pg.sh)"
 PG_PORT="$(free_port)"
 "${ROOT}/scripts/pg.sh" start "${WORK}/pg" "${PG_PORT}" >"${OUT}/pg.log" 2>&1 ||
     die "pg.sh start failed: $(tail -5 "${OUT}/pg.log")"
 DB_URL="$("${ROOT}/scripts/pg.sh" url "${PG_PORT}")"
-MEDIA_URL="s3://vexo-media?endpoint=${VEXO_S3_ENDPOINT}"
 
 # ---- instances behind HAProxy ----
 # start_cluster <n>: n vexo-cloud on free ports sharing the database and bucket, HAProxy in
@@ -244,6 +253,7 @@ EOF
     CLUSTER_URL="http://127.0.0.1:${port}"
 }
 
+fresh_store
 # The object store's first writes are slow (pools, first objects): not part of the floor.
 log "warming the gateway up"
 "${FLOOR}" --server "${VEXO_S3_ENDPOINT}/vexo-floor" --cameras 20 --slice-bytes "${SLICE_BYTES}" \
@@ -253,6 +263,7 @@ log "floor: ${CAMERAS} cameras' slices PUT into ${VEXO_S3_ENDPOINT}, ${SECONDS_P
 run floor "${FLOOR}" --server "${VEXO_S3_ENDPOINT}/vexo-floor" --threads "${FLOOR_SENDERS}" \
     --device-prefix f-
 for n in 1 2; do
+    fresh_store
     start_cluster "${n}"
     log "${n} instance(s): ${CAMERAS} cameras through ${CLUSTER_URL}, ${SECONDS_PER_RUN} s"
     run "cluster${n}" "${LOADGEN}" --server "${CLUSTER_URL}" --admin-token "${ADMIN_TOKEN}" \
