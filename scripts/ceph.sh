@@ -15,7 +15,8 @@
 #   VEXO_S3_ENDPOINT=http://127.0.0.1:P  AWS_ACCESS_KEY_ID=...  AWS_SECRET_ACCESS_KEY=...
 # P is the gateway's port (default: a free one). `up` waits for the gateway at most
 # CEPH_UP_TIMEOUT seconds (default 90) and exits non-zero, with the logs' tails, when it does
-# not come. Needs Debian's ceph-mon, ceph-osd and radosgw (scripts/install-deps.sh).
+# not come. The OSD holds CEPH_MEMSTORE_BYTES of objects in memory (default 1 GiB): writes
+# stop when it is full. Needs Debian's ceph-mon, ceph-osd and radosgw (scripts/install-deps.sh).
 set -euo pipefail
 
 ACCESS_KEY=VEXOTESTACCESSKEY000
@@ -136,7 +137,7 @@ mon data = ${DIR}/mon/\$id
 [osd]
 osd data = ${DIR}/osd/\$id
 osd objectstore = memstore
-memstore device bytes = 1073741824
+memstore device bytes = ${CEPH_MEMSTORE_BYTES:-1073741824}
 osd journal size = 0
 [client.rgw]
 rgw frontends = beast endpoint=127.0.0.1:${PORT}

@@ -10,7 +10,7 @@
 #     server for the metadata store on PostgreSQL and its tests; for the service's browser
 #     view: node and npm, and chromium for its browser tests; for the S3 media store's tests:
 #     ceph-mon, ceph-osd and radosgw, which scripts/ceph.sh runs as a one-node cluster; haproxy
-#     in front of scripts/cluster.sh's service instances; for scripts/soak.sh: Debian's python3 and gnuplot);
+#     in front of the service instances of scripts/cluster.sh and the cluster benchmark; for scripts/soak.sh: Debian's python3 and gnuplot);
 #   - ui/node_modules from the committed package-lock.json (`npm ci`): hls.js, which the
 #     build compiles into vexo-cloud, and puppeteer-core, which drives the browser tests;
 #   - an armhf sysroot with cJSON and OpenSSL's libcrypto, built from the armhf .debs with
