@@ -80,7 +80,8 @@ async function logIn(page) {
   check(new URL(page.url()).pathname === '/ui/', `the login leads to /ui/ (at ${page.url()})`);
   check(answer.status() === 200, 'the page loads after the login');
   const cookie = (await page.cookies()).find((c) => c.name === 'vexo_session');
-  check(cookie && /^[0-9a-f]{64}$/.test(cookie.value), 'the session cookie is 32 random bytes in hex');
+  check(cookie && /^[0-9a-f]{64}\.[0-9]+\.[0-9a-f]{64}$/.test(cookie.value),
+    'the session cookie is a random id, its expiry and their HMAC, in hex');
   check(cookie.httpOnly && cookie.sameSite === 'Strict' && cookie.path === '/',
     'the session cookie is HttpOnly, SameSite=Strict, Path=/');
   return cookie;
