@@ -161,6 +161,7 @@ EOF
             if ! alive "${!pid_var}"; then
                 grep -q 'address already in use' "$DIR/n$i.log" && return 1
                 cat "$DIR/n$i.log" >&2
+                cmd_down >/dev/null 2>&1 || true # the nodes that did start
                 die "node n$i ended at start (log above)"
             fi
             local n
