@@ -288,6 +288,11 @@ bool S3MediaStore::remove(const std::string &name) {
     if (!size(name)) {
         return false;
     }
+    delete_object(name);
+    return true;
+}
+
+void S3MediaStore::delete_object(const std::string &name) {
     S3Request request;
     request.method = "DELETE";
     request.key = name;
@@ -295,7 +300,6 @@ bool S3MediaStore::remove(const std::string &name) {
     if (!ok(response) && response.status != kNotFound) {
         client_.fail("cannot remove " + name, response);
     }
-    return true;
 }
 
 std::string S3MediaStore::set_aside(const std::string &name) {
@@ -312,13 +316,7 @@ std::string S3MediaStore::set_aside(const std::string &name) {
     if (!ok(response) || response.body.find("<Error>") != std::string::npos) {
         client_.fail("cannot copy " + name + " to " + target, response);
     }
-    S3Request erase;
-    erase.method = "DELETE";
-    erase.key = name;
-    const S3Response erased = client_.send(erase);
-    if (!ok(erased) && erased.status != kNotFound) {
-        client_.fail("cannot remove " + name, erased);
-    }
+    delete_object(name);
     return target;
 }
 

@@ -42,6 +42,8 @@ class S3MediaStore : public MediaStore {
     size_t abort_uploads_older_than(uint64_t age_s);
 
   private:
+    /// Deletes an object; one already gone is not an error.
+    void delete_object(const std::string &name);
     S3Client client_;
     size_t part_size_;
 };
